@@ -1,0 +1,21 @@
+# Compares the defined dynamic symbols of MODULE with the list EXPECTED (both as sets).
+execute_process(COMMAND nm -D --defined-only ${MODULE}
+  OUTPUT_VARIABLE listing RESULT_VARIABLE result)
+if(NOT result EQUAL 0)
+  message(FATAL_ERROR "nm failed on ${MODULE}")
+endif()
+string(REPLACE "\n" ";" lines "${listing}")
+set(exported "")
+foreach(line IN LISTS lines)
+  # "<address> <type> <name>", the name possibly followed by a version ("@@V1").
+  if(line MATCHES "^[0-9a-fA-F]+ [A-Za-z] ([^@ ]+)")
+    list(APPEND exported ${CMAKE_MATCH_1})
+  endif()
+endforeach()
+list(SORT exported)
+set(expected ${EXPECTED})
+list(SORT expected)
+if(NOT "${exported}" STREQUAL "${expected}")
+  message(FATAL_ERROR "libsigning.so exports [${exported}], expected exactly [${expected}]")
+endif()
+message(STATUS "libsigning.so exports exactly [${exported}]")
