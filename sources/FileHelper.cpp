@@ -147,34 +147,26 @@ int32_t FileHelper::Read(char* buf, unsigned long long pos, unsigned long long l
     return Read(buf, len);
 }
 
+template <typename T>
+T FileHelper::ReadScalar(unsigned long long pos) {
+    if (folder_) return 0;
+    Read(scratch_, pos, sizeof(T));
+    T value;
+    std::memcpy(&value, scratch_, sizeof value);
+    return value;
+}
+
 uint8_t FileHelper::GetUInt8(unsigned long long pos) {
-    if (folder_) return 0;
-    Read(scratch_, pos, 1);
-    return static_cast<uint8_t>(scratch_[0]);
+    return ReadScalar<uint8_t>(pos);
 }
-
 uint16_t FileHelper::GetUInt16(unsigned long long pos) {
-    if (folder_) return 0;
-    Read(scratch_, pos, 2);
-    uint16_t value;
-    std::memcpy(&value, scratch_, sizeof value);
-    return value;
+    return ReadScalar<uint16_t>(pos);
 }
-
 uint32_t FileHelper::GetUInt32(unsigned long long pos) {
-    if (folder_) return 0;
-    Read(scratch_, pos, 4);
-    uint32_t value;
-    std::memcpy(&value, scratch_, sizeof value);
-    return value;
+    return ReadScalar<uint32_t>(pos);
 }
-
 uint64_t FileHelper::GetUInt64(unsigned long long pos) {
-    if (folder_) return 0;
-    Read(scratch_, pos, 8);
-    uint64_t value;
-    std::memcpy(&value, scratch_, sizeof value);
-    return value;
+    return ReadScalar<uint64_t>(pos);
 }
 
 void FileHelper::WriteBlock(const char* buf, uint32_t len) {

@@ -123,6 +123,9 @@ public:
 
 private:
     void ThrowIfNotOpen() const;
+    // Reads sizeof(T) bytes at pos into the scratch and returns them in host order.
+    template <typename T>
+    T ReadScalar(unsigned long long pos);
     static void WalkFolder(std::list<std::string>* list, const std::string& folder, const std::string& prefix,
                            FolderAction action, bool top);
 

@@ -11,14 +11,13 @@
 
 #include "Exceptions.h"
 #include "FileHelper.h"
-#include "TempFolder.h"
+#include "TestSupport.h"
 
 namespace {
 
 std::string Contents(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
     std::stringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
 }
 
@@ -37,116 +36,70 @@ std::string MakeSocket(const std::string& path) {
 
 TEST(FileHelper, OpeningReportsEachFailureWithItsText) {
     TempFolder temp;
-    const std::string missing = temp / "missing.rpm";
-    try {
-        FileHelper file(missing);
-        FAIL() << "opened a missing file";
-    } catch (const FileNotFoundException& e) {
-        EXPECT_EQ(std::string(e.what()), "File operation error: File not found: Cannot get status for '" + missing +
-                                             "': No such file or directory");
-    }
-    const std::string socketPath = MakeSocket(temp / "s");
-    try {
-        FileHelper file(socketPath);
-        FAIL() << "opened a socket";
-    } catch (const FileNotFoundException&) {
-        FAIL() << "wrong class";
-    } catch (const FileIoException& e) {
-        EXPECT_EQ(std::string(e.what()),
-                  "File operation error: Cannot open file " + socketPath + ": No such device or address");
-    }
-    const std::string inFile = temp.Write("plain", "x") + "/below";
-    try {
-        FileHelper file(inFile);
-        FAIL() << "opened below a file";
-    } catch (const FileNotFoundException&) {
-        FAIL() << "ENOTDIR is not 'not found'";
-    } catch (const FileIoException& e) {
-        EXPECT_EQ(std::string(e.what()),
-                  "File operation error: Cannot get status for '" + inFile + "': Not a directory");
-    }
-    // A FIFO without a writer opens at once instead of blocking.
+    const std::string missing = temp / "missing.rpm", socketPath = MakeSocket(temp / "s");
+    const std::string belowFile = temp.Write("plain", "x") + "/below";
+    EXPECT_EQ(
+        MessageOf<FileNotFoundException>([&] { FileHelper file(missing); }),
+        "File operation error: File not found: Cannot get status for '" + missing + "': No such file or directory");
+    EXPECT_EQ(MessageOf<FileIoException>([&] { FileHelper file(socketPath); }),
+              "File operation error: Cannot open file " + socketPath + ": No such device or address");
+    EXPECT_EQ(MessageOf<FileIoException>([&] { FileHelper file(belowFile); }),  // not FileNotFoundException
+              "File operation error: Cannot get status for '" + belowFile + "': Not a directory");
+    // A FIFO without a writer opens at once instead of blocking, and cannot be positioned.
     ASSERT_EQ(mkfifo((temp / "fifo").c_str(), 0600), 0);
     FileHelper fifo(temp / "fifo");
-    EXPECT_THROW(fifo.GetUInt32(0), FileIoException);  // it cannot be positioned
+    EXPECT_THROW(fifo.GetUInt32(0), FileIoException);
 }
 
 TEST(FileHelper, AFolderReadsZeroAndIgnoresWrites) {
     TempFolder temp;
     FileHelper folder(temp.Path());
     EXPECT_TRUE(folder.IsFolder());
-    EXPECT_EQ(folder.GetUInt8(0), 0);
-    EXPECT_EQ(folder.GetUInt32(0), 0u);
-    EXPECT_EQ(folder.GetUInt64(0), 0u);
+    EXPECT_EQ(folder.GetUInt8(0) + folder.GetUInt32(0) + folder.GetUInt64(0), 0u);
     folder.WriteBlock("abc", 3);
     folder.Remove();  // nothing is open: nothing is removed
     EXPECT_TRUE(FileHelper::IsFolder(temp.Path()));
     char byte;
-    try {
-        folder.Read(&byte, 0, 1);
-        FAIL();
-    } catch (const FileIoException& e) {
-        EXPECT_EQ(std::string(e.what()), "File operation error: File '" + temp.Path() + "' was not open");
-    }
+    EXPECT_EQ(MessageOf<FileIoException>([&] { folder.Read(&byte, 0, 1); }),
+              "File operation error: File '" + temp.Path() + "' was not open");
 }
 
 TEST(FileHelper, FixedWidthReadersReturnHostOrder) {
     TempFolder temp;
     FileHelper file(temp.Write("f", std::string("\x00\x00\x00\x10\xED\xAB\xEE\xDB\x03\x00", 10)));
     EXPECT_EQ(file.GetUInt32(0), 0x10000000u);
-    EXPECT_EQ(file.GetUInt32(4), 0xDBEEABEDu);
     EXPECT_EQ(file.GetUInt16(8), 3u);
     EXPECT_EQ(file.GetUInt8(4), 0xED);
     EXPECT_EQ(file.GetUInt64(0), 0xDBEEABED10000000ull);
     EXPECT_EQ(file.GetBufferSize(), 65536u);
-
-    // Past the end the bytes not read keep what the scratch held.
+    // Past the end the bytes not read keep what the scratch held; a fresh scratch is zero.
     EXPECT_EQ(file.GetUInt32(8), 0x10000003u);
+    FileHelper fresh(temp.Write("short", "\x01"));
+    EXPECT_EQ(fresh.GetUInt32(0), 1u);
     char buffer[16];
     EXPECT_EQ(file.Read(buffer, 6, 16), 4);
     EXPECT_EQ(file.Read(buffer, 100, 16), 0);
-    FileHelper fresh(temp.Write("short", "\x01"));
-    EXPECT_EQ(fresh.GetUInt32(0), 1u);  // a fresh scratch is zero
 }
 
-TEST(FileHelper, PositionsAreTestedAs32BitValues) {
+TEST(FileHelper, PositionsAndSizesAre32Bit) {
     TempFolder temp;
-    const std::string path = temp / "sparse";
-    ASSERT_EQ(truncate(temp.Write("sparse", "x").c_str(), 0x90000000LL), 0);
+    const std::string path = temp.Write("sparse", "x");
+    ASSERT_EQ(truncate(path.c_str(), 0x90000000LL), 0);
     FileHelper file(path);
     EXPECT_EQ(file.SetPosition(0x7FFFFFFF), 0x7FFFFFFFull);
-    try {
-        file.SetPosition(0x80000000ull);
-        FAIL() << "a position of 2 GiB passed the 32-bit test";
-    } catch (const FileIoException& e) {
-        EXPECT_EQ(std::string(e.what()), "File operation error: Error on positioning file '" + path +
-                                             "': Value too large for defined data type");
-    }
-    EXPECT_EQ(file.SetPosition(0x100000000ull + 5), 0x100000005ull);  // low word positive again
-    try {
-        FileHelper::GetSize(path);
-        FAIL() << "a 2.25 GiB file has no 32-bit size";
-    } catch (const FileIoException& e) {
-        EXPECT_EQ(std::string(e.what()),
-                  "File operation error: Cannot get size of '" + path + "':Value too large for defined data type");
-    }
-}
+    EXPECT_EQ(MessageOf<FileIoException>([&] { file.SetPosition(0x80000000ull); }),
+              "File operation error: Error on positioning file '" + path + "': Value too large for defined data type");
+    EXPECT_EQ(file.SetPosition(0x100000005ull), 0x100000005ull);  // low word positive again
+    EXPECT_EQ(MessageOf<FileIoException>([&] { FileHelper::GetSize(path); }),
+              "File operation error: Cannot get size of '" + path + "':Value too large for defined data type");
 
-TEST(FileHelper, SizesAndPaths) {
-    TempFolder temp;
     EXPECT_EQ(FileHelper::GetSize(temp.Write("seven", "1234567")), 7u);
     EXPECT_EQ(FileHelper::GetSize(temp.Path()), 0u);
-    try {
-        FileHelper::GetSize(temp / "none");
-        FAIL();
-    } catch (const FileIoException& e) {
-        EXPECT_EQ(std::string(e.what()),
-                  "File operation error: Cannot get size of '" + (temp / "none") + "':No such file or directory");
-    }
+    EXPECT_EQ(MessageOf<FileIoException>([&] { FileHelper::GetSize(temp / "none"); }),
+              "File operation error: Cannot get size of '" + (temp / "none") + "':No such file or directory");
     EXPECT_EQ(FileHelper::GetFilePath("/a/b/c.rpm"), "/a/b");
     EXPECT_EQ(FileHelper::GetFilePath("c.rpm"), "");
     EXPECT_EQ(FileHelper::GetFilePath("/c.rpm"), "");
-    EXPECT_EQ(FileHelper::GetFilePath("a/"), "a");
 }
 
 TEST(FileHelper, CreatesFilesWithTheirFolderPermissions) {
@@ -161,7 +114,6 @@ TEST(FileHelper, CreatesFilesWithTheirFolderPermissions) {
         EXPECT_FALSE(out.IsReadOnly());
         out.WriteBlock("head", 4);
         out.AddBlankArea(3);
-        out.AddBlankArea(0);
         FileHelper in(temp.Write("source", "0123456789"));
         in.CopyData(&out, 2, 5);
         in.CopyData(&out, 5, 5);
@@ -176,26 +128,16 @@ TEST(FileHelper, CreatesFilesWithTheirFolderPermissions) {
                                                         "234",
                                                         10));
 
-    try {
-        FileHelper out(temp / "nowhere/", "x", false);
-        FAIL();
-    } catch (const FileIoException& e) {
-        EXPECT_EQ(std::string(e.what()), "File operation error: Cannot read permissions of folder '" +
-                                             (temp / "nowhere") + "': No such file or directory");
-    }
-    try {
-        FileHelper in(temp.Path(), "/absent", true);
-        FAIL();
-    } catch (const FileIoException& e) {
-        EXPECT_EQ(std::string(e.what()),
-                  "File operation error: Cannot open file " + (temp / "absent") + ": No such file or directory");
-    }
-    // Opened for reading through the two-string form, a folder is a folder too.
+    EXPECT_EQ(MessageOf<FileIoException>([&] { FileHelper out(temp / "nowhere/", "x", false); }),
+              "File operation error: Cannot read permissions of folder '" + (temp / "nowhere") +
+                  "': No such file or directory");
+    EXPECT_EQ(MessageOf<FileIoException>([&] { FileHelper in(temp.Path(), "/absent", true); }),
+              "File operation error: Cannot open file " + (temp / "absent") + ": No such file or directory");
+    // Only the one-argument form marks an object read-only; both forms accept folders.
     FileHelper folder(temp.Path(), "/dir", true);
     EXPECT_TRUE(folder.IsFolder());
-    EXPECT_FALSE(folder.IsReadOnly());  // only the one-argument form marks an object read-only
+    EXPECT_FALSE(folder.IsReadOnly());
     EXPECT_TRUE(FileHelper(temp.Path()).IsReadOnly());
-    EXPECT_EQ(folder.GetUInt32(0), 0u);
 }
 
 TEST(FileHelper, ClosingAndRemoving) {
@@ -203,32 +145,18 @@ TEST(FileHelper, ClosingAndRemoving) {
     const std::string path = temp.Write("doomed", "x");
     FileHelper file(path);
     file.Close();
-    file.Close();  // a closed object closes nothing
-    char byte;
-    EXPECT_THROW(file.Read(&byte, 1), FileIoException);
+    file.Close();
     file.Remove();  // closed: not removed
     EXPECT_TRUE(FileHelper::IsExist(path));
-
-    FileHelper again(path);
-    again.Remove();
+    FileHelper(path).Remove();
     EXPECT_FALSE(FileHelper::IsExist(path));
 
     FileHelper writer(temp.Path(), "/gone", false);
     ASSERT_EQ(unlink((temp / "gone").c_str()), 0);
-    try {
-        writer.Remove();
-        FAIL();
-    } catch (const FileIoException& e) {
-        EXPECT_EQ(std::string(e.what()),
-                  "File operation error: Cannot remove file " + (temp / "gone") + ": No such file or directory");
-    }
+    EXPECT_EQ(MessageOf<FileIoException>([&] { writer.Remove(); }),
+              "File operation error: Cannot remove file " + (temp / "gone") + ": No such file or directory");
     FileHelper closed(temp.Write("w", ""));
     closed.Close();
-    try {
-        closed.WriteBlock("a", 1);
-        FAIL();
-    } catch (const FileIoException& e) {
-        EXPECT_EQ(std::string(e.what()),
-                  "File operation error: Error on writing to file: " + (temp / "w") + ": Bad file descriptor");
-    }
+    EXPECT_EQ(MessageOf<FileIoException>([&] { closed.WriteBlock("a", 1); }),
+              "File operation error: Error on writing to file: " + (temp / "w") + ": Bad file descriptor");
 }

@@ -8,43 +8,26 @@
 
 #include "Exceptions.h"
 #include "FileHelper.h"
-#include "TempFolder.h"
-
-namespace {
-
-template <typename E, typename F>
-std::string MessageOf(F action) {
-    try {
-        action();
-    } catch (const E& e) {
-        return e.what();
-    }
-    return "<nothing thrown>";
-}
-
-}  // namespace
+#include "TestSupport.h"
 
 TEST(FileSystemQueries, ExistenceTypesAndLinks) {
     TempFolder temp;
-    const std::string file = temp.Write("a.tar.gz", "x");
+    const std::string file = temp.Write("a.tar.gz", "x"), none = temp / "none";
     ASSERT_EQ(symlink(file.c_str(), (temp / "link").c_str()), 0);
-    EXPECT_TRUE(FileHelper::IsExist(file));
-    EXPECT_TRUE(FileHelper::IsExist(temp.Path()));
-    EXPECT_FALSE(FileHelper::IsExist(temp / "none"));
+    EXPECT_TRUE(FileHelper::IsExist(file) && FileHelper::IsExist(temp.Path()));
+    EXPECT_FALSE(FileHelper::IsExist(none));
     EXPECT_TRUE(FileHelper::IsFolder(temp.Path()));
-    EXPECT_FALSE(FileHelper::IsFolder(file));
-    EXPECT_FALSE(FileHelper::IsFolder(temp / "none"));  // no exception
+    EXPECT_FALSE(FileHelper::IsFolder(file) || FileHelper::IsFolder(none));  // no exception
     EXPECT_TRUE(FileHelper::IsSymlink(temp / "link"));
     EXPECT_FALSE(FileHelper::IsSymlink(file));
     EXPECT_EQ(FileHelper::GetSymlink(temp / "link"), file);
-    EXPECT_EQ(MessageOf<FileIoException>([&] { FileHelper::IsSymlink(temp / "none"); }),
-              "File operation error: Cannot lstat path: \"" + (temp / "none") + "\"");
+    EXPECT_EQ(MessageOf<FileIoException>([&] { FileHelper::IsSymlink(none); }),
+              "File operation error: Cannot lstat path: \"" + none + "\"");
     EXPECT_EQ(MessageOf<FileIoException>([&] { FileHelper::GetSymlink(file); }),
               "File operation error: Cannot get symlink path: " + file);
     EXPECT_GT(FileHelper::GetModificationTime(file), 1600000000);
-    EXPECT_EQ(
-        MessageOf<FileIoException>([&] { FileHelper::GetModificationTime(temp / "none"); }),
-        "File operation error: Cannot get modification time of '" + (temp / "none") + "':No such file or directory");
+    EXPECT_EQ(MessageOf<FileIoException>([&] { FileHelper::GetModificationTime(none); }),
+              "File operation error: Cannot get modification time of '" + none + "':No such file or directory");
 }
 
 TEST(FileSystemQueries, PathTexts) {
@@ -54,18 +37,17 @@ TEST(FileSystemQueries, PathTexts) {
     EXPECT_EQ(FileHelper::GetFileName("C:\\x\\y.rpm", '\\'), "y.rpm");
     EXPECT_EQ(FileHelper::GetFileExtension("a.tar.gz"), "gz");
     EXPECT_EQ(FileHelper::GetFileExtension("README"), "");
-    EXPECT_TRUE(FileHelper::IsPattern("*.rpm"));
-    EXPECT_TRUE(FileHelper::IsPattern("a?"));
+    EXPECT_TRUE(FileHelper::IsPattern("*.rpm") && FileHelper::IsPattern("a?"));
     EXPECT_FALSE(FileHelper::IsPattern("/a/b"));
 
     TempFolder temp;
-    temp.Write("d/f", "x");
-    EXPECT_EQ(FileHelper::GetSystemFullPath(temp.Path() + "/d/../d/f"), FileHelper::GetSystemFullPath(temp / "d/f"));
+    const std::string real = FileHelper::GetSystemFullPath(temp.Write("d/f", "x"));
+    EXPECT_EQ(FileHelper::GetSystemFullPath(temp.Path() + "/d/../d/f"), real);
     EXPECT_EQ(FileHelper::GetSystemFullPath(temp / "none"), "");
     EXPECT_EQ(FileHelper::GetExecutableDirectory(), FileHelper::GetFilePath(FileHelper::GetSymlink("/proc/self/exe")));
     const std::string cwd = FileHelper::GetWorkingDirectory();
     ASSERT_EQ(chdir(temp.Path().c_str()), 0);
-    EXPECT_EQ(FileHelper::GetFullName("d/./f", false), FileHelper::GetSystemFullPath(temp / "d/f"));
+    EXPECT_EQ(FileHelper::GetFullName("d/./f", false), real);
     EXPECT_EQ(FileHelper::GetFullName("absent", false), FileHelper::GetWorkingDirectory() + "/absent");
     EXPECT_EQ(FileHelper::GetFullName("x", true), FileHelper::GetExecutableDirectory() + "/x");
     EXPECT_EQ(FileHelper::GetFullName("/nowhere/x", true), "/nowhere/x");
@@ -74,10 +56,9 @@ TEST(FileSystemQueries, PathTexts) {
 
 TEST(FileSystemAttributes, PermissionsGroupsAndRenames) {
     TempFolder temp;
-    const std::string source = temp.Write("source", "s");
+    const std::string source = temp.Write("source", "s"), ghostPath = temp / "ghost";
     ASSERT_EQ(chmod(source.c_str(), 0640), 0);
-    FileHelper target(temp.Write("target", "t"));
-    FileHelper model(source);
+    FileHelper target(temp.Write("target", "t")), model(source), ghost(temp.Write("ghost", "g"));
     target.CopyAttributesFrom(model);
     target.CopyGroupFrom(model);
     struct stat status;
@@ -97,29 +78,28 @@ TEST(FileSystemAttributes, PermissionsGroupsAndRenames) {
               "File operation error: Cannot restore permissions for file '" + (temp / "sub/none") +
                   "': No such file or directory");
 
-    FileHelper ghost(temp.Write("ghost", "g"));
-    ASSERT_EQ(unlink((temp / "ghost").c_str()), 0);
+    ASSERT_EQ(unlink(ghostPath.c_str()), 0);
     EXPECT_EQ(MessageOf<FileIoException>([&] { target.CopyAttributesFrom(ghost); }),
-              "File operation error: Cannot read permissions of file: " + (temp / "ghost"));
+              "File operation error: Cannot read permissions of file: " + ghostPath);
     EXPECT_EQ(MessageOf<FileIoException>([&] { ghost.CopyAttributesFrom(model); }),
-              "File operation error: Cannot restore permissions in file: " + (temp / "ghost"));
+              "File operation error: Cannot restore permissions in file: " + ghostPath);
     EXPECT_EQ(MessageOf<FileIoException>([&] { target.CopyGroupFrom(ghost); }),
-              "File operation error: Cannot read the group of file: " + (temp / "ghost"));
+              "File operation error: Cannot read the group of file: " + ghostPath);
     EXPECT_EQ(MessageOf<FileIoException>([&] { ghost.CopyGroupFrom(model); }),
-              "File operation error: Cannot restore group in file: " + (temp / "ghost"));
+              "File operation error: Cannot restore group in file: " + ghostPath);
 
-    // Rename replaces an existing target and follows the file.
-    target.Rename(source);
+    target.Rename(source);  // replaces the existing file and follows it
     EXPECT_EQ(target.GetPath(), source);
     EXPECT_FALSE(FileHelper::IsExist(temp / "target"));
     EXPECT_EQ(FileHelper::GetSize(source), 1u);
     EXPECT_EQ(MessageOf<FileIoException>([&] { ghost.Rename(temp / "new"); }),
-              "File operation error: Cannot rename file " + (temp / "ghost") + ": No such file or directory");
+              "File operation error: Cannot rename file " + ghostPath + ": No such file or directory");
 }
 
 TEST(FileSystemAttributes, ExtendedAttributes) {
     TempFolder temp;
-    FileHelper file(temp.Write("f", "x"));
+    const std::string p = temp.Write("f", "x");
+    FileHelper file(p);
     try {
         file.WriteXAttr("user.signing", "abc", 3);
     } catch (const FileIoException& e) {
@@ -129,7 +109,6 @@ TEST(FileSystemAttributes, ExtendedAttributes) {
     std::list<std::string> names = file.ListXAttrs();
     names.sort();
     EXPECT_EQ(names, (std::list<std::string>{"user.empty", "user.signing"}));
-
     char* value = nullptr;
     long long size = -1;
     file.ReadXAttr("user.signing", value, size);
@@ -137,7 +116,6 @@ TEST(FileSystemAttributes, ExtendedAttributes) {
     EXPECT_EQ(std::string(value, static_cast<size_t>(size)), "abc");
 
     file.RemoveXAttr("user.signing");
-    const std::string p = temp / "f";
     EXPECT_EQ(
         MessageOf<FileNotFoundException>([&] { file.ReadXAttr("user.signing", value, size); }),
         "File operation error: File not found: Cannot read xattr 'user.signing' of '" + p + "':No data available");

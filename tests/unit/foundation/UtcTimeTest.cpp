@@ -16,8 +16,7 @@ time_t Utc(int year, int month, int day, int hour = 0, int minute = 0, int secon
     t.tm_hour = hour;
     t.tm_min = minute;
     t.tm_sec = second;
-    t.tm_wday = 5;   // ignored
-    t.tm_isdst = 1;  // ignored
+    t.tm_wday = 5;  // ignored
     return mktime_utc(&t);
 }
 
@@ -32,23 +31,14 @@ TEST(UtcTime, ConvertsBrokenDownTimeIn32BitArithmetic) {
     EXPECT_EQ(Utc(2040, 1, 1), -2085978496);
     EXPECT_EQ(Utc(1969, 1, 1), 0);                                     // years before 1970 add nothing
     EXPECT_EQ(Utc(1970, 1, 1, 25, 61, 70), 25 * 3600 + 61 * 60 + 70);  // not normalised
-    EXPECT_EQ(Utc(2001, 13, 1), Utc(2002, 1, 1));                      // month 12 is a whole year of months
+    EXPECT_EQ(Utc(2001, 13, 1), Utc(2002, 1, 1));
+    EXPECT_THROW(Utc(2001, 14, 1), ArgumentException);  // past the table of months
 
-    struct tm bad = {};
-    bad.tm_year = 100;
-    bad.tm_mon = 13;
-    bad.tm_mday = 1;
-    EXPECT_THROW(mktime_utc(&bad), ArgumentException);
-
-    // Agrees with the C library over a range of dates.
     for (time_t when = 0; when < 2000000000; when += 86400 * 37 + 3607) {
         struct tm t;
         gmtime_r(&when, &t);
         ASSERT_EQ(mktime_utc(&t), when);
     }
-}
-
-TEST(UtcTime, LeapYearsAndSeconds) {
     EXPECT_FALSE(is_leap_year(1900));
     EXPECT_TRUE(is_leap_year(2000));
     EXPECT_TRUE(is_leap_year(2024));
@@ -58,9 +48,7 @@ TEST(UtcTime, LeapYearsAndSeconds) {
 
 TEST(UtcTime, FormatsTheCurrentTime) {
     const time_t before = time(nullptr);
-    const std::string text = utc_time("%s");
-    EXPECT_GE(std::stoll(text), before);
-    EXPECT_EQ(utc_time("%Y").size(), 4u);
+    EXPECT_GE(std::stoll(utc_time("%s")), before);
     EXPECT_EQ(utc_time(std::string(127, 'x')), std::string(127, 'x'));
-    EXPECT_EQ(utc_time(std::string(128, 'x')), "");
+    EXPECT_EQ(utc_time(std::string(128, 'x')), "");  // does not fit in 128 bytes
 }

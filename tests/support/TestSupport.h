@@ -1,5 +1,5 @@
 #pragma once
-// A fresh folder under the system's temporary folder, removed with everything in it at the end.
+// Helpers shared by the test programs.
 
 #include <stdlib.h>
 
@@ -7,6 +7,18 @@
 #include <fstream>
 #include <string>
 
+// The what() text of the E that action throws, or a marker when it throws nothing.
+template <typename E, typename F>
+std::string MessageOf(F action) {
+    try {
+        action();
+    } catch (const E& e) {
+        return e.what();
+    }
+    return "<nothing thrown>";
+}
+
+// A fresh folder under the system's temporary folder, removed with everything in it at the end.
 class TempFolder {
 public:
     TempFolder() {
