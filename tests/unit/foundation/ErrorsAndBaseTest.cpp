@@ -20,10 +20,9 @@ TEST(Exceptions, ComposeTheirMessagesFromPrefixAndDetail) {
     EXPECT_STREQ(InvalidFileStructureException("d").what(), "File operation error: Invalid structure of the file: d");
     EXPECT_STREQ(NotSupportedFileFormatException("d").what(), "File operation error: File format is not supported: d");
     // Without a prefix the detail is the whole message; without a detail, the bare prefix.
-    for (const char* text : {NotSupportedException("d").what(), NotDefinedException("d").what(),
-                             Base64OperationException("d").what(), InternalErrorException("d").what()}) {
-        EXPECT_STREQ(text, "d");
-    }
+    const std::vector<std::runtime_error> plain{NotSupportedException("d"), NotDefinedException("d"),
+                                                Base64OperationException("d"), InternalErrorException("d")};
+    for (const std::runtime_error& e : plain) EXPECT_STREQ(e.what(), "d");
     EXPECT_STREQ(FileIoException().what(), "File operation error");
     EXPECT_STREQ(DigestException().what(), "Digest calculation error");
     EXPECT_STREQ(FileNotFoundException().what(), "File operation error: File not found");
