@@ -1,0 +1,94 @@
+// The RSA checks call OpenSSL's RSA_verify, RSA_public_decrypt and RSA_verify_PKCS1_PSS directly:
+// their results, including which DigestInfo each NID expects and how the PSS salt is recovered,
+// are the behaviour this class promises, and the RSA object is part of its interface. OpenSSL 3
+// marks that API deprecated (it stays supported through the 3.x series), so the warnings are
+// silenced for this file only.
+#define OPENSSL_SUPPRESS_DEPRECATED
+
+#include "RsaCsp.h"
+
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/rsa.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "Digest.h"
+
+Csp::~Csp() {}
+
+namespace {
+
+// Attaches n and e to rsa, taking ownership of both numbers whatever happens.
+void AttachKey(RSA* rsa, BIGNUM* n, BIGNUM* e) {
+    if (rsa == nullptr || n == nullptr || e == nullptr || RSA_set0_key(rsa, n, e, nullptr) != 1) {
+        BN_free(n);
+        BN_free(e);
+    }
+}
+
+}  // namespace
+
+RsaCsp::RsaCsp(const unsigned char* modulus, int modulusLength, const unsigned char* exponent, int exponentLength)
+    : rsa_(RSA_new()), errorMessage_(nullptr) {
+    AttachKey(rsa_, BN_bin2bn(modulus, modulusLength, nullptr), BN_bin2bn(exponent, exponentLength, nullptr));
+}
+
+RsaCsp::RsaCsp(const BIGNUM* modulus, const BIGNUM* exponent) : rsa_(RSA_new()), errorMessage_(nullptr) {
+    AttachKey(rsa_, BN_dup(modulus), BN_dup(exponent));
+}
+
+RsaCsp::RsaCsp(RSA* rsa) : rsa_(rsa), errorMessage_(nullptr) {}
+
+RsaCsp::~RsaCsp() {
+    if (rsa_ != nullptr) {
+        RSA_free(rsa_);
+    }
+}
+
+int RsaCsp::Verify(int type, const unsigned char* digest, unsigned int digestLength, const unsigned char* signature,
+                   unsigned int signatureLength) {
+    if (rsa_ == nullptr || RSA_get0_n(rsa_) == nullptr || RSA_get0_e(rsa_) == nullptr) {
+        return 0;  // a key that could not be built verifies nothing
+    }
+    return RSA_verify(type, digest, digestLength, signature, signatureLength, rsa_);
+}
+
+int RsaCsp::Verify_PSS(soapWrap::HashAlgorithm algorithm, const unsigned char* digest, unsigned int /*digestLength*/,
+                       const unsigned char* signature, unsigned int signatureLength) {
+    int result = 0;
+    const bool knownDigest = algorithm >= soapWrap::Sha1 && algorithm <= soapWrap::Sha512;
+    if (knownDigest && rsa_ != nullptr && RSA_get0_n(rsa_) != nullptr && RSA_get0_e(rsa_) != nullptr) {
+        // The decrypted message is as long as the modulus, whatever the signature's length.
+        std::vector<unsigned char> buffer(std::max<size_t>(signatureLength, static_cast<size_t>(RSA_size(rsa_))));
+        const int decrypted =
+            RSA_public_decrypt(static_cast<int>(signatureLength), signature, buffer.data(), rsa_, RSA_NO_PADDING);
+        if (decrypted >= 0) {
+            result = RSA_verify_PKCS1_PSS(rsa_, digest, Digest::GetMd(algorithm), buffer.data(), -2);
+        }
+    }
+    if (result == 0) {
+        messages_.emplace_back(GetErrorMessage());
+        errorMessage_ = messages_.back().get();
+    }
+    return result;
+}
+
+char* RsaCsp::GetErrorMessage() {
+    BIO* bio = BIO_new(BIO_s_mem());
+    if (bio == nullptr) {
+        ERR_clear_error();
+        return new char[1]();
+    }
+    ERR_print_errors(bio);
+    char* data = nullptr;
+    const long length = BIO_get_mem_data(bio, &data);
+    char* text = new char[static_cast<size_t>(length > 0 ? length : 0) + 1];
+    if (length > 0) {
+        std::memcpy(text, data, static_cast<size_t>(length));
+    }
+    text[length > 0 ? length : 0] = '\0';
+    BIO_free(bio);
+    return text;
+}

@@ -1,0 +1,54 @@
+#pragma once
+// The module's public-key engine: an RSA public key with the PKCS#1 v1.5 signature check by digest
+// NID and the RSASSA-PSS check.
+
+#include <openssl/bn.h>
+#include <openssl/types.h>
+
+#include <memory>
+#include <vector>
+
+#include "soapWrap.h"
+
+// A crypto service provider: something that checks a signature over a digest.
+class Csp {
+public:
+    virtual ~Csp();
+    virtual int Verify(int type, const unsigned char* digest, unsigned int digestLength, const unsigned char* signature,
+                       unsigned int signatureLength) = 0;
+};
+
+class RsaCsp : public Csp {
+public:
+    // From big-endian unsigned modulus and public exponent bytes (leading zero bytes are ignored).
+    RsaCsp(const unsigned char* modulus, int modulusLength, const unsigned char* exponent, int exponentLength);
+    // From copies of the two numbers; the caller keeps its own.
+    RsaCsp(const BIGNUM* modulus, const BIGNUM* exponent);
+    // Adopts the key; it is freed with this object.
+    explicit RsaCsp(RSA* rsa);
+    ~RsaCsp() override;
+
+    RsaCsp(const RsaCsp&) = delete;
+    RsaCsp& operator=(const RsaCsp&) = delete;
+
+    // Exactly OpenSSL's RSA_verify: 1 when signature is a valid PKCS#1 v1.5 signature of digest
+    // under the digest algorithm with OpenSSL NID type, 0 otherwise.
+    int Verify(int type, const unsigned char* digest, unsigned int digestLength, const unsigned char* signature,
+               unsigned int signatureLength) override;
+    // RSASSA-PSS with the salt length taken from the signature. Nonzero when valid; 0 otherwise,
+    // with the OpenSSL error queue kept as GetLastErrorMessage().
+    int Verify_PSS(soapWrap::HashAlgorithm algorithm, const unsigned char* digest, unsigned int digestLength,
+                   const unsigned char* signature, unsigned int signatureLength);
+
+    // The text of the last failed Verify_PSS, or null. Texts of earlier failures stay valid as long
+    // as this object.
+    const char* GetLastErrorMessage() const { return errorMessage_; }
+
+    // OpenSSL's error queue of this thread as a new text (delete[]); reading it empties the queue.
+    static char* GetErrorMessage();
+
+private:
+    RSA* rsa_;
+    char* errorMessage_;
+    std::vector<std::unique_ptr<char[]>> messages_;  // owns errorMessage_ and every earlier text
+};
