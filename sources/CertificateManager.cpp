@@ -1,0 +1,79 @@
+#include "CertificateManager.h"
+
+#include <cstring>
+
+#include "Base64.h"
+#include "Exceptions.h"
+#include "FileHelper.h"
+
+namespace {
+
+// Frees the manager when the module (or the program) is unloaded.
+struct ManagerReaper {
+    ~ManagerReaper() { CertificateManager::Destroy(); }
+} reaper;
+
+}  // namespace
+
+CertificateManager::CertificateManager() {}
+
+CertificateManager::~CertificateManager() {
+    certificates_.clear();
+    binaries_.clear();
+}
+
+void CertificateManager::SetPgpPublicKeyFilePath(const std::string& path) {
+    pgpPublicKeyPath_ = path;
+}
+
+Certificate* CertificateManager::LoadPgpPublicKey() {
+    return LoadCertificateFromFile(pgpPublicKeyPath_, soapWrap::PgpPublicKey);
+}
+
+Certificate* CertificateManager::LoadCertificateFromFile(const std::string& path,
+                                                         soapWrap::CertificateFileFormat format) {
+    std::unique_ptr<FileHelper> file(new FileHelper(path));
+    const uint32_t size = FileHelper::GetSize(file->GetPath());
+    // A file that shrank since its size was taken leaves zeros, never stale memory.
+    std::unique_ptr<char[]> buffer(new char[size ? size : 1]());
+    if (size > 0) {
+        file->Read(buffer.get(), 0, size);
+    }
+    file.reset();
+    return CreateCertificate(buffer.get(), size, format);
+}
+
+Certificate* CertificateManager::CreateCertificate(const char* data, unsigned int length,
+                                                   soapWrap::CertificateFileFormat format) {
+    if (format != soapWrap::PgpPublicKey) {
+        throw NotImplementedException("Not implemented certificate format");
+    }
+    made_.emplace_back(new PgpCertificate(new PgpMessage(data, length)));
+    certificates_[format] = made_.back().get();
+    return made_.back().get();
+}
+
+Certificate* CertificateManager::GetCertificate(soapWrap::CertificateFileFormat format) const {
+    const auto found = certificates_.find(format);
+    return found == certificates_.end() ? nullptr : found->second;
+}
+
+std::shared_ptr<binary> der_to_pem(std::shared_ptr<binary> der) {
+    static const char kBegin[] = "-----BEGIN CERTIFICATE-----\n";
+    static const char kEnd[] = "-----END CERTIFICATE-----\n";
+    soapWrap::Binary input{der && !der->empty() ? der->data() : nullptr, der ? static_cast<uint32_t>(der->size()) : 0};
+    const std::string text = input.length ? Base64::Encode(&input) : std::string();
+
+    const size_t lines = text.size() / 64, rest = text.size() % 64;
+    auto pem = std::make_shared<binary>();
+    pem->reserve(lines * 65 + (rest ? rest + 1 : 0) + 54);
+    pem->insert(pem->end(), kBegin, kBegin + sizeof kBegin - 1);
+    for (size_t offset = 0; offset < text.size(); offset += 64) {
+        const size_t count = std::min<size_t>(64, text.size() - offset);
+        pem->insert(pem->end(), text.begin() + static_cast<long>(offset),
+                    text.begin() + static_cast<long>(offset + count));
+        pem->push_back('\n');
+    }
+    pem->insert(pem->end(), kEnd, kEnd + sizeof kEnd - 1);
+    return pem;
+}

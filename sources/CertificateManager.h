@@ -1,0 +1,70 @@
+#pragma once
+// The process-wide store of key material: it reads the public-key file named by its path when a
+// signature check asks for the key, and keeps every certificate it made until it is destroyed.
+
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "PgpCertificate.h"
+#include "soapWrap.h"
+
+// One instance of T per process, created on first use. _Count counts the uses; nothing decrements
+// it. The instance lives until Destroy() (the module calls it when it is unloaded).
+template <typename T>
+class Singleton {
+public:
+    virtual ~Singleton() { _Self = nullptr; }
+
+    static T* Instance() {
+        if (_Self == nullptr) {
+            _Self = new T();
+        }
+        ++_Count;
+        return _Self;
+    }
+    static bool HasInstance() { return _Self != nullptr; }
+    static unsigned int Count() { return _Count; }
+    static void Destroy() { delete _Self; }
+
+protected:
+    Singleton() {}
+
+    static inline T* _Self = nullptr;
+    static inline unsigned int _Count = 0;
+};
+
+// A byte buffer that owns its bytes, as der_to_pem takes and returns it.
+typedef std::vector<unsigned char> binary;
+
+class CertificateManager : public Singleton<CertificateManager> {
+public:
+    CertificateManager();
+    ~CertificateManager() override;
+
+    CertificateManager(const CertificateManager&) = delete;
+    CertificateManager& operator=(const CertificateManager&) = delete;
+
+    // Records the path; nothing is read until a key is loaded.
+    void SetPgpPublicKeyFilePath(const std::string& path);
+    const std::string& GetPgpPublicKeyFilePath() const { return pgpPublicKeyPath_; }
+    // Reads the key file again on every call and returns a new certificate made from it.
+    Certificate* LoadPgpPublicKey();
+    Certificate* LoadCertificateFromFile(const std::string& path, soapWrap::CertificateFileFormat format);
+    // Only PgpPublicKey is supported; the data is copied, the caller keeps it.
+    Certificate* CreateCertificate(const char* data, unsigned int length, soapWrap::CertificateFileFormat format);
+    // The certificate last made for a format, or null.
+    Certificate* GetCertificate(soapWrap::CertificateFileFormat format) const;
+
+private:
+    std::string pgpPublicKeyPath_;
+    std::map<soapWrap::CertificateFileFormat, Certificate*> certificates_;
+    std::map<soapWrap::CertificateFileFormat, soapWrap::Binary*> binaries_;  // never filled here
+    // Owns every certificate made: one replaced in the map stays valid until the manager dies.
+    std::list<std::unique_ptr<Certificate>> made_;
+};
+
+// A DER certificate as PEM text: the BEGIN line, the Base64 text in lines of 64, the END line.
+std::shared_ptr<binary> der_to_pem(std::shared_ptr<binary> der);

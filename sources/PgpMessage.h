@@ -1,0 +1,42 @@
+#pragma once
+// An OpenPGP message: an armored public key block or a binary sequence of old-format packets,
+// split into the packets the module needs. It keeps the last public-key packet (tag 6) and the last
+// signature packet (tag 2); user IDs (13) and public subkeys (14) are skipped; other tags refused.
+
+#include <memory>
+#include <vector>
+
+#include "Base.h"
+#include "PgpPacket.h"
+
+class PgpMessage : public Base {
+public:
+    // Binary when octet 0 has its top bit set, armored otherwise. Throws DataFormatException.
+    PgpMessage(const char* data, unsigned int length);
+    ~PgpMessage() override;
+
+    PgpMessage(const PgpMessage&) = delete;
+    PgpMessage& operator=(const PgpMessage&) = delete;
+
+    // Reads the packet at packet; returns the bytes it occupies.
+    unsigned int ParsePacket(const char* packet, unsigned int remaining);
+
+    // Finds the Base64 body of an armored public key block: the BEGIN marker must be the very first
+    // bytes, the body starts after the first empty line (armor headers skipped) and ends before the
+    // line break that precedes the "=" checksum line above the END marker.
+    static bool SkipHeader(const char* data, unsigned long long length, char** body, unsigned int& bodyLength);
+    // A simpler trimmer: the text between the first line (and up to 3 line breaks after it) and the
+    // last line (after up to 2 trailing line breaks). Nothing in the module uses it.
+    static bool DeArmor(const char* data, unsigned long long length, char** body, unsigned int& bodyLength);
+
+    PgpPublicKey* GetPublicKey() const { return publicKey_; }
+    PgpSignatureData* GetSignatureData() const { return signatureData_; }
+
+private:
+    void ParsePackets(const char* data, unsigned int length);
+
+    PgpPublicKey* publicKey_;
+    PgpSignatureData* signatureData_;
+    // Every packet object made, replaced ones included: they stay valid as long as the message.
+    std::vector<std::unique_ptr<PgpPacket>> packets_;
+};
