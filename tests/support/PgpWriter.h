@@ -1,0 +1,122 @@
+#pragma once
+// A test-side OpenPGP writer (RFC 4880): old-format packets, public keys, user IDs, version 3 and 4
+// signatures made with OpenSSL keys, and ASCII armor. It reaches what no tool makes: version 3
+// signatures, every hash id, wrong quick-check bits, foreign issuers, broken values.
+
+#include <openssl/evp.h>
+
+#include <string>
+
+#include "Base64.h"
+#include "TestKeys.h"
+
+namespace pgp {
+
+inline Bytes Concat(std::initializer_list<Bytes> parts) {
+    Bytes all;
+    for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
+    return all;
+}
+
+inline Bytes Be(uint64_t value, int width) {
+    Bytes bytes;
+    for (int i = width - 1; i >= 0; --i) bytes.push_back(static_cast<unsigned char>(value >> (8 * i)));
+    return bytes;
+}
+
+// An old-format packet; lengthType 0, 1 or 2 picks a 1, 2 or 4-octet length.
+inline Bytes Packet(int tag, const Bytes& body, int lengthType = 1) {
+    const int width = lengthType == 0 ? 1 : lengthType == 1 ? 2 : 4;
+    return Concat({{static_cast<unsigned char>(0x80 | (tag << 2) | lengthType)}, Be(body.size(), width), body});
+}
+
+inline Bytes Mpi(Bytes value) {
+    while (!value.empty() && value[0] == 0) value.erase(value.begin());
+    int bits = static_cast<int>(value.size()) * 8;
+    for (unsigned char top = value.empty() ? 0 : value[0]; bits > 0 && !(top & 0x80); top <<= 1) --bits;
+    return Concat({Be(static_cast<uint64_t>(bits), 2), value});
+}
+
+inline Bytes PublicKey(EVP_PKEY* key, unsigned char version = 4, unsigned char algorithm = 1) {
+    return Packet(6, Concat({{version}, Be(0x5F000000, 4), {algorithm}, Mpi(KeyComponent(key, "n")),
+                             Mpi(KeyComponent(key, "e"))}));
+}
+
+inline Bytes UserId(const std::string& text) {
+    return Packet(13, Bytes(text.begin(), text.end()), 0);
+}
+
+inline const EVP_MD* MdOf(int hashId) {
+    switch (hashId) {
+        case 1: return EVP_md5();
+        case 2: return EVP_sha1();
+        case 8: return EVP_sha256();
+        case 9: return EVP_sha384();
+        case 10: return EVP_sha512();
+        case 11: return EVP_sha224();
+        default: return EVP_sha256();
+    }
+}
+
+struct SignatureOptions {
+    int version = 4;
+    int hashId = 8;
+    unsigned char type = 0x00;
+    Bytes issuer = Bytes(8, 0x11);
+    Bytes hashedArea = Concat({{5, 2}, Be(0x60000000, 4)});  // creation time
+    Bytes unhashedExtra;              // subpackets written after the issuer subpacket
+    bool issuerFirst = true;          // false puts unhashedExtra before the issuer
+    bool withIssuer = true;           // false leaves the issuer subpacket out
+    bool breakLeft16 = false;         // wrong quick-check bits
+    bool breakValue = false;          // an RSA value that does not verify
+};
+
+// The hash an OpenPGP signature of data covers, finished with the signature's own fields.
+inline Bytes SignatureHash(const std::string& data, const SignatureOptions& o) {
+    std::string hashed = data;
+    if (o.version == 3) {
+        const Bytes tail = Concat({{o.type}, Be(0x60000000, 4)});
+        hashed.append(tail.begin(), tail.end());
+    } else {
+        const Bytes fields = Concat({{4, o.type, 1, static_cast<unsigned char>(o.hashId)}, Be(o.hashedArea.size(), 2),
+                                     o.hashedArea, {4, 0xFF}, Be(o.hashedArea.size() + 6, 4)});
+        hashed.append(fields.begin(), fields.end());
+    }
+    return HashOf(MdOf(o.hashId), hashed);
+}
+
+inline Bytes SignaturePacket(EVP_PKEY* key, const std::string& data, const SignatureOptions& o = {}) {
+    const Bytes digest = SignatureHash(data, o);
+    Bytes value = SignDigest(key, MdOf(o.hashId), digest);
+    if (o.breakValue) value[value.size() / 2] ^= 0x01;
+    Bytes left16(digest.begin(), digest.begin() + 2);
+    if (o.breakLeft16) left16[0] ^= 0xFF;
+    if (o.version == 3) {
+        return Packet(2, Concat({{3, 5, o.type}, Be(0x60000000, 4), o.issuer, {1, static_cast<unsigned char>(o.hashId)},
+                                 left16, Mpi(value)}));
+    }
+    const Bytes issuer = o.withIssuer ? Concat({{9, 16}, o.issuer}) : Bytes();
+    const Bytes unhashed = o.issuerFirst ? Concat({issuer, o.unhashedExtra}) : Concat({o.unhashedExtra, issuer});
+    return Packet(2, Concat({{4, o.type, 1, static_cast<unsigned char>(o.hashId)}, Be(o.hashedArea.size(), 2),
+                             o.hashedArea, Be(unhashed.size(), 2), unhashed, left16, Mpi(value)}));
+}
+
+// A key block: public key, user ID and a self-signature naming issuer.
+inline Bytes KeyBlock(EVP_PKEY* key, const Bytes& issuer) {
+    SignatureOptions self;
+    self.type = 0x13;
+    self.issuer = issuer;
+    return Concat({PublicKey(key), UserId("Test <test@example.com>"), SignaturePacket(key, "key", self)});
+}
+
+inline std::string Armor(const Bytes& binary, const std::string& eol = "\n", const std::string& headers = "") {
+    unsigned int length = 0;
+    std::unique_ptr<char[]> text(
+        Radix64::Encode(reinterpret_cast<const char*>(binary.data()), static_cast<unsigned>(binary.size()), length));
+    const std::string encoded(text.get(), length - 5), checksum(text.get() + length - 5, 5);
+    std::string armored = "-----BEGIN PGP PUBLIC KEY BLOCK-----" + eol + headers + eol;
+    for (size_t i = 0; i < encoded.size(); i += 64) armored += encoded.substr(i, 64) + eol;
+    return armored + checksum + eol + "-----END PGP PUBLIC KEY BLOCK-----" + eol;
+}
+
+}  // namespace pgp
