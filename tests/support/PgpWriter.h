@@ -38,8 +38,9 @@ inline Bytes Mpi(Bytes value) {
 }
 
 inline Bytes PublicKey(EVP_PKEY* key, unsigned char version = 4, unsigned char algorithm = 1) {
-    return Packet(6, Concat({{version}, Be(0x5F000000, 4), {algorithm}, Mpi(KeyComponent(key, "n")),
-                             Mpi(KeyComponent(key, "e"))}));
+    return Packet(
+        6,
+        Concat({{version}, Be(0x5F000000, 4), {algorithm}, Mpi(KeyComponent(key, "n")), Mpi(KeyComponent(key, "e"))}));
 }
 
 inline Bytes UserId(const std::string& text) {
@@ -64,11 +65,11 @@ struct SignatureOptions {
     unsigned char type = 0x00;
     Bytes issuer = Bytes(8, 0x11);
     Bytes hashedArea = Concat({{5, 2}, Be(0x60000000, 4)});  // creation time
-    Bytes unhashedExtra;              // subpackets written after the issuer subpacket
-    bool issuerFirst = true;          // false puts unhashedExtra before the issuer
-    bool withIssuer = true;           // false leaves the issuer subpacket out
-    bool breakLeft16 = false;         // wrong quick-check bits
-    bool breakValue = false;          // an RSA value that does not verify
+    Bytes unhashedExtra;                                     // subpackets written after the issuer subpacket
+    bool issuerFirst = true;                                 // false puts unhashedExtra before the issuer
+    bool withIssuer = true;                                  // false leaves the issuer subpacket out
+    bool breakLeft16 = false;                                // wrong quick-check bits
+    bool breakValue = false;                                 // an RSA value that does not verify
 };
 
 // The hash an OpenPGP signature of data covers, finished with the signature's own fields.
@@ -78,8 +79,11 @@ inline Bytes SignatureHash(const std::string& data, const SignatureOptions& o) {
         const Bytes tail = Concat({{o.type}, Be(0x60000000, 4)});
         hashed.append(tail.begin(), tail.end());
     } else {
-        const Bytes fields = Concat({{4, o.type, 1, static_cast<unsigned char>(o.hashId)}, Be(o.hashedArea.size(), 2),
-                                     o.hashedArea, {4, 0xFF}, Be(o.hashedArea.size() + 6, 4)});
+        const Bytes fields = Concat({{4, o.type, 1, static_cast<unsigned char>(o.hashId)},
+                                     Be(o.hashedArea.size(), 2),
+                                     o.hashedArea,
+                                     {4, 0xFF},
+                                     Be(o.hashedArea.size() + 6, 4)});
         hashed.append(fields.begin(), fields.end());
     }
     return HashOf(MdOf(o.hashId), hashed);
@@ -92,13 +96,22 @@ inline Bytes SignaturePacket(EVP_PKEY* key, const std::string& data, const Signa
     Bytes left16(digest.begin(), digest.begin() + 2);
     if (o.breakLeft16) left16[0] ^= 0xFF;
     if (o.version == 3) {
-        return Packet(2, Concat({{3, 5, o.type}, Be(0x60000000, 4), o.issuer, {1, static_cast<unsigned char>(o.hashId)},
-                                 left16, Mpi(value)}));
+        return Packet(2, Concat({{3, 5, o.type},
+                                 Be(0x60000000, 4),
+                                 o.issuer,
+                                 {1, static_cast<unsigned char>(o.hashId)},
+                                 left16,
+                                 Mpi(value)}));
     }
     const Bytes issuer = o.withIssuer ? Concat({{9, 16}, o.issuer}) : Bytes();
     const Bytes unhashed = o.issuerFirst ? Concat({issuer, o.unhashedExtra}) : Concat({o.unhashedExtra, issuer});
-    return Packet(2, Concat({{4, o.type, 1, static_cast<unsigned char>(o.hashId)}, Be(o.hashedArea.size(), 2),
-                             o.hashedArea, Be(unhashed.size(), 2), unhashed, left16, Mpi(value)}));
+    return Packet(2, Concat({{4, o.type, 1, static_cast<unsigned char>(o.hashId)},
+                             Be(o.hashedArea.size(), 2),
+                             o.hashedArea,
+                             Be(unhashed.size(), 2),
+                             unhashed,
+                             left16,
+                             Mpi(value)}));
 }
 
 // A key block: public key, user ID and a self-signature naming issuer.

@@ -46,7 +46,8 @@ TEST(PacketFraming, HeadersTagsAndAlgorithms) {
     // User IDs (0xB4) and subkeys (0xB8) are skipped by their length: only then is tag 11 met.
     EXPECT_EQ(ParseError(Bytes{0xB4, 0x01, 'x', 0xB8, 0x00, 0xAC, 0x00}), kPrefix + "Unsupported packet tag");
     EXPECT_EQ(Parse(Bytes{0xB4, 0x01, 'x', 0xB8, 0x00})->GetPublicKey(), nullptr);
-    EXPECT_EQ(ParseError(Bytes{0xB4, 0x05, 'x'}), kPrefix + "OpenPGP packet of 7 bytes is longer than the 3 bytes that remain");
+    EXPECT_EQ(ParseError(Bytes{0xB4, 0x05, 'x'}),
+              kPrefix + "OpenPGP packet of 7 bytes is longer than the 3 bytes that remain");
     EXPECT_EQ(ParseError(Bytes{0xB5, 0x00}), kPrefix + "OpenPGP packet header is truncated");
 
     for (char algorithm : {1, 2, 3, 17}) EXPECT_NO_THROW(PgpPacket::CheckPublicKeyAlgorithm(algorithm));
@@ -116,7 +117,8 @@ TEST(PacketFraming, PublicKeyPackets) {
     truncated.resize(truncated.size() - 10);
     truncated[1] = static_cast<unsigned char>((truncated.size() - 3) >> 8);
     truncated[2] = static_cast<unsigned char>(truncated.size() - 3);
-    EXPECT_EQ(ParseError(truncated), kPrefix + "Size of the multi-precision integers is greater than the buffer length");
+    EXPECT_EQ(ParseError(truncated),
+              kPrefix + "Size of the multi-precision integers is greater than the buffer length");
 
     PgpCertificate certificate(Parse(KeyBlock(key, Bytes(8, 1))).release());
     EXPECT_EQ(certificate.GetKeyLength(), 2048u);
@@ -170,7 +172,8 @@ TEST(PacketFraming, SignaturePackets) {
     SignatureOptions zero;
     zero.unhashedExtra = Bytes{0, 7};
     zero.issuerFirst = false;
-    EXPECT_EQ(ParseError(SignaturePacket(key, "data", zero)), kPrefix + "Unhashed subpacket of length 0 cannot be walked");
+    EXPECT_EQ(ParseError(SignaturePacket(key, "data", zero)),
+              kPrefix + "Unhashed subpacket of length 0 cannot be walked");
     packet = SignaturePacket(key, "data", v4);
     packet.resize(12);  // cut inside the hashed area
     packet[1] = 0;
