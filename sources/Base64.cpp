@@ -44,8 +44,18 @@ unsigned int EncodeInto(const unsigned char* in, unsigned int length, char* out)
     return written;
 }
 
-soapWrap::Binary* ToBinary(char* data, unsigned int length) {
-    std::unique_ptr<char[]> owned(data);
+// The wrappers of both codecs: a Binary in, text out, and text in, a new Binary out.
+typedef char* (*RawCodec)(const char*, unsigned int, unsigned int&);
+
+std::string EncodeBinary(RawCodec encode, const soapWrap::Binary* data) {
+    unsigned int length = 0;
+    std::unique_ptr<char[]> text(encode(reinterpret_cast<const char*>(data->data), data->length, length));
+    return std::string(text.get(), length);
+}
+
+soapWrap::Binary* DecodeToBinary(RawCodec decode, const std::string& text) {
+    unsigned int length = 0;
+    std::unique_ptr<char[]> owned(decode(text.data(), static_cast<unsigned int>(text.size()), length));
     soapWrap::Binary* binary = new soapWrap::Binary{reinterpret_cast<unsigned char*>(owned.get()), length};
     owned.release();
     return binary;
@@ -96,15 +106,11 @@ char* Base64::Decode(const char* text, unsigned int length, unsigned int& outLen
 }
 
 std::string Base64::Encode(const soapWrap::Binary* data) {
-    unsigned int length = 0;
-    std::unique_ptr<char[]> text(Encode(reinterpret_cast<const char*>(data->data), data->length, length));
-    return std::string(text.get(), length);
+    return EncodeBinary(&Base64::Encode, data);
 }
 
 soapWrap::Binary* Base64::Decode(const std::string& text) {
-    unsigned int length = 0;
-    char* data = Decode(text.data(), static_cast<unsigned int>(text.size()), length);
-    return ToBinary(data, length);
+    return DecodeToBinary(&Base64::Decode, text);
 }
 
 uint32_t Radix64::Crc24(const char* data, unsigned int length) {
@@ -150,13 +156,9 @@ char* Radix64::Decode(const char* text, unsigned int length, unsigned int& outLe
 }
 
 std::string Radix64::Encode(const soapWrap::Binary* data) {
-    unsigned int length = 0;
-    std::unique_ptr<char[]> text(Encode(reinterpret_cast<const char*>(data->data), data->length, length));
-    return std::string(text.get(), length);
+    return EncodeBinary(&Radix64::Encode, data);
 }
 
 soapWrap::Binary* Radix64::Decode(const std::string& text) {
-    unsigned int length = 0;
-    char* data = Decode(text.data(), static_cast<unsigned int>(text.size()), length);
-    return ToBinary(data, length);
+    return DecodeToBinary(&Radix64::Decode, text);
 }
