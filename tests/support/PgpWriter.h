@@ -64,54 +64,61 @@ struct SignatureOptions {
     int hashId = 8;
     unsigned char type = 0x00;
     Bytes issuer = Bytes(8, 0x11);
-    Bytes hashedArea = Concat({{5, 2}, Be(0x60000000, 4)});  // creation time
-    Bytes unhashedExtra;                                     // subpackets written after the issuer subpacket
-    bool issuerFirst = true;                                 // false puts unhashedExtra before the issuer
-    bool withIssuer = true;                                  // false leaves the issuer subpacket out
-    bool breakLeft16 = false;                                // wrong quick-check bits
-    bool breakValue = false;                                 // an RSA value that does not verify
+    uint32_t created = 0x60000000;  // creation time
+    Bytes hashedArea;               // empty: one creation time subpacket
+    Bytes unhashedExtra;            // subpackets written after the issuer subpacket
+    bool issuerFirst = true;        // false puts unhashedExtra before the issuer
+    bool withIssuer = true;         // false leaves the issuer subpacket out
+    bool breakLeft16 = false;       // wrong quick-check bits
+    bool breakValue = false;        // an RSA value that does not verify
 };
+
+inline Bytes HashedArea(const SignatureOptions& o) {
+    return o.hashedArea.empty() ? Concat({{5, 2}, Be(o.created, 4)}) : o.hashedArea;
+}
 
 // The hash an OpenPGP signature of data covers, finished with the signature's own fields.
 inline Bytes SignatureHash(const std::string& data, const SignatureOptions& o) {
     std::string hashed = data;
+    const Bytes area = HashedArea(o);
     if (o.version == 3) {
-        const Bytes tail = Concat({{o.type}, Be(0x60000000, 4)});
+        const Bytes tail = Concat({{o.type}, Be(o.created, 4)});
         hashed.append(tail.begin(), tail.end());
     } else {
         const Bytes fields = Concat({{4, o.type, 1, static_cast<unsigned char>(o.hashId)},
-                                     Be(o.hashedArea.size(), 2),
-                                     o.hashedArea,
+                                     Be(area.size(), 2),
+                                     area,
                                      {4, 0xFF},
-                                     Be(o.hashedArea.size() + 6, 4)});
+                                     Be(area.size() + 6, 4)});
         hashed.append(fields.begin(), fields.end());
     }
     return HashOf(MdOf(o.hashId), hashed);
 }
 
-inline Bytes SignaturePacket(EVP_PKEY* key, const std::string& data, const SignatureOptions& o = {}) {
-    const Bytes digest = SignatureHash(data, o);
+// A value with a leading zero octet would be shorter than the modulus, which the RSA check refuses;
+// such signatures are made again one second later, so that tests do not depend on chance.
+inline Bytes SignaturePacket(EVP_PKEY* key, const std::string& data, SignatureOptions o = {}) {
+    Bytes digest = SignatureHash(data, o);
     Bytes value = SignDigest(key, MdOf(o.hashId), digest);
+    for (int tries = 0; tries < 64 && !value.empty() && value[0] == 0 && o.hashedArea.empty(); ++tries) {
+        ++o.created;
+        digest = SignatureHash(data, o);
+        value = SignDigest(key, MdOf(o.hashId), digest);
+    }
+    const Bytes area = HashedArea(o);
     if (o.breakValue) value[value.size() / 2] ^= 0x01;
     Bytes left16(digest.begin(), digest.begin() + 2);
     if (o.breakLeft16) left16[0] ^= 0xFF;
+    const unsigned char hashId = static_cast<unsigned char>(o.hashId);
     if (o.version == 3) {
-        return Packet(2, Concat({{3, 5, o.type},
-                                 Be(0x60000000, 4),
-                                 o.issuer,
-                                 {1, static_cast<unsigned char>(o.hashId)},
-                                 left16,
-                                 Mpi(value)}));
+        return Packet(2, Concat({{3, 5, o.type}, Be(o.created, 4), o.issuer, {1, hashId}, left16, Mpi(value)}));
     }
     const Bytes issuer = o.withIssuer ? Concat({{9, 16}, o.issuer}) : Bytes();
     const Bytes unhashed = o.issuerFirst ? Concat({issuer, o.unhashedExtra}) : Concat({o.unhashedExtra, issuer});
-    return Packet(2, Concat({{4, o.type, 1, static_cast<unsigned char>(o.hashId)},
-                             Be(o.hashedArea.size(), 2),
-                             o.hashedArea,
-                             Be(unhashed.size(), 2),
-                             unhashed,
-                             left16,
-                             Mpi(value)}));
+    return Packet(
+        2,
+        Concat(
+            {{4, o.type, 1, hashId}, Be(area.size(), 2), area, Be(unhashed.size(), 2), unhashed, left16, Mpi(value)}));
 }
 
 // A key block: public key, user ID and a self-signature naming issuer.
