@@ -58,13 +58,3 @@ inline Bytes HashOf(const EVP_MD* md, const std::string& data) {
     EVP_Digest(data.data(), data.size(), digest.data(), &length, md, nullptr);
     return digest;
 }
-
-inline std::string Hex(const unsigned char* data, size_t length) {
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (size_t i = 0; i < length; ++i) {
-        text += digits[data[i] >> 4];
-        text += digits[data[i] & 15];
-    }
-    return text;
-}

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "Base.h"
 #include "CertificateManager.h"
 #include "Digest.h"
 #include "Exceptions.h"
@@ -200,9 +201,7 @@ TEST(CertificateManager, ReadsTheKeysThatGpgMade) {
             // The last signature packet of the block (the self-signature, or the subkey binding
             // signature) is made by the primary key.
             const unsigned char* issuer = certificate->GetMessage()->GetSignatureData()->GetIssuerId();
-            std::string hex = Hex(issuer, 8);
-            for (char& c : hex) c = static_cast<char>(toupper(c));
-            EXPECT_EQ(hex, keyId) << file;
+            EXPECT_EQ(Base::DumpBufferToString(issuer, 8, true), keyId) << file;
         }
         ++keys;
     }
