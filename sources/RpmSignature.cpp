@@ -1,0 +1,247 @@
+#include "RpmSignature.h"
+
+#include <arpa/inet.h>
+
+#include <cstring>
+
+#include "Base.h"
+#include "Exceptions.h"
+
+namespace {
+
+// Lengths of the values that are not counted in bytes by their entry.
+const uint64_t kMd5Length = 16;
+
+std::string EntryName(uint32_t tag) {
+    return "RPM signature tag " + std::to_string(tag);
+}
+
+}  // namespace
+
+RpmSignature::RpmSignature(void* entries, const HeaderStructureHeader& header)
+    : entries_(static_cast<SignatureEntry*>(entries)),
+      entryCount_(header.indexCount),
+      dataSize_(header.dataSize),
+      sha1_(nullptr),
+      md5_(nullptr),
+      headerSignature_(nullptr) {
+    if (entryCount_ == 0) {
+        return;
+    }
+    // The reader walks the index with an 8-bit counter, which can never reach a count of 256 or more.
+    if (entryCount_ > MaxEntries) {
+        throw DataFormatException("RPM signature header holds " + std::to_string(entryCount_) +
+                                  " index entries; at most 255 are supported");
+    }
+    try {
+        ParseEntries();
+    } catch (...) {
+        CleanUpPgpSignatures();
+        throw;
+    }
+}
+
+RpmSignature::~RpmSignature() {
+    CleanUpPgpSignatures();
+}
+
+void RpmSignature::ParseEntries() {
+    for (uint32_t index = 0; index < entryCount_; ++index) {
+        SignatureEntry& entry = entries_[index];
+        entry.offset = ntohl(entry.offset);
+        entry.count = ntohl(entry.count);
+        entry.type = ntohl(entry.type) & 0xFF;
+        // The tag stays in file order; it is compared with the big-endian form of each tag.
+        if (entry.tag == htonl(TagHeaderSignature)) {
+            PgpSignature* signature = ParsePgpSignature(entry);
+            if (headerSignature_ != nullptr) {
+                replaced_.emplace_back(headerSignature_);
+            }
+            headerSignature_ = signature;
+        } else if (entry.tag == htonl(TagSha1)) {
+            unsigned char* value = ValueOf(entry, 1);
+            if (std::memchr(value, '\0', dataSize_ - entry.offset) == nullptr) {
+                throw DataFormatException(EntryName(TagSha1) + ": the text is not terminated inside the store");
+            }
+            sha1_ = reinterpret_cast<char*>(value);
+        } else if (entry.tag == htonl(TagPackageSignature)) {
+            std::unique_ptr<PgpSignature> signature(ParsePgpSignature(entry));
+            packageSignatures_.push_back(signature.get());
+            signature.release();
+        } else if (entry.tag == htonl(TagMd5)) {
+            md5_ = ValueOf(entry, kMd5Length);
+        }
+    }
+}
+
+unsigned char* RpmSignature::ValueOf(const SignatureEntry& entry, uint64_t length) const {
+    if (static_cast<uint64_t>(entry.offset) + length > dataSize_) {
+        throw DataFormatException(EntryName(ntohl(entry.tag)) + ": " + std::to_string(length) + " bytes at offset " +
+                                  std::to_string(entry.offset) + " lie outside the store of " +
+                                  std::to_string(dataSize_) + " bytes");
+    }
+    unsigned char* store = reinterpret_cast<unsigned char*>(entries_ + entryCount_);
+    return store + entry.offset;
+}
+
+PgpSignature* RpmSignature::ParsePgpSignature(const SignatureEntry& entry) {
+    const unsigned char* value = ValueOf(entry, entry.count);
+    messages_.emplace_back(new PgpMessage(reinterpret_cast<const char*>(value), entry.count));
+    PgpSignatureData* data = messages_.back()->GetSignatureData();
+    if (data == nullptr) {
+        throw DataFormatException(EntryName(ntohl(entry.tag)) + " holds no OpenPGP signature packet");
+    }
+    return new PgpSignature(data);
+}
+
+void RpmSignature::CleanUpPgpSignatures() {
+    delete headerSignature_;
+    headerSignature_ = nullptr;
+    for (PgpSignature* signature : packageSignatures_) {
+        delete signature;
+    }
+    packageSignatures_.clear();
+}
+
+void RpmSignature::CreatePgpSignatures() {}
+
+int RpmSignature::Sign(soapWrap::Binary*, const soapWrap::Binary*, std::string&) {
+    return 1;
+}
+
+soapWrap::HashAlgorithm RpmSignature::GetHashAlgorithm() {
+    if (headerSignature_ == nullptr) {
+        throw NotDefinedException("There are no PGP signatures.");
+    }
+    return headerSignature_->GetHashAlgorithm();
+}
+
+// The signing path: fresh signatures get the hashes of the package. CreatePgpSignatures makes none,
+// so this ends at the missing header signature.
+void RpmSignature::UpdateDigests() {
+    CleanUpPgpSignatures();
+    CreatePgpSignatures();
+    if (headerSignature_ == nullptr || packageSignatures_.empty()) {
+        throw NotDefinedException("There are no PGP signatures.");
+    }
+    struct Slots {
+        PgpSignature* signature;
+        int hash, extra;
+    };
+    for (const Slots& slots : {Slots{headerSignature_, 1, 2}, Slots{packageSignatures_.front(), 4, 5}}) {
+        const int stale = GetDigest(slots.extra) != nullptr ? slots.extra : slots.hash;
+        delete GetDigest(stale);
+        SetDigest(stale, nullptr);
+        DigestBase* hash = slots.signature->UpdateHash();
+        slots.signature->SetDigest(0, hash->Copy());
+        SetDigest(slots.hash, hash);
+        SetDigest(slots.extra, nullptr);
+    }
+}
+
+void RpmSignature::VerifyPgpSignature(PgpSignature* pgp, DigestBase* digest, int& result, std::string& message) const {
+    // Lent once: lending the same digest again would hand it to the signature's own store.
+    if (pgp->GetDigest(0) != digest) {
+        pgp->SetDigest(0, digest);
+    }
+    result = pgp->Verify(message);
+    if (result == ResultInvalidSignature) {
+        message = "RSA signature is not valid. " + message;
+    }
+}
+
+int RpmSignature::Verify(std::string& message) const {
+    DigestBase* headerSha1 = GetDigest(0);
+    DigestBase* packageMd5 = GetDigest(3);
+    if (headerSha1 == nullptr || packageMd5 == nullptr) {
+        throw NotDefinedException("The package digests have not been computed.");
+    }
+
+    // The SHA-1 of the main header, as lower-case hexadecimal text. A copy is finished so that the
+    // digest itself stays open.
+    std::unique_ptr<DigestBase> copy(headerSha1->Copy());
+    const std::string sha1 = Base::DumpBufferToString(copy->GetValue(), copy->GetLength(), false);
+    copy.reset();
+    if (sha1_ == nullptr || sha1 != sha1_) {
+        message = "Invalid value of SHA1 header hash";
+        return ResultInvalidHash;
+    }
+
+    if (md5_ == nullptr || std::memcmp(packageMd5->GetValue(), md5_, packageMd5->GetLength()) != 0) {
+        message = "Invalid value of MD5 hash";
+        return ResultInvalidHash;
+    }
+
+    if (headerSignature_ == nullptr) {
+        return ResultNotSigned;
+    }
+    int result = ResultInternalError;
+    VerifyPgpSignature(headerSignature_, GetDigest(1), result, message);
+    if (result != ResultSigned) {
+        return result;
+    }
+
+    if (packageSignatures_.empty()) {
+        message = "The package does not contain PGP signature over its header and payload.";
+        return ResultHeaderOnlySigned;
+    }
+    // Every signature is checked; any one valid signature makes the package valid.
+    bool anyValid = false;
+    for (PgpSignature* signature : packageSignatures_) {
+        VerifyPgpSignature(signature, GetDigest(4), result, message);
+        anyValid = anyValid || result == ResultSigned;
+    }
+    if (anyValid) {
+        return ResultSigned;
+    }
+    message = "PGP signature is not valid: " + message;
+    return ResultInvalidSignature;
+}
+
+unsigned int RpmSignature::BoundaryAlign(RpmDataType type, unsigned int& offset) {
+    unsigned int alignment = 0;
+    switch (type) {
+        case RpmInt16: alignment = 2; break;
+        case RpmInt32: alignment = 4; break;
+        case RpmInt64: alignment = 8; break;
+        default: return 0;
+    }
+    const unsigned int padding = (alignment - offset % alignment) % alignment;
+    offset += padding;
+    return padding;
+}
+
+unsigned int RpmSignature::GetEntryStorageSize(RpmDataType type, unsigned char* data, unsigned int count) {
+    switch (type) {
+        case RpmInt32: return 4;
+        case RpmInt64: return 8;
+        case RpmString: return static_cast<unsigned int>(std::strlen(reinterpret_cast<const char*>(data))) + 1;
+        case RpmBinary: return count;
+        default:
+            throw NotImplementedException("GetEntryStorageSize() is not implemented for data type = " +
+                                          std::to_string(static_cast<uint32_t>(type)));
+    }
+}
+
+void RpmSignature::CreateHeaderEntry(SignatureEntry* entry, unsigned int tag, unsigned int type, unsigned int offset,
+                                     unsigned int count) {
+    entry->tag = tag;
+    entry->type = type << 24;
+    entry->offset = htonl(offset);
+    entry->count = htonl(count);
+}
+
+void RpmSignature::CreateStorage(RpmDataType type, unsigned char* dest, unsigned char* src, unsigned int& size) {
+    switch (type) {
+        case RpmString:
+            size = static_cast<unsigned int>(std::strlen(reinterpret_cast<const char*>(src)));
+            std::memcpy(dest, src, size);
+            dest[size] = '\0';
+            ++size;
+            return;
+        case RpmInt32: size = 4; break;
+        case RpmInt64: size = 8; break;
+        default: break;
+    }
+    std::memcpy(dest, src, size);
+}
