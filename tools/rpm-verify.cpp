@@ -116,10 +116,13 @@ int main(int argc, char** argv) {
                         JsonString(message).c_str());
             if (showDetail) std::printf(", \"detail\": %s", JsonString(detail).c_str());
             std::fputs("}", stdout);
-        } else if (showDetail) {
-            std::printf("%s (%s)\n", message.c_str(), detail.c_str());
         } else {
-            std::printf("%s\n", message.c_str());
+            // Some messages ("Unknown error", the reasons of status 5) do not name the file.
+            std::string line = message.find(options.packages[i]) == std::string::npos
+                                   ? std::string(options.packages[i]) + ": " + message
+                                   : message;
+            if (showDetail) line += " (" + detail + ")";
+            std::printf("%s\n", line.c_str());
         }
     }
     if (options.json) std::fputs("\n]\n", stdout);
