@@ -1,5 +1,10 @@
 #include "rpmutil.h"
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -9,6 +14,7 @@
 #include "FileHelper.h"
 #include "RpmSignerCreator.h"
 #include "Signature.h"
+#include "host.h"
 
 const char* FILE_PATTERN = "^[a-zA-Z0-9()+._ \\/\\-\\[\\]\\\\]*$";
 
@@ -113,4 +119,282 @@ RpmVerifyResult rpm_verify_detailed(const char* file, const char* key, std::stri
 RpmVerifyResult rpm_verify(const char* file, const char* key) {
     std::string detail;
     return rpm_verify_detailed(file, key, detail);
+}
+
+// ---------------------------------------------------------------------------------------------
+// The prerequisite check
+
+namespace {
+
+// Texts appended to the session's prerequisite lists.
+const char kSignificance[] = "SIGNIFICANCE";
+const char kShortDesc[] = "SHORT_DESC";
+const char kFullDesc[] = "FULL_DESC";
+const char* const kWarningShortKeys[] = {";SIGNING_prereq_war_signing_check_validate_short_desc",
+                                         ";SIGNING_prereq_war_signing_check_download_short_desc",
+                                         ";SIGNING_prereq_war_signing_check_file_short_desc"};
+const char* const kWarningFullKeys[] = {";SIGNING_prereq_war_signing_check_validate_full_desc",
+                                        ";SIGNING_prereq_war_signing_check_download_full_desc",
+                                        ";SIGNING_prereq_war_signing_check_file_full_desc"};
+
+// The download: the tools, their command templates (time-out, tries, address, output file) and the
+// protocol options logged with each attempt.
+const int kTimeoutSeconds = 3;
+const int kTries = 1;
+const int kAttempts = 3;
+const size_t kCommandBufferSize = 4096;
+const char* const kProbes[] = {"which wget 2>/dev/null", "which curl 2>/dev/null"};
+const char* const kTemplates[] = {
+    "export LD_LIBRARY_PATH=\"\"; wget --timeout=%d --tries=%d --quiet %s -O %s 2>/dev/null",
+    "export LD_LIBRARY_PATH=\"\"; curl --max-time %d --retry %d --location --silent %s -o %s 2>/dev/null"};
+const char* const kWgetProtocols[] = {"--secure-protocol=SSLv3", "--secure-protocol=SSLv2", "--secure-protocol=TLSv1"};
+const char* const kCurlProtocols[] = {"--sslv3", "--sslv2", "--tlsv1"};
+
+// Characters that cannot change the meaning of a shell command line.
+bool IsSafeForShell(const std::string& text) {
+    for (unsigned char c : text) {
+        if (!std::isalnum(c) && std::strchr("-._~:/?#@%+,=", c) == nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The first non-empty update identifier that a "phonehome" entry leads to: each product's own
+// environment first, then those of its components.
+std::string FindUpdateId() {
+    auto lookup = [](Environment* environment) -> std::string {
+        if (environment == nullptr) return "";
+        Environment* phonehome = castStringToEnvPointer(env_get_string_internal(environment, "phonehome"));
+        return phonehome == nullptr ? "" : env_get_string_internal(phonehome, "VelUpdateId");
+    };
+    for (Product* product : TSD::products()) {
+        std::string id = lookup(product->environment());
+        if (!id.empty()) return id;
+        for (Component* component : product->components()) {
+            id = lookup(component->environment());
+            if (!id.empty()) return id;
+        }
+    }
+    return "";
+}
+
+// Runs the download command up to three times; true when one run ended with status 0.
+bool CallWebService(const std::string& command) {
+    const char* protocol = "";
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (command.find("wget") != std::string::npos) {
+            protocol = kWgetProtocols[attempt];
+        } else if (command.find("curl") != std::string::npos) {
+            protocol = kCurlProtocols[attempt];
+        }
+        // The protocol option is only logged: every attempt runs the same plain command.
+        const std::string secureCommand = command + " " + protocol;
+        print_log("signing_get_public_key: secure command   [%s]", secureCommand.c_str());
+        print_log("signing_get_public_key: secure protocols [%s]", protocol);
+
+        void* scratch = std::calloc(80, 1);
+        if (scratch == nullptr) {
+            print_log("_signing_call_webservice: unable to allocate memory");
+            continue;
+        }
+        FILE* pipe = popen(command.c_str(), "r");
+        if (pipe == nullptr) {
+            print_log("_signing_call_webservice: unable to execute command");
+            std::free(scratch);
+            continue;
+        }
+        const int status = pclose(pipe);
+        std::free(scratch);
+        if (status != -1 && WIFSIGNALED(status)) {
+            print_log("_signing_call_webservice: signing web service call failed by signal %d - %s.\n", WTERMSIG(status),
+                      strsignal(WTERMSIG(status)));
+        } else if (status != 0) {
+            print_log("_signing_call_webservice: web service call failed with status %d", status);
+        } else {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+void _signing_set_optional_prerequisite_status(session_t* session, int code) {
+    const std::string significance = env_get_string(session, kSignificance) + ";0";
+    print_log("_signing_set_optional_prerequisite_status: %s", significance.c_str());
+    env_set_string(session, kSignificance, significance.c_str());
+    // Only the "validate" and "download" keys are ever selected; the "file" keys stay unused.
+    const int index = code == 4 ? 1 : 0;
+    env_set_string(session, kShortDesc, (env_get_string(session, kShortDesc) + kWarningShortKeys[index]).c_str());
+    env_set_string(session, kFullDesc, (env_get_string(session, kFullDesc) + kWarningFullKeys[index]).c_str());
+}
+
+std::string _signing_get_command(const std::string& url, const std::string& outputFile) {
+    if (!IsSafeForShell(url) || !IsSafeForShell(outputFile)) {
+        print_log("_signing_get_command: refused to build a command from unsafe characters in [%s] or [%s]",
+                  url.c_str(), outputFile.c_str());
+        return "";
+    }
+    for (size_t tool = 0; tool < 2; ++tool) {
+        FILE* probe = popen(kProbes[tool], "r");
+        if (probe == nullptr) {
+            print_log("_signing_get_command: unable to validate command to existance");
+            return "";
+        }
+        char chunk[64];
+        bool readSomething = false;
+        for (;;) {
+            const ssize_t count = read(fileno(probe), chunk, sizeof chunk);
+            if (count > 0) {
+                readSomething = true;
+                continue;
+            }
+            if (count < 0 && readSomething) {
+                print_log("_signing_get_command: unable to read command output");
+                pclose(probe);
+                return "";
+            }
+            break;
+        }
+        const int status = pclose(probe);
+        if (status != -1 && WIFSIGNALED(status)) {
+            print_log("_signing_get_command: signing command check failed by signal %d - %s.\n", WTERMSIG(status),
+                      strsignal(WTERMSIG(status)));
+            return "";
+        }
+        if (status == 0) {
+            std::unique_ptr<char[]> command(new char[kCommandBufferSize]());
+            std::snprintf(command.get(), kCommandBufferSize, kTemplates[tool], kTimeoutSeconds, kTries, url.c_str(),
+                          outputFile.c_str());
+            return command.get();
+        }
+    }
+    return "";
+}
+
+std::string _signing_get_public_key(session_t* session) {
+    const std::string defaultUrl = env_get_string(session, "SIGNING_DEFAULT_URL");
+    const std::string configuredUrl = env_get_string(session, "signing_url");
+    const std::string signature = env_get_string(session, "signature");
+    const std::string tempFolder = env_get_string(session, "TEMP_FOLDER");
+    if (!signature.empty()) {
+        print_log("signing_get_public_key: public key specified by user %s", signature.c_str());
+        return signature;
+    }
+    print_log("signing_get_public_key: public key will be downloaded from Tarvo");
+    const std::string address = (configuredUrl.empty() ? defaultUrl : configuredUrl) + "?id=" + FindUpdateId();
+    print_log("signing_get_public_key: request value [%s]", address.c_str());
+    const std::string outputFile = tempFolder + "/PUBLIC_KEY.PUB";
+    const std::string command = _signing_get_command(address, outputFile);
+    if (command.empty()) {
+        return "";
+    }
+    print_log("signing_get_public_key: command value [%s]", command.c_str());
+    if (!CallWebService(command)) {
+        return "";
+    }
+    print_log("signing_get_public_key: public key obtained successfully [%s]", outputFile.c_str());
+    return outputFile;
+}
+
+int _signing_is_valid_key(const std::string& path) {
+    if (file_exists(path, false) == 0) {
+        return 1;
+    }
+    // A service that answers with an address or an error page instead of a key leaves such a file.
+    for (const std::string& line : readContentOfTextFile(path)) {
+        if (line.find("http://") != std::string::npos) {
+            print_log("_signing_is_valid_key: public key contains incorrect value");
+            return 1;
+        }
+    }
+    return 0;
+}
+
+namespace {
+
+// The key to check the packages with, or empty after a warning entry has been added.
+std::string SelectKey(session_t* session) {
+    std::string key = _signing_get_public_key(session);
+    if (key.empty() || _signing_is_valid_key(key) == 1) {
+        const std::string local = expand_operand(session, env_get_string(session, "SIGNING_LOCAL_PUBLIC_KEY"), true);
+        env_set_string(session, "signature", local.c_str());
+        key = _signing_get_public_key(session);
+        if (key.empty()) {
+            print_log("signing_validate_package_list: unable to obtain public key location");
+            _signing_set_optional_prerequisite_status(session, 4);
+            return "";
+        }
+    }
+    if (_signing_is_valid_key(key) == 1) {
+        print_log("signing_validate_package_list: public key is not valid");
+        _signing_set_optional_prerequisite_status(session, 3);
+        return "";
+    }
+    return key;
+}
+
+// Verifies the package of every available RPM component; true when all of them passed.
+bool VerifyComponents(session_t* session, const std::string& key) {
+    const std::vector<Product*>& products = TSD::products();
+    int total = 0;
+    for (Product* product : products) total += static_cast<int>(product->components().size());
+    if (total == 0) total = 1;
+
+    int progress = 0;
+    bool failed = false;
+    for (Product* product : products) {
+        for (Component* component : product->components()) {
+            progress += 100;
+            env_set_string(session, "operation_progress", inttostr(progress / total).c_str());
+            const std::string path = expand_operand(session, component->packageFolder(), true) + "/" +
+                                     component->packageFile();
+            if (file_exists(path, false) == 0 || component->type() != "rpm") {
+                print_log("signing_validate_package_list: component '%s' is not verified because it is not available",
+                          component->id().c_str());
+                continue;
+            }
+            RpmVerifyResult result = rpm_verify(path.c_str(), key.c_str());
+            print_log("_signing_validate_file: signing validation result %d (0 is success) for %s package [%s]",
+                      static_cast<int>(result.status), path.c_str(), result.message);
+            if (result.message != kInternalError) {
+                std::free(result.message);
+            }
+            failed = failed || result.status != RPM_STATUS_SIGNED;
+        }
+    }
+    return !failed;
+}
+
+}  // namespace
+
+int signing_validate_package_list(session_t* session) {
+    // Nothing may leave towards the host: an unexpected failure ends the check as failed.
+    try {
+        print_log("signing_validate_package_list: started");
+        env_set_string(session, "operation_progress", "0");
+        const std::string key = SelectKey(session);
+        if (key.empty()) {
+            return 1;
+        }
+        if (VerifyComponents(session, key)) {
+            print_log("signing_validate_package_list: finished");
+            return 0;
+        }
+        const std::string significance = env_get_string(session, kSignificance) + ";1";
+        print_log("signing_validate_package_list: %s", significance.c_str());
+        env_set_string(session, kSignificance, significance.c_str());
+        env_set_string(session, kShortDesc,
+                       (env_get_string(session, kShortDesc) + ";SIGNING_prereq_err_signing_check_short_desc").c_str());
+        env_set_string(session, kFullDesc,
+                       (env_get_string(session, kFullDesc) + ";SIGNING_prereq_err_signing_check_full_desc").c_str());
+        print_log("signing_validate_package_list: finished");
+        return 1;
+    } catch (const std::exception& e) {
+        print_log("signing_validate_package_list: check failed: %s", e.what());
+    } catch (...) {
+        print_log("signing_validate_package_list: check failed");
+    }
+    return 1;
 }

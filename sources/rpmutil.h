@@ -24,6 +24,13 @@ struct RpmVerifyResult {
     char* message;
 };
 
+struct session_t;
+
+// The prerequisite check the host installer runs: obtains and screens the publisher's key, verifies
+// the RPM package of every component of the session and reports the outcome through the session.
+// Returns 0 when every available RPM package is signed and valid, 1 otherwise. Never throws.
+SIGNING_EXPORT int signing_validate_package_list(session_t* session);
+
 // Verifies the signatures and digests of the package file against the OpenPGP public key in key.
 SIGNING_EXPORT RpmVerifyResult rpm_verify(const char* file, const char* key);
 
@@ -35,6 +42,19 @@ SIGNING_EXPORT extern const char* FILE_PATTERN;
 // rpm_verify, also handing back the signer's own reason (empty when the signer was not reached or
 // gave none). For the module's tools; not exported.
 RpmVerifyResult rpm_verify_detailed(const char* file, const char* key, std::string& detail);
+
+// The steps of the prerequisite check (not exported).
+// The key path: the session's "signature" value, else a key downloaded from the key service into
+// TEMP_FOLDER; empty when none could be obtained.
+std::string _signing_get_public_key(session_t* session);
+// The wget (preferred) or curl command that downloads url into outputFile; empty when neither tool
+// is installed or when url or outputFile holds a character outside [A-Za-z0-9-._~:/?#@%+,=].
+std::string _signing_get_command(const std::string& url, const std::string& outputFile);
+// 0 when the key file exists and no line of it holds "http://", 1 otherwise.
+int _signing_is_valid_key(const std::string& path);
+// Adds a warning entry about the key to the session's prerequisite lists: code 4 selects the
+// "download" message keys, every other code the "validate" keys.
+void _signing_set_optional_prerequisite_status(session_t* session, int code);
 
 // status with a malloc-ed copy of text.
 RpmVerifyResult response(RPM_STATUS status, const std::string& text);
