@@ -165,3 +165,29 @@ TEST(RpmVerifyCommand, LinesJsonVerboseAndExitStatus) {
         EXPECT_EQ(output.text.rfind("rpm-verify: ", 0), 0u) << output.text;
     }
 }
+
+TEST(SigningCheckCommand, RunsTheExampleSessionsThroughTheLoadedModule) {
+    const std::string tool = SIGNING_CHECK_TOOL;
+    const std::string examples = SIGNING_EXAMPLES;
+    const std::string key = " --set signature=" + examples + "/keys/publisher.asc ";
+
+    Output output = Shell(tool + key + examples + "/session.json 2>/dev/null");
+    EXPECT_EQ(output.exitStatus, 0) << output.text;
+    EXPECT_NE(output.text.find("operation_progress=100\n"), std::string::npos) << output.text;
+    EXPECT_NE(output.text.find("SIGNIFICANCE=0\n"), std::string::npos) << output.text;
+
+    output = Shell(tool + key + examples + "/session-tampered.json");
+    EXPECT_EQ(output.exitStatus, 1);
+    EXPECT_NE(output.text.find("_signing_validate_file: signing validation result 3 (0 is success)"), std::string::npos);
+    EXPECT_NE(output.text.find("SIGNIFICANCE=0;1\n"), std::string::npos) << output.text;
+
+    output = Shell(tool + " --json" + key + examples + "/session-tampered.json 2>/dev/null");
+    EXPECT_NE(output.text.find("\"SHORT_DESC\": \"OS_prereq_short_desc;SIGNING_prereq_err_signing_check_short_desc\""),
+              std::string::npos) << output.text;
+
+    for (const std::string& arguments : std::vector<std::string>{"", examples + "/missing.json", "--module /nonexistent.so " + examples + "/session.json", "--set novalue " + examples + "/session.json"}) {
+        output = Shell(tool + " " + arguments);
+        EXPECT_EQ(output.exitStatus, 2) << arguments;
+        EXPECT_EQ(output.text.rfind("signing-check: ", 0), 0u) << output.text;
+    }
+}

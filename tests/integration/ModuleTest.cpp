@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "HostSession.h"
+
 namespace {
 
 struct RpmVerifyResult {
@@ -13,6 +15,7 @@ struct RpmVerifyResult {
     char* message;
 };
 typedef RpmVerifyResult (*RpmVerify)(const char*, const char*);
+typedef int (*Check)(session_t*);
 
 const std::string kData = SIGNING_TEST_DATA;
 
@@ -23,7 +26,9 @@ TEST(PluginModule, ExportedNamesWorkThroughDlopen) {
     ASSERT_NE(module, nullptr) << dlerror();
     auto verify = reinterpret_cast<RpmVerify>(dlsym(module, "rpm_verify"));
     auto pattern = static_cast<const char* const*>(dlsym(module, "FILE_PATTERN"));
+    auto check = reinterpret_cast<Check>(dlsym(module, "signing_validate_package_list"));
     ASSERT_NE(verify, nullptr);
+    ASSERT_NE(check, nullptr);
     ASSERT_NE(pattern, nullptr);
     EXPECT_STREQ(*pattern, "^[a-zA-Z0-9()+._ \\/\\-\\[\\]\\\\]*$");
     // Nothing but the exported names is reachable.
@@ -42,5 +47,19 @@ TEST(PluginModule, ExportedNamesWorkThroughDlopen) {
     result = verify(nullptr, nullptr);
     EXPECT_EQ(result.status, 5);
     free(result.message);
+
+    // The check, with this program as its host.
+    session_t session;
+    session.variables["signature"] = key;
+    host::HostProduct& product = session.AddProduct();
+    product.AddComponent("good", kData + "/rpm", "signed-sha512.rpm", "rpm");
+    product.AddComponent("bad", kData + "/rpm", "tampered-header.rpm", "rpm");
+    host::SetLogEcho(false);
+    host::SetCurrentSession(&session);
+    EXPECT_EQ(check(&session), 1);
+    host::SetCurrentSession(nullptr);
+    EXPECT_EQ(session.variables["operation_progress"], "100");
+    EXPECT_EQ(session.variables["SIGNIFICANCE"], ";1");
+    EXPECT_EQ(session.log.back(), "signing_validate_package_list: finished");
     EXPECT_EQ(dlclose(module), 0);
 }
