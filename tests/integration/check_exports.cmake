@@ -1,4 +1,10 @@
-# Compares the defined dynamic symbols of MODULE with the list EXPECTED (both as sets).
+# Checks the plug-in module: its file type against FORMAT (what `file` says of the architecture the
+# build is for), and its defined dynamic symbols against the list EXPECTED (both as sets).
+execute_process(COMMAND file -b ${MODULE} OUTPUT_VARIABLE description RESULT_VARIABLE result)
+if(NOT result EQUAL 0 OR NOT description MATCHES "^${FORMAT}")
+  message(FATAL_ERROR "libsigning.so is \"${description}\", expected \"${FORMAT}...\"")
+endif()
+message(STATUS "libsigning.so is ${description}")
 execute_process(COMMAND nm -D --defined-only ${MODULE}
   OUTPUT_VARIABLE listing RESULT_VARIABLE result)
 if(NOT result EQUAL 0)
