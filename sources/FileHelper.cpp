@@ -137,6 +137,12 @@ unsigned long long FileHelper::SetPosition(unsigned long long pos) const {
     return static_cast<unsigned long long>(result);
 }
 
+void FileHelper::AdviseSequential(unsigned long long pos) const {
+    if (descriptor_ >= 0) {
+        posix_fadvise(descriptor_, static_cast<off_t>(pos), 0, POSIX_FADV_SEQUENTIAL);
+    }
+}
+
 int32_t FileHelper::Read(char* buf, unsigned long long len) const {
     ThrowIfNotOpen();
     return static_cast<int32_t>(read(descriptor_, buf, static_cast<uint32_t>(len)));

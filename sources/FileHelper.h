@@ -66,6 +66,9 @@ public:
     const std::string& GetPath() const { return path_; }
     // The block size in which callers read large files.
     uint32_t GetBufferSize() const { return 0x10000; }
+    // Tells the kernel that the file will be read from pos to its end in order (read-ahead); a
+    // hint only, so a file that cannot take it is read all the same.
+    void AdviseSequential(unsigned long long pos) const;
 
     // The part of path before its last slash; empty when there is none.
     static std::string GetFilePath(const std::string& path);

@@ -167,6 +167,7 @@ RpmSignature* RpmSigner::PassDigestsToSignature(RpmSignature* signature, unsigne
     std::unique_ptr<DigestBase> md5(new Digest(soapWrap::Md5));
     std::unique_ptr<DigestBase> signed_(new Digest(hash));
     std::unique_ptr<DigestBase> sha1Extra(extraSha1 ? new Digest(soapWrap::Sha1) : nullptr);
+    input.AdviseSequential(headerOffset);
     const uint32_t blockSize = input.GetBufferSize();
     std::unique_ptr<char[]> block(new char[blockSize]);
     unsigned long long position = headerOffset;
