@@ -372,6 +372,10 @@ bool VerifyComponents(session_t* session, const std::string& key) {
 int signing_validate_package_list(session_t* session) {
     // Nothing may leave towards the host: an unexpected failure ends the check as failed.
     try {
+        if (session == nullptr) {
+            print_log("signing_validate_package_list: no session was given");
+            return 1;
+        }
         print_log("signing_validate_package_list: started");
         env_set_string(session, "operation_progress", "0");
         const std::string key = SelectKey(session);

@@ -91,6 +91,8 @@ TEST(PrerequisiteCheck, GoodAndEmptySessionsPass) {
     EXPECT_EQ(good->log.back(), "signing_validate_package_list: finished");
     EXPECT_EQ(good["SIGNIFICANCE"], "");
 
+    EXPECT_EQ(signing_validate_package_list(nullptr), 1);
+
     ScopedSession empty;
     empty["signature"] = kKey;
     empty->AddProduct();
