@@ -1,29 +1,51 @@
 // The host functions that the module imports, over the reference host's session.
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
-#include <fstream>
 #include <vector>
 
 #include "HostSession.h"
 
 namespace {
 
-session_t* current = nullptr;
+std::vector<std::string>* logRecord = nullptr;
 bool logEcho = true;
-const std::vector<Product*> kNoProducts;
+
+// The live environments by their reference text.
+std::map<std::string, Environment*>& Environments() {
+    static std::map<std::string, Environment*> environments;
+    return environments;
+}
+
+std::string NewReference(Environment* environment) {
+    static unsigned long long serial = 0;
+    std::string reference = "environment#" + std::to_string(++serial);
+    Environments()[reference] = environment;
+    return reference;
+}
 
 }  // namespace
 
-namespace host {
+Environment::Environment() : reference_(NewReference(this)) {}
 
-void SetCurrentSession(session_t* session) {
-    current = session;
+Environment::Environment(const Environment& other) : entries(other.entries), reference_(NewReference(this)) {}
+
+Environment& Environment::operator=(const Environment& other) {
+    entries = other.entries;
+    return *this;
 }
 
-session_t* CurrentSession() {
-    return current;
+Environment::~Environment() {
+    Environments().erase(reference_);
+}
+
+namespace host {
+
+void SetLogRecord(std::vector<std::string>* lines) {
+    logRecord = lines;
 }
 
 void SetLogEcho(bool echo) {
@@ -73,8 +95,12 @@ const std::vector<Component*>& Product::components() const {
     return static_cast<const host::HostProduct*>(this)->components_;
 }
 
-const std::vector<Product*>& TSD::products() {
-    return current != nullptr ? current->Products() : kNoProducts;
+const std::vector<Product*>& TSD::products() const {
+    return static_cast<const session_t*>(this)->Products();
+}
+
+TSD* session_get_tsd(session_t* session) {
+    return session;
 }
 
 void print_log(const char* format, ...) {
@@ -87,7 +113,7 @@ void print_log(const char* format, ...) {
     std::string line(length > 0 ? length : 0, '\0');
     if (length > 0) std::vsnprintf(&line[0], line.size() + 1, format, arguments);
     va_end(arguments);
-    if (current != nullptr) current->log.push_back(line);
+    if (logRecord != nullptr) logRecord->push_back(line);
     if (logEcho) {
         std::fprintf(stderr, "%s%s", line.c_str(), !line.empty() && line.back() == '\n' ? "" : "\n");
     }
@@ -113,9 +139,8 @@ std::string env_get_string_internal(Environment* map, const char* key) {
 }
 
 Environment* castStringToEnvPointer(const std::string& text) {
-    if (current == nullptr) return nullptr;
-    const auto found = current->environments.find(text);
-    return found == current->environments.end() ? nullptr : &found->second;
+    const auto found = Environments().find(text);
+    return found == Environments().end() ? nullptr : found->second;
 }
 
 // ${NAME} becomes the session variable NAME (empty when unset); anything else stays as written.
@@ -142,10 +167,29 @@ int file_exists(const std::string& path, bool) {
     return stat(path.c_str(), &status) == 0 ? 1 : 0;
 }
 
+// Only a regular file of bounded size is read: a pipe would block the installer and a device
+// such as /dev/zero would never end.
 std::vector<std::string> readContentOfTextFile(const std::string& path) {
     std::vector<std::string> lines;
-    std::ifstream file(path, std::ios::binary);
-    for (std::string line; std::getline(file, line);) lines.push_back(line);
+    const int descriptor = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (descriptor < 0) return lines;
+    struct stat status;
+    std::string text;
+    if (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) &&
+        static_cast<unsigned long long>(status.st_size) <= host::MaxTextFileSize) {
+        char block[65536];
+        ssize_t count = 0;
+        while (text.size() <= host::MaxTextFileSize && (count = read(descriptor, block, sizeof block)) > 0) {
+            text.append(block, static_cast<size_t>(count));
+        }
+        if (count < 0 || text.size() > host::MaxTextFileSize) text.clear();  // unreadable, or grew meanwhile
+    }
+    close(descriptor);
+    for (size_t start = 0; start < text.size();) {
+        const size_t end = text.find('\n', start);
+        lines.push_back(text.substr(start, end == std::string::npos ? std::string::npos : end - start));
+        start = end == std::string::npos ? text.size() : end + 1;
+    }
     return lines;
 }
 

@@ -74,6 +74,17 @@ std::unique_ptr<session_t> LoadSessionFile(const std::string& path) {
                         at + ".environment");
         }
     }
+    // Entries that name an environment of the session refer to it.
+    auto resolve = [&](Environment* settings) {
+        for (auto& entry : settings->entries) {
+            const auto named = session->environments.find(entry.second);
+            if (named != session->environments.end()) entry.second = named->second.Reference();
+        }
+    };
+    for (Product* product : session->Products()) {
+        resolve(product->environment());
+        for (Component* component : product->components()) resolve(component->environment());
+    }
     return session;
 }
 

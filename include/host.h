@@ -40,11 +40,19 @@ protected:
     ~Product() = default;
 };
 
-// The product data of the session that the host is running.
+// The product data of a session: its products, in order. The host's session derives from this
+// interface class; it holds no data of its own.
 class TSD {
 public:
-    static const std::vector<Product*>& products();
+    const std::vector<Product*>& products() const;
+
+protected:
+    TSD() = default;
+    ~TSD() = default;
 };
+
+// The product data of the session the host handed to the module; null when it has none.
+TSD* session_get_tsd(session_t* session);
 
 // Writes one log line, printf-style.
 void print_log(const char* format, ...) __attribute__((format(printf, 1, 2)));

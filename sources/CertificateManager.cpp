@@ -48,14 +48,14 @@ Certificate* CertificateManager::CreateCertificate(const char* data, unsigned in
     if (format != soapWrap::PgpPublicKey) {
         throw NotImplementedException("Not implemented certificate format");
     }
-    made_.emplace_back(new PgpCertificate(new PgpMessage(data, length)));
-    certificates_[format] = made_.back().get();
-    return made_.back().get();
+    std::unique_ptr<Certificate>& slot = certificates_[format];
+    slot = std::make_unique<PgpCertificate>(new PgpMessage(data, length));
+    return slot.get();
 }
 
 Certificate* CertificateManager::GetCertificate(soapWrap::CertificateFileFormat format) const {
     const auto found = certificates_.find(format);
-    return found == certificates_.end() ? nullptr : found->second;
+    return found == certificates_.end() ? nullptr : found->second.get();
 }
 
 std::shared_ptr<binary> der_to_pem(std::shared_ptr<binary> der) {

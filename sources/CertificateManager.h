@@ -1,8 +1,7 @@
 #pragma once
 // The process-wide store of key material: it reads the public-key file named by its path when a
-// signature check asks for the key, and keeps every certificate it made until it is destroyed.
+// signature check asks for the key, and keeps the certificate it made last for each format.
 
-#include <list>
 #include <map>
 #include <memory>
 #include <string>
@@ -50,7 +49,8 @@ public:
     // Records the path; nothing is read until a key is loaded.
     void SetPgpPublicKeyFilePath(const std::string& path);
     const std::string& GetPgpPublicKeyFilePath() const { return pgpPublicKeyPath_; }
-    // Reads the key file again on every call and returns a new certificate made from it.
+    // Reads the key file again on every call and returns a new certificate made from it. A
+    // certificate stays valid until the next one of its format is made, which frees it.
     Certificate* LoadPgpPublicKey();
     Certificate* LoadCertificateFromFile(const std::string& path, soapWrap::CertificateFileFormat format);
     // Only PgpPublicKey is supported; the data is copied, the caller keeps it.
@@ -60,10 +60,11 @@ public:
 
 private:
     std::string pgpPublicKeyPath_;
-    std::map<soapWrap::CertificateFileFormat, Certificate*> certificates_;
+    // The last certificate of each format. Callers use a certificate only until they load the
+    // next one, so a replaced certificate is freed at once: the manager's memory stays one
+    // certificate however many verifications the process runs.
+    std::map<soapWrap::CertificateFileFormat, std::unique_ptr<Certificate>> certificates_;
     std::map<soapWrap::CertificateFileFormat, soapWrap::Binary*> binaries_;  // never filled here
-    // Owns every certificate made: one replaced in the map stays valid until the manager dies.
-    std::list<std::unique_ptr<Certificate>> made_;
 };
 
 // A DER certificate as PEM text: the BEGIN line, the Base64 text in lines of 64, the END line.

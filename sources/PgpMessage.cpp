@@ -18,7 +18,7 @@ bool IsLineBreak(char c) {
 
 }  // namespace
 
-PgpMessage::PgpMessage(const char* data, unsigned int length) : publicKey_(nullptr), signatureData_(nullptr) {
+PgpMessage::PgpMessage(const char* data, unsigned int length) {
     if (length > 0 && (static_cast<unsigned char>(data[0]) & 0x80) != 0) {
         ParsePackets(data, length);
         return;
@@ -37,10 +37,7 @@ PgpMessage::PgpMessage(const char* data, unsigned int length) : publicKey_(nullp
     ParsePackets(decoded.get(), decodedLength);
 }
 
-PgpMessage::~PgpMessage() {
-    publicKey_ = nullptr;
-    signatureData_ = nullptr;
-}
+PgpMessage::~PgpMessage() {}
 
 void PgpMessage::ParsePackets(const char* data, unsigned int length) {
     if (length == 0) {
@@ -65,13 +62,11 @@ unsigned int PgpMessage::ParsePacket(const char* packet, unsigned int remaining)
     }
     switch ((tag & 0x3C) >> 2) {
         case 2: {
-            packets_.emplace_back(new PgpSignatureData(packet, remaining));
-            signatureData_ = static_cast<PgpSignatureData*>(packets_.back().get());
+            signatureData_ = std::make_unique<PgpSignatureData>(packet, remaining);
             return signatureData_->GetLength();
         }
         case 6: {
-            packets_.emplace_back(new PgpPublicKey(packet, remaining));
-            publicKey_ = static_cast<PgpPublicKey*>(packets_.back().get());
+            publicKey_ = std::make_unique<PgpPublicKey>(packet, remaining);
             return publicKey_->GetLength();
         }
         case 13:

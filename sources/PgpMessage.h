@@ -4,7 +4,6 @@
 // signature packet (tag 2); user IDs (13) and public subkeys (14) are skipped; other tags refused.
 
 #include <memory>
-#include <vector>
 
 #include "Base.h"
 #include "PgpPacket.h"
@@ -29,14 +28,15 @@ public:
     // last line (after up to 2 trailing line breaks). Nothing in the module uses it.
     static bool DeArmor(const char* data, unsigned long long length, char** body, unsigned int& bodyLength);
 
-    PgpPublicKey* GetPublicKey() const { return publicKey_; }
-    PgpSignatureData* GetSignatureData() const { return signatureData_; }
+    PgpPublicKey* GetPublicKey() const { return publicKey_.get(); }
+    PgpSignatureData* GetSignatureData() const { return signatureData_.get(); }
 
 private:
     void ParsePackets(const char* data, unsigned int length);
 
-    PgpPublicKey* publicKey_;
-    PgpSignatureData* signatureData_;
-    // Every packet object made, replaced ones included: they stay valid as long as the message.
-    std::vector<std::unique_ptr<PgpPacket>> packets_;
+    // The last packet of each kind. A later packet replaces an earlier one, which nothing refers
+    // to while the message is being read, so it is freed at once: a message of many packets costs
+    // no more than one of each.
+    std::unique_ptr<PgpPublicKey> publicKey_;
+    std::unique_ptr<PgpSignatureData> signatureData_;
 };

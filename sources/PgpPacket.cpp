@@ -131,10 +131,13 @@ PgpSignatureData::PgpSignatureData(const char* packet, unsigned int remaining)
 void PgpSignatureData::ParseVersion3(const unsigned char* body, unsigned int headerLength, unsigned int remaining) {
     version_ = 3;
     Need(headerLength, 2, remaining, "Signature packet");
+    // The hashed material is the type and the creation time, and nothing else (RFC 4880, 5.2.2:
+    // the length MUST be 5). A longer one could carry the end of the signed data, so that a
+    // shortened payload would still hash to the signed value.
     const int hashed = static_cast<signed char>(body[1]);
-    if (hashed < 0) {
-        throw DataFormatException("Version 3 signature packet has a negative hashed material length " +
-                                  std::to_string(hashed));
+    if (hashed != 5) {
+        throw DataFormatException("Version 3 signature packet has a hashed material length of " +
+                                  std::to_string(hashed) + "; it must be 5");
     }
     const uint64_t l = static_cast<uint64_t>(hashed);
     Need(headerLength, 14 + l, remaining, "Signature packet");
@@ -185,7 +188,8 @@ void PgpSignatureData::ParseVersion4(const unsigned char* body, unsigned int hea
             std::memcpy(issuer_, body + position + 2, 8);
             position += length + 1;
         } else {
-            if (length == 0) {
+            // A zero length does not move the walk: refused only where the walk would go on.
+            if (length == 0 && total < static_cast<int>(u) - 1) {
                 throw DataFormatException("Unhashed subpacket of length 0 cannot be walked");
             }
             position += length;

@@ -18,10 +18,17 @@ std::string EntryName(uint32_t tag) {
 
 }  // namespace
 
+RpmSignature::RpmSignature(std::shared_ptr<char[]> entries, const HeaderStructureHeader& header)
+    : RpmSignature(static_cast<void*>(entries.get()), header) {
+    share_ = std::move(entries);
+}
+
 RpmSignature::RpmSignature(void* entries, const HeaderStructureHeader& header)
     : entries_(static_cast<SignatureEntry*>(entries)),
       entryCount_(header.indexCount),
       dataSize_(header.dataSize),
+      valueBytes_(0),
+      payloadLength_(0),
       sha1_(nullptr),
       md5_(nullptr),
       headerSignature_(nullptr) {
@@ -53,41 +60,55 @@ void RpmSignature::ParseEntries() {
         entry.type = ntohl(entry.type) & 0xFF;
         // The tag stays in file order; it is compared with the big-endian form of each tag.
         if (entry.tag == htonl(TagHeaderSignature)) {
-            PgpSignature* signature = ParsePgpSignature(entry);
-            if (headerSignature_ != nullptr) {
-                replaced_.emplace_back(headerSignature_);
-            }
-            headerSignature_ = signature;
+            // A later tag-268 entry replaces the earlier signature, which nothing refers to yet.
+            std::unique_ptr<PgpMessage> message;
+            std::unique_ptr<PgpSignature> signature(ParsePgpSignature(entry, message));
+            delete headerSignature_;
+            headerSignature_ = signature.release();
+            headerMessage_ = std::move(message);
         } else if (entry.tag == htonl(TagSha1)) {
-            unsigned char* value = ValueOf(entry, 1);
-            if (std::memchr(value, '\0', dataSize_ - entry.offset) == nullptr) {
+            const unsigned char* start = reinterpret_cast<unsigned char*>(entries_ + entryCount_) + entry.offset;
+            const void* end = entry.offset < dataSize_ ? std::memchr(start, '\0', dataSize_ - entry.offset) : nullptr;
+            if (end == nullptr) {
+                ValueOf(entry, 1);  // outside the store: says so
                 throw DataFormatException(EntryName(TagSha1) + ": the text is not terminated inside the store");
             }
-            sha1_ = reinterpret_cast<char*>(value);
+            sha1_ = reinterpret_cast<char*>(ValueOf(entry, static_cast<const unsigned char*>(end) - start + 1));
         } else if (entry.tag == htonl(TagPackageSignature)) {
-            std::unique_ptr<PgpSignature> signature(ParsePgpSignature(entry));
+            std::unique_ptr<PgpMessage> message;
+            std::unique_ptr<PgpSignature> signature(ParsePgpSignature(entry, message));
+            packageMessages_.reserve(packageMessages_.size() + 1);
             packageSignatures_.push_back(signature.get());
             signature.release();
+            packageMessages_.push_back(std::move(message));
         } else if (entry.tag == htonl(TagMd5)) {
             md5_ = ValueOf(entry, kMd5Length);
         }
     }
 }
 
-unsigned char* RpmSignature::ValueOf(const SignatureEntry& entry, uint64_t length) const {
+unsigned char* RpmSignature::ValueOf(const SignatureEntry& entry, uint64_t length) {
     if (static_cast<uint64_t>(entry.offset) + length > dataSize_) {
         throw DataFormatException(EntryName(ntohl(entry.tag)) + ": " + std::to_string(length) + " bytes at offset " +
                                   std::to_string(entry.offset) + " lie outside the store of " +
+                                  std::to_string(dataSize_) + " bytes");
+    }
+    // The values a writer stores never share bytes, so together they fit in the store. Entries
+    // that all point at the same bytes would make each of them parsed and kept again.
+    valueBytes_ += length;
+    if (valueBytes_ > dataSize_) {
+        throw DataFormatException(EntryName(ntohl(entry.tag)) + ": the values read add up to " +
+                                  std::to_string(valueBytes_) + " bytes, more than the store of " +
                                   std::to_string(dataSize_) + " bytes");
     }
     unsigned char* store = reinterpret_cast<unsigned char*>(entries_ + entryCount_);
     return store + entry.offset;
 }
 
-PgpSignature* RpmSignature::ParsePgpSignature(const SignatureEntry& entry) {
+PgpSignature* RpmSignature::ParsePgpSignature(const SignatureEntry& entry, std::unique_ptr<PgpMessage>& message) {
     const unsigned char* value = ValueOf(entry, entry.count);
-    messages_.emplace_back(new PgpMessage(reinterpret_cast<const char*>(value), entry.count));
-    PgpSignatureData* data = messages_.back()->GetSignatureData();
+    message = std::make_unique<PgpMessage>(reinterpret_cast<const char*>(value), entry.count);
+    PgpSignatureData* data = message->GetSignatureData();
     if (data == nullptr) {
         throw DataFormatException(EntryName(ntohl(entry.tag)) + " holds no OpenPGP signature packet");
     }
@@ -101,6 +122,8 @@ void RpmSignature::CleanUpPgpSignatures() {
         delete signature;
     }
     packageSignatures_.clear();
+    headerMessage_.reset();
+    packageMessages_.clear();
 }
 
 void RpmSignature::CreatePgpSignatures() {}
@@ -164,6 +187,14 @@ int RpmSignature::Verify(std::string& message) const {
     copy.reset();
     if (sha1_ == nullptr || sha1 != sha1_) {
         message = "Invalid value of SHA1 header hash";
+        return ResultInvalidHash;
+    }
+
+    // With nothing after the main header, the digest of header and payload is the digest of the
+    // header alone, and a signature over the header would pass for one over the whole package.
+    // A package always carries a payload.
+    if (payloadLength_ == 0) {
+        message = "The package has no payload";
         return ResultInvalidHash;
     }
 

@@ -5,7 +5,8 @@
 // verdict. The static helpers are the building blocks of a signature-header writer.
 //
 // The index entries live in a buffer that the RpmSigner owns: the constructor converts their
-// offsets, counts and types to host order in place, so one buffer serves exactly one object.
+// offsets, counts and types to host order in place, so one buffer serves exactly one object. Given
+// as a shared buffer, the object keeps its share, so the buffer lives as long as either user.
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -59,6 +60,7 @@ public:
     // with the counts of header already in host order. Throws DataFormatException when an entry
     // that is used points outside the store or holds no OpenPGP signature.
     RpmSignature(void* entries, const HeaderStructureHeader& header);
+    RpmSignature(std::shared_ptr<char[]> entries, const HeaderStructureHeader& header);
     ~RpmSignature() override;
 
     // The ProcessingResult of the package, with the reason in message.
@@ -70,6 +72,11 @@ public:
 
     void CleanUpPgpSignatures();
     void CreatePgpSignatures();
+    // The number of bytes after the main header, as the package digests found them. A package
+    // without payload is refused: nothing set means none.
+    void SetPayloadLength(unsigned long long length) { payloadLength_ = length; }
+    unsigned long long GetPayloadLength() const { return payloadLength_; }
+
     // Lends digest to pgp as its digest 0 and checks it.
     void VerifyPgpSignature(PgpSignature* pgp, DigestBase* digest, int& result, std::string& message) const;
 
@@ -90,19 +97,23 @@ public:
 
 private:
     void ParseEntries();
-    // The value of entry, checked to lie inside the store with at least length bytes.
-    unsigned char* ValueOf(const SignatureEntry& entry, uint64_t length) const;
-    PgpSignature* ParsePgpSignature(const SignatureEntry& entry);
+    // The value of entry, checked to lie inside the store with at least length bytes; length is
+    // counted against the bytes all values read so far may take.
+    unsigned char* ValueOf(const SignatureEntry& entry, uint64_t length);
+    // The OpenPGP signature in entry's value, with the message that holds its packet.
+    PgpSignature* ParsePgpSignature(const SignatureEntry& entry, std::unique_ptr<PgpMessage>& message);
 
-    SignatureEntry* entries_;  // not owned
+    std::shared_ptr<char[]> share_;  // keeps a shared buffer alive; empty for a borrowed one
+    SignatureEntry* entries_;        // not owned
     uint32_t entryCount_;
     uint32_t dataSize_;
+    uint64_t valueBytes_;  // bytes of the values read so far
+    unsigned long long payloadLength_;
     char* sha1_;
     unsigned char* md5_;
     PgpSignature* headerSignature_;                  // owned
     std::vector<PgpSignature*> packageSignatures_;  // owned
-    // The messages that hold the signature packets, and header signatures replaced by a later
-    // tag-268 entry: kept alive until the object dies.
-    std::vector<std::unique_ptr<PgpMessage>> messages_;
-    std::vector<std::unique_ptr<PgpSignature>> replaced_;
+    // The messages that hold the signature packets, one per signature above, in the same order.
+    std::unique_ptr<PgpMessage> headerMessage_;
+    std::vector<std::unique_ptr<PgpMessage>> packageMessages_;
 };

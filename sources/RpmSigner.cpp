@@ -118,7 +118,7 @@ RpmSignature* RpmSigner::ParseSignature(unsigned int& headerOffset, bool copyToO
         throw DataFormatException("RPM signature is expected to be the first header");
     }
 
-    RpmSignature* signature = new RpmSignature(signatureHeader_.get(), header);
+    RpmSignature* signature = new RpmSignature(signatureHeader_, header);
     // The main header starts at the next multiple of 8; the file size bounds this below 2^32.
     headerOffset = static_cast<unsigned int>((SignatureIndexOffset + size + 7) & ~uint64_t(7));
     return signature;
@@ -183,6 +183,8 @@ RpmSignature* RpmSigner::PassDigestsToSignature(RpmSignature* signature, unsigne
         if (copyToOutput) Output().WriteBlock(block.get(), count);
         position += count;
     } while (static_cast<uint32_t>(count) == blockSize);
+    const uint64_t headerEnd = headerOffset + headerSize;
+    signature->SetPayloadLength(position > headerEnd ? position - headerEnd : 0);
 
     signature->SetDigest(3, md5.release());
     signature->SetDigest(4, signed_.release());

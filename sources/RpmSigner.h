@@ -47,7 +47,9 @@ private:
     // magic is not 8E AD E8 01.
     bool ReadStructureHeader(unsigned long long pos, HeaderStructureHeader& header) const;
 
-    std::unique_ptr<char[]> signatureHeader_;  // index and store of the signature header
+    // Index and store of the signature header, shared with the RpmSignature made over it: a
+    // second parse replaces the signer's share without pulling the first object's buffer away.
+    std::shared_ptr<char[]> signatureHeader_;
     uint32_t signatureEntryCount_;
     int32_t settingC_;
 };

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <vector>
 
 #include "Digest.h"
 
@@ -31,15 +32,15 @@ void AttachKey(RSA* rsa, BIGNUM* n, BIGNUM* e) {
 }  // namespace
 
 RsaCsp::RsaCsp(const unsigned char* modulus, int modulusLength, const unsigned char* exponent, int exponentLength)
-    : rsa_(RSA_new()), errorMessage_(nullptr) {
+    : rsa_(RSA_new()) {
     AttachKey(rsa_, BN_bin2bn(modulus, modulusLength, nullptr), BN_bin2bn(exponent, exponentLength, nullptr));
 }
 
-RsaCsp::RsaCsp(const BIGNUM* modulus, const BIGNUM* exponent) : rsa_(RSA_new()), errorMessage_(nullptr) {
+RsaCsp::RsaCsp(const BIGNUM* modulus, const BIGNUM* exponent) : rsa_(RSA_new()) {
     AttachKey(rsa_, BN_dup(modulus), BN_dup(exponent));
 }
 
-RsaCsp::RsaCsp(RSA* rsa) : rsa_(rsa), errorMessage_(nullptr) {}
+RsaCsp::RsaCsp(RSA* rsa) : rsa_(rsa) {}
 
 RsaCsp::~RsaCsp() {
     if (rsa_ != nullptr) {
@@ -51,6 +52,17 @@ int RsaCsp::Verify(int type, const unsigned char* digest, unsigned int digestLen
                    unsigned int signatureLength) {
     if (rsa_ == nullptr || RSA_get0_n(rsa_) == nullptr || RSA_get0_e(rsa_) == nullptr) {
         return 0;  // a key that could not be built verifies nothing
+    }
+    // An OpenPGP MPI drops leading zero octets, so about one signature value in 256 arrives one
+    // octet (or more) shorter than the modulus; RSA_verify wants exactly the modulus length. The
+    // value is the same number written with its zeros in front. A longer value stays refused.
+    const size_t modulusLength = static_cast<size_t>(RSA_size(rsa_));
+    if (signatureLength < modulusLength) {
+        std::vector<unsigned char> padded(modulusLength, 0);
+        if (signatureLength > 0) {
+            std::memcpy(padded.data() + (modulusLength - signatureLength), signature, signatureLength);
+        }
+        return RSA_verify(type, digest, digestLength, padded.data(), static_cast<unsigned int>(modulusLength), rsa_);
     }
     return RSA_verify(type, digest, digestLength, signature, signatureLength, rsa_);
 }
@@ -69,8 +81,7 @@ int RsaCsp::Verify_PSS(soapWrap::HashAlgorithm algorithm, const unsigned char* d
         }
     }
     if (result == 0) {
-        messages_.emplace_back(GetErrorMessage());
-        errorMessage_ = messages_.back().get();
+        errorMessage_.reset(GetErrorMessage());
     }
     return result;
 }

@@ -6,7 +6,6 @@
 #include <openssl/types.h>
 
 #include <memory>
-#include <vector>
 
 #include "soapWrap.h"
 
@@ -31,8 +30,9 @@ public:
     RsaCsp(const RsaCsp&) = delete;
     RsaCsp& operator=(const RsaCsp&) = delete;
 
-    // Exactly OpenSSL's RSA_verify: 1 when signature is a valid PKCS#1 v1.5 signature of digest
-    // under the digest algorithm with OpenSSL NID type, 0 otherwise.
+    // OpenSSL's RSA_verify: 1 when signature is a valid PKCS#1 v1.5 signature of digest under the
+    // digest algorithm with OpenSSL NID type, 0 otherwise. A value shorter than the modulus is
+    // taken with zero octets in front (the form an OpenPGP MPI gives it); a longer one fails.
     int Verify(int type, const unsigned char* digest, unsigned int digestLength, const unsigned char* signature,
                unsigned int signatureLength) override;
     // RSASSA-PSS with the salt length taken from the signature. Nonzero when valid; 0 otherwise,
@@ -40,15 +40,13 @@ public:
     int Verify_PSS(soapWrap::HashAlgorithm algorithm, const unsigned char* digest, unsigned int digestLength,
                    const unsigned char* signature, unsigned int signatureLength);
 
-    // The text of the last failed Verify_PSS, or null. Texts of earlier failures stay valid as long
-    // as this object.
-    const char* GetLastErrorMessage() const { return errorMessage_; }
+    // The text of the last failed Verify_PSS, or null; valid until the next failure replaces it.
+    const char* GetLastErrorMessage() const { return errorMessage_.get(); }
 
     // OpenSSL's error queue of this thread as a new text (delete[]); reading it empties the queue.
     static char* GetErrorMessage();
 
 private:
     RSA* rsa_;
-    char* errorMessage_;
-    std::vector<std::unique_ptr<char[]>> messages_;  // owns errorMessage_ and every earlier text
+    std::unique_ptr<char[]> errorMessage_;
 };

@@ -1,9 +1,15 @@
 #include "rpmutil.h"
 
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -160,15 +166,94 @@ bool IsSafeForShell(const std::string& text) {
     return true;
 }
 
+bool StartsWith(const std::string& text, const char* prefix) {
+    return text.compare(0, std::strlen(prefix), prefix) == 0;
+}
+
+// A folder that nobody but its owner can change: owned by root or by the running user, and not
+// writable by group or others unless sticky (then others cannot rename or remove what is not
+// theirs).
+bool IsSteadyFolder(const struct stat& status) {
+    const bool trustedOwner = status.st_uid == 0 || status.st_uid == geteuid();
+    const bool othersMayWrite = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+    return S_ISDIR(status.st_mode) && trustedOwner && (!othersMayWrite || (status.st_mode & S_ISVTX) != 0);
+}
+
+// The download folder must belong to the running user and be writable by nobody else, so that no
+// one can plant a link or swap the key there; each folder above it must be steady, so that no one
+// can swap the folder itself. A link above it counts when it belongs to root or the user and leads
+// to a steady folder.
+bool IsPrivateFolder(const std::string& folder) {
+    struct stat status;
+    if (folder.empty() || lstat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) ||
+        status.st_uid != geteuid() || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        return false;
+    }
+    for (size_t slash = folder.find_last_of('/'); slash != std::string::npos;
+         slash = slash == 0 ? std::string::npos : folder.find_last_of('/', slash - 1)) {
+        const std::string above = slash == 0 ? "/" : folder.substr(0, slash);
+        if (lstat(above.c_str(), &status) != 0) return false;
+        if (S_ISLNK(status.st_mode)) {
+            if (status.st_uid != 0 && status.st_uid != geteuid()) return false;
+            if (stat(above.c_str(), &status) != 0) return false;
+        }
+        if (!IsSteadyFolder(status)) return false;
+    }
+    return true;
+}
+
+// The folder part of a path ("/" for a file at the root).
+std::string FolderOf(const std::string& path) {
+    const size_t slash = path.find_last_of('/');
+    return slash == std::string::npos ? "" : slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// A regular file of the running user of at most limit bytes (links are not followed).
+bool IsOwnRegularFile(const std::string& path, unsigned long long limit) {
+    struct stat status;
+    return lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
+           static_cast<unsigned long long>(status.st_size) <= limit;
+}
+
+// Whether the tool may be run on url and outputFile; logs why not. Another scheme, or an address
+// that would reach the tool as an option ("--config=...", "-K ..."), is refused, and so is a path
+// that is not absolute ("~" and "#" mean something to the shell) or whose folder others can change.
+bool IsSafeDownload(const std::string& url, const std::string& outputFile) {
+    if (!StartsWith(url, "http://") && !StartsWith(url, "https://")) {
+        print_log("_signing_get_command: refused to download from [%s]: the address must begin with http:// or https://",
+                  url.c_str());
+        return false;
+    }
+    if (!StartsWith(outputFile, "/")) {
+        print_log("_signing_get_command: refused to write to [%s]: the path must be absolute", outputFile.c_str());
+        return false;
+    }
+    if (!IsPrivateFolder(FolderOf(outputFile))) {
+        print_log("_signing_get_command: refused to write to [%s]: its folder must belong to this user and be "
+                  "writable by nobody else",
+                  outputFile.c_str());
+        return false;
+    }
+    return true;
+}
+
+long long MonotonicMilliseconds() {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
 // The first non-empty update identifier that a "phonehome" entry leads to: each product's own
 // environment first, then those of its components.
-std::string FindUpdateId() {
+std::string FindUpdateId(session_t* session) {
     auto lookup = [](Environment* environment) -> std::string {
         if (environment == nullptr) return "";
         Environment* phonehome = castStringToEnvPointer(env_get_string_internal(environment, "phonehome"));
         return phonehome == nullptr ? "" : env_get_string_internal(phonehome, "VelUpdateId");
     };
-    for (Product* product : TSD::products()) {
+    const TSD* data = session_get_tsd(session);
+    if (data == nullptr) return "";
+    for (Product* product : data->products()) {
         std::string id = lookup(product->environment());
         if (!id.empty()) return id;
         for (Component* component : product->components()) {
@@ -179,8 +264,11 @@ std::string FindUpdateId() {
     return "";
 }
 
-// Runs the download command up to three times; true when one run ended with status 0.
-bool CallWebService(const std::string& command) {
+// Runs the download command up to three times; true when one run ended with status 0. Each run
+// starts without a key file: one left by an earlier run (or planted) is removed first, so the
+// tool never writes through a link.
+bool CallWebService(const std::string& command, const std::string& outputFile) {
+    const SigningDownloadLimits limits = _signing_download_limits();
     const char* protocol = "";
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         if (command.find("wget") != std::string::npos) {
@@ -198,14 +286,22 @@ bool CallWebService(const std::string& command) {
             print_log("_signing_call_webservice: unable to allocate memory");
             continue;
         }
-        FILE* pipe = popen(command.c_str(), "r");
-        if (pipe == nullptr) {
-            print_log("_signing_call_webservice: unable to execute command");
+        if (unlink(outputFile.c_str()) != 0 && errno != ENOENT) {
+            print_log("_signing_call_webservice: unable to remove the earlier file [%s]: %s", outputFile.c_str(),
+                      std::strerror(errno));
             std::free(scratch);
             continue;
         }
-        const int status = pclose(pipe);
+        bool stopped = false;
+        const int status = _signing_run_command(command, limits, &stopped);
         std::free(scratch);
+        if (status == -1) {
+            print_log("_signing_call_webservice: unable to execute command");
+            continue;
+        }
+        if (stopped) {
+            print_log("_signing_call_webservice: web service call ran past %u seconds and was stopped", limits.seconds);
+        }
         if (status != -1 && WIFSIGNALED(status)) {
             print_log("_signing_call_webservice: signing web service call failed by signal %d - %s.\n", WTERMSIG(status),
                       strsignal(WTERMSIG(status)));
@@ -219,6 +315,57 @@ bool CallWebService(const std::string& command) {
 }
 
 }  // namespace
+
+SigningDownloadLimits _signing_download_limits() {
+    return SigningDownloadLimits{30, 1024 * 1024};
+}
+
+int _signing_run_command(const std::string& command, const SigningDownloadLimits& limits, bool* stopped) {
+    if (stopped != nullptr) *stopped = false;
+    // Everything the child needs is prepared before fork: between fork and exec it only makes
+    // calls that are safe there.
+    const int devNull = open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (devNull < 0) return -1;
+    const char* const arguments[] = {"sh", "-c", command.c_str(), nullptr};
+    const rlim_t bytes = static_cast<rlim_t>(limits.bytes);
+    const struct rlimit fileSize = {bytes, bytes};
+    const pid_t child = fork();
+    if (child == 0) {
+        setpgid(0, 0);
+        setrlimit(RLIMIT_FSIZE, &fileSize);  // a write past the limit ends the tool (SIGXFSZ)
+        struct sigaction defaults = {};
+        defaults.sa_handler = SIG_DFL;
+        sigaction(SIGXFSZ, &defaults, nullptr);
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        dup2(devNull, STDIN_FILENO);
+        dup2(devNull, STDOUT_FILENO);
+        execv("/bin/sh", const_cast<char* const*>(arguments));
+        _exit(127);
+    }
+    close(devNull);
+    if (child < 0) return -1;
+    setpgid(child, child);  // also here, so that the group exists whichever side runs first
+
+    const long long deadline = MonotonicMilliseconds() + 1000LL * limits.seconds;
+    int status = 0;
+    for (;;) {
+        const pid_t done = waitpid(child, &status, WNOHANG);
+        if (done == child) return status;
+        if (done < 0 && errno != EINTR) return -1;
+        if (MonotonicMilliseconds() >= deadline) break;
+        const struct timespec pause = {0, 10 * 1000 * 1000};
+        nanosleep(&pause, nullptr);
+    }
+    // Past the deadline: the shell and everything it started go.
+    kill(-child, SIGKILL);
+    if (stopped != nullptr) *stopped = true;
+    while (waitpid(child, &status, 0) < 0) {
+        if (errno != EINTR) return -1;
+    }
+    return status;
+}
 
 void _signing_set_optional_prerequisite_status(session_t* session, int code) {
     const std::string significance = env_get_string(session, kSignificance) + ";0";
@@ -236,6 +383,7 @@ std::string _signing_get_command(const std::string& url, const std::string& outp
                   url.c_str(), outputFile.c_str());
         return "";
     }
+
     for (size_t tool = 0; tool < 2; ++tool) {
         FILE* probe = popen(kProbes[tool], "r");
         if (probe == nullptr) {
@@ -264,6 +412,9 @@ std::string _signing_get_command(const std::string& url, const std::string& outp
             return "";
         }
         if (status == 0) {
+            if (!IsSafeDownload(url, outputFile)) {
+                return "";
+            }
             std::unique_ptr<char[]> command(new char[kCommandBufferSize]());
             std::snprintf(command.get(), kCommandBufferSize, kTemplates[tool], kTimeoutSeconds, kTries, url.c_str(),
                           outputFile.c_str());
@@ -283,7 +434,7 @@ std::string _signing_get_public_key(session_t* session) {
         return signature;
     }
     print_log("signing_get_public_key: public key will be downloaded from Tarvo");
-    const std::string address = (configuredUrl.empty() ? defaultUrl : configuredUrl) + "?id=" + FindUpdateId();
+    const std::string address = (configuredUrl.empty() ? defaultUrl : configuredUrl) + "?id=" + FindUpdateId(session);
     print_log("signing_get_public_key: request value [%s]", address.c_str());
     const std::string outputFile = tempFolder + "/PUBLIC_KEY.PUB";
     const std::string command = _signing_get_command(address, outputFile);
@@ -291,7 +442,13 @@ std::string _signing_get_public_key(session_t* session) {
         return "";
     }
     print_log("signing_get_public_key: command value [%s]", command.c_str());
-    if (!CallWebService(command)) {
+    if (!CallWebService(command, outputFile)) {
+        return "";
+    }
+    if (!IsOwnRegularFile(outputFile, _signing_download_limits().bytes)) {
+        print_log("signing_get_public_key: refused the downloaded key [%s]: not a regular file of this user of at "
+                  "most %llu bytes",
+                  outputFile.c_str(), _signing_download_limits().bytes);
         return "";
     }
     print_log("signing_get_public_key: public key obtained successfully [%s]", outputFile.c_str());
@@ -300,6 +457,15 @@ std::string _signing_get_public_key(session_t* session) {
 
 int _signing_is_valid_key(const std::string& path) {
     if (file_exists(path, false) == 0) {
+        return 1;
+    }
+    // A key is a small regular file: a pipe, a device or a huge file would hang or exhaust the
+    // reading of its lines.
+    struct stat status;
+    const unsigned long long limit = _signing_download_limits().bytes;
+    if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) ||
+        static_cast<unsigned long long>(status.st_size) > limit) {
+        print_log("_signing_is_valid_key: public key is not a regular file of at most %llu bytes", limit);
         return 1;
     }
     // A service that answers with an address or an error page instead of a key leaves such a file.
@@ -337,7 +503,13 @@ std::string SelectKey(session_t* session) {
 
 // Verifies the package of every available RPM component; true when all of them passed.
 bool VerifyComponents(session_t* session, const std::string& key) {
-    const std::vector<Product*>& products = TSD::products();
+    const TSD* data = session_get_tsd(session);
+    if (data == nullptr) {
+        // Without the session's product data nothing could be verified: that is no pass.
+        print_log("signing_validate_package_list: the session holds no product data");
+        return false;
+    }
+    const std::vector<Product*>& products = data->products();
     int total = 0;
     for (Product* product : products) total += static_cast<int>(product->components().size());
     if (total == 0) total = 1;

@@ -114,14 +114,13 @@ int main(int argc, char** argv) {
         return Fail("the module " + options.module + " has no signing_validate_package_list");
     }
 
-    host::SetCurrentSession(session.get());
     const int result = check(session.get());
-    host::SetCurrentSession(nullptr);
     dlclose(module);
 
     if (options.json) {
+        // Session values are bytes: one that is not UTF-8 is shown with U+FFFD in its place.
         nlohmann::json variables(session->variables);
-        std::printf("%s\n", variables.dump(2).c_str());
+        std::printf("%s\n", variables.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
     } else {
         std::printf("signing-check: the check returned %d\n", result);
         for (const char* key : kReported) {

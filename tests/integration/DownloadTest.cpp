@@ -102,7 +102,7 @@ TEST_F(KeyDownload, WgetFetchesTheKeyWithTheUpdateIdentifier) {
     session_["signing_url"] = server.Url("key.asc");
     session_["SIGNING_DEFAULT_URL"] = "http://127.0.0.1:1/unused";
     session_->environments["updates"].entries["VelUpdateId"] = "4711";
-    session_->Products()[0]->environment()->entries["phonehome"] = "updates";
+    session_->Products()[0]->environment()->entries["phonehome"] = session_->environments["updates"].Reference();
 
     EXPECT_EQ(signing_validate_package_list(session_.get()), 0);
     const std::string command = "export LD_LIBRARY_PATH=\"\"; wget --timeout=3 --tries=1 --quiet " +
@@ -128,8 +128,8 @@ TEST_F(KeyDownload, CurlWhenWgetIsMissingAndTheIdentifierOfAComponent) {
     session_["SIGNING_DEFAULT_URL"] = server.Url("key.asc");
     session_->environments["updates"].entries["VelUpdateId"] = "99";
     session_->environments["empty"].entries["VelUpdateId"] = "";
-    session_->Products()[0]->environment()->entries["phonehome"] = "empty";
-    session_->Products()[0]->components()[1]->environment()->entries["phonehome"] = "updates";
+    session_->Products()[0]->environment()->entries["phonehome"] = session_->environments["empty"].Reference();
+    session_->Products()[0]->components()[1]->environment()->entries["phonehome"] = session_->environments["updates"].Reference();
 
     EXPECT_EQ(signing_validate_package_list(session_.get()), 0);
     EXPECT_TRUE(session_.Logged("signing_get_public_key: command value [export LD_LIBRARY_PATH=\"\"; curl --max-time 3 "

@@ -55,9 +55,9 @@ TEST(PluginModule, ExportedNamesWorkThroughDlopen) {
     product.AddComponent("good", kData + "/rpm", "signed-sha512.rpm", "rpm");
     product.AddComponent("bad", kData + "/rpm", "tampered-header.rpm", "rpm");
     host::SetLogEcho(false);
-    host::SetCurrentSession(&session);
+    host::SetLogRecord(&session.log);
     EXPECT_EQ(check(&session), 1);
-    host::SetCurrentSession(nullptr);
+    host::SetLogRecord(nullptr);
     EXPECT_EQ(session.variables["operation_progress"], "100");
     EXPECT_EQ(session.variables["SIGNIFICANCE"], ";1");
     EXPECT_EQ(session.log.back(), "signing_validate_package_list: finished");

@@ -11,14 +11,14 @@
 #include "HostSession.h"
 #include "TestSupport.h"
 
-// A session made current for the host functions, with the log kept but not echoed.
+// A session whose check's log lines are kept in it, not echoed.
 class ScopedSession {
 public:
     ScopedSession() {
         host::SetLogEcho(false);
-        host::SetCurrentSession(&session_);
+        host::SetLogRecord(&session_.log);
     }
-    ~ScopedSession() { host::SetCurrentSession(nullptr); }
+    ~ScopedSession() { host::SetLogRecord(nullptr); }
     session_t* operator->() { return &session_; }
     session_t* get() { return &session_; }
     std::string& operator[](const std::string& key) { return session_.variables[key]; }

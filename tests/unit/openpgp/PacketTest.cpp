@@ -170,7 +170,26 @@ TEST(PacketFraming, SignaturePackets) {
     EXPECT_EQ(ParseError(packet), kPrefix + "Version 5 of signature packets is not supported");
     packet = SignaturePacket(key, "data", v3);
     packet[4] = 0xFB;
-    EXPECT_EQ(ParseError(packet), kPrefix + "Version 3 signature packet has a negative hashed material length -5");
+    EXPECT_EQ(ParseError(packet), kPrefix + "Version 3 signature packet has a hashed material length of -5; it must be 5");
+    // Any other length than 5 could carry the end of the signed data into the hashed material.
+    for (int length : {0, 4, 6, 127}) {
+        packet = SignaturePacket(key, "data", v3);
+        packet[4] = static_cast<unsigned char>(length);
+        EXPECT_EQ(ParseError(packet), kPrefix + "Version 3 signature packet has a hashed material length of " +
+                                          std::to_string(length) + "; it must be 5");
+    }
+    // A zero length where the walk ends anyway (U = 0 or 1) is read, not refused; the left 16 bits
+    // come from where the walk stopped.
+    const struct {
+        Bytes lengthAndRest;  // U, the unhashed area, left 16 bits, the value (and a spare octet)
+        Bytes left16;
+    } ends[] = {{{0, 0, 0x00, 0x12, 0x00, 0x01, 0x01}, {0x00, 0x12}},
+                {{0, 1, 0x00, 0x00, 0x00, 0x08, 0xFF, 0xEE}, {0x00, 0x00}}};
+    for (const auto& end : ends) {
+        const std::unique_ptr<PgpMessage> walked = Parse(Packet(2, Concat({{4, 0, 1, 8, 0, 0}, end.lengthAndRest})));
+        const unsigned char* left16 = walked->GetSignatureData()->GetLeft16();
+        EXPECT_EQ(Bytes(left16, left16 + 2), end.left16);
+    }
     SignatureOptions zero;
     zero.unhashedExtra = Bytes{0, 7};
     zero.issuerFirst = false;
