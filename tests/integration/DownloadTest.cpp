@@ -4,10 +4,12 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -164,4 +166,36 @@ TEST_F(KeyDownload, AServedAddressInsteadOfAKeyIsRejected) {
     EXPECT_EQ(session_.CountLogged("_signing_is_valid_key: public key contains incorrect value"), 2u);
     EXPECT_TRUE(session_.Logged("signing_validate_package_list: public key is not valid"));
     EXPECT_EQ(session_["FULL_DESC"], ";SIGNING_prereq_war_signing_check_validate_full_desc");
+}
+
+// A link planted where the key goes is removed, not written through; the key lands in a regular
+// file of this user.
+TEST_F(KeyDownload, APlantedLinkIsReplacedNotWrittenThrough) {
+    LoopbackServer server(served_.Path());
+    ASSERT_GT(server.Port(), 0);
+    TempFolder elsewhere;
+    const std::string victim = elsewhere.Write("victim", "precious\n");
+    ASSERT_EQ(symlink(victim.c_str(), Output().c_str()), 0);
+    session_["signing_url"] = server.Url("key.asc");
+
+    EXPECT_EQ(signing_validate_package_list(session_.get()), 0);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(std::ifstream(victim).rdbuf()), {}), "precious\n");
+    struct stat status;
+    ASSERT_EQ(lstat(Output().c_str(), &status), 0);
+    EXPECT_TRUE(S_ISREG(status.st_mode));
+    EXPECT_TRUE(session_.Logged("signing_get_public_key: public key obtained successfully [" + Output() + "]"));
+}
+
+// A service that sends far more than any key: each attempt ends at the byte limit and fails, and
+// nothing larger than the limit is left behind.
+TEST_F(KeyDownload, AnOversizedAnswerEndsEachAttempt) {
+    served_.Write("huge.asc", std::string(3 * 1024 * 1024, 'A'));
+    LoopbackServer server(served_.Path());
+    ASSERT_GT(server.Port(), 0);
+    session_["signing_url"] = server.Url("huge.asc");
+    EXPECT_EQ(signing_validate_package_list(session_.get()), 1);
+    EXPECT_EQ(session_.CountLogged("_signing_call_webservice: web service call failed"), 6u);
+    EXPECT_EQ(session_.CountLogged("signing_get_public_key: public key obtained successfully"), 0u);
+    EXPECT_TRUE(session_.Logged("signing_validate_package_list: unable to obtain public key location"));
+    EXPECT_LE(std::filesystem::file_size(Output()), 1024u * 1024u);
 }

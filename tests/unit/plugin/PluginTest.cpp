@@ -1,4 +1,10 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <filesystem>
+#include <thread>
 
 #include "FileHelper.h"
 #include "HostSupport.h"
@@ -160,4 +166,111 @@ TEST(PrerequisiteCheck, UnsafeAddressesNeverReachTheShell) {
     ScopedSession session;
     EXPECT_EQ(_signing_get_command("http://127.0.0.1/key", "/tmp/a b/PUBLIC_KEY.PUB"), "");
     EXPECT_FALSE(FileHelper::IsExist(marker));
+}
+
+// What the download is refused, before any tool runs: another scheme or an option for the tool, a
+// path the shell would read otherwise, a folder that others can change.
+TEST(PrerequisiteCheck, DownloadOnlyOverHttpIntoAPrivateFolder) {
+    TempFolder temp;
+    const std::string shared = temp / "shared", open = temp / "open", inOpen = temp / "open/mine",
+                      group = temp / "group", link = temp / "link";
+    for (const auto& folder : {std::make_pair(shared, 01777), std::make_pair(open, 0777),
+                               std::make_pair(inOpen, 0700), std::make_pair(group, 0770)}) {
+        ASSERT_EQ(mkdir(folder.first.c_str(), 0700), 0);
+        ASSERT_EQ(chmod(folder.first.c_str(), static_cast<mode_t>(folder.second)), 0);
+    }
+    ASSERT_EQ(symlink(temp.Path().c_str(), link.c_str()), 0);
+    const std::string https = "https://127.0.0.1:1/key", folderRefused = "]: its folder must belong to this user and be "
+                                                                        "writable by nobody else";
+    const struct {
+        std::string url, folder, logged;
+    } rows[] = {
+        {"--config=/etc/wgetrc", temp.Path(),
+         "_signing_get_command: refused to download from [--config=/etc/wgetrc?id=]: the address must begin with "
+         "http:// or https://"},
+        {"ftp://127.0.0.1/key", temp.Path(),
+         "_signing_get_command: refused to download from [ftp://127.0.0.1/key?id=]: the address must begin with "
+         "http:// or https://"},
+        {https, "~/keys", "_signing_get_command: refused to write to [~/keys/PUBLIC_KEY.PUB]: the path must be absolute"},
+        {https, "#keys", "_signing_get_command: refused to write to [#keys/PUBLIC_KEY.PUB]: the path must be absolute"},
+        {https, shared, "_signing_get_command: refused to write to [" + shared + "/PUBLIC_KEY.PUB" + folderRefused},
+        {https, group, "_signing_get_command: refused to write to [" + group + "/PUBLIC_KEY.PUB" + folderRefused},
+        {https, inOpen, "_signing_get_command: refused to write to [" + inOpen + "/PUBLIC_KEY.PUB" + folderRefused},
+        {https, link, "_signing_get_command: refused to write to [" + link + "/PUBLIC_KEY.PUB" + folderRefused},
+        {https, temp / "missing", "_signing_get_command: refused to write to [" + temp / "missing/PUBLIC_KEY.PUB" +
+                                      folderRefused},
+    };
+    ScopedPath tools({"which", "sh", "wget"});
+    for (const auto& row : rows) {
+        ScopedSession session;
+        session["signing_url"] = row.url;
+        session["TEMP_FOLDER"] = row.folder;
+        EXPECT_EQ(_signing_get_public_key(session.get()), "") << row.logged;
+        EXPECT_TRUE(session.Logged(row.logged)) << row.logged;
+        EXPECT_EQ(session.CountLogged("signing_get_public_key: command value"), 0u);
+    }
+    EXPECT_NE(_signing_get_command(https, temp / "PUBLIC_KEY.PUB"), "");
+}
+
+// One run of a download command ends within its time and writes no more than its bytes; the
+// shell and everything it started end with it.
+TEST(PrerequisiteCheck, ADownloadRunIsBoundedInTimeAndBytes) {
+    TempFolder temp;
+    const SigningDownloadLimits limits = _signing_download_limits();
+    EXPECT_EQ(limits.seconds, 30u);
+    EXPECT_EQ(limits.bytes, 1024u * 1024u);
+
+    bool stopped = true;
+    int status = _signing_run_command("exit 3", {5, 1024}, &stopped);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3);
+    EXPECT_FALSE(stopped);
+
+    const auto started = std::chrono::steady_clock::now();
+    const std::string late = temp / "late";
+    status = _signing_run_command("(sleep 2; touch " + late + ") & sleep 10", {1, 1024}, &stopped);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
+    EXPECT_TRUE(stopped);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    EXPECT_FALSE(FileHelper::IsExist(late));  // the background child went with the group
+
+    const std::string big = temp / "big";
+    status = _signing_run_command("head -c 3000000 /dev/zero > " + big, {10, 65536}, &stopped);
+    EXPECT_NE(status, 0);
+    EXPECT_FALSE(stopped);
+    EXPECT_EQ(std::filesystem::file_size(big), 65536u);
+}
+
+// A key is a small regular file: anything else is refused before its lines are read, and the
+// host's reader gives no lines for it either.
+TEST(PrerequisiteCheck, KeysAndTextFilesThatAreNotSmallRegularFiles) {
+    TempFolder temp;
+    const std::string fifo = temp / "fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const std::string huge = temp.Write("huge.asc", std::string(1024 * 1024 + 1, 'k'));
+    const std::string limit = temp.Write("limit.asc", std::string(1024 * 1024 - 2, 'k') + "\nk");
+    for (const std::string& path : {fifo, std::string("/dev/zero"), temp.Path(), huge}) {
+        ScopedSession session;
+        EXPECT_EQ(_signing_is_valid_key(path), 1) << path;
+        EXPECT_TRUE(session.Logged("_signing_is_valid_key: public key is not a regular file of at most 1048576 bytes"));
+        EXPECT_TRUE(readContentOfTextFile(path).empty()) << path;
+    }
+    EXPECT_EQ(_signing_is_valid_key(limit), 0);
+    EXPECT_EQ(readContentOfTextFile(limit).size(), 2u);
+    EXPECT_EQ(readContentOfTextFile(temp.Write("lines", "a\r\n\nb")), (std::vector<std::string>{"a\r", "", "b"}));
+    EXPECT_EQ(readContentOfTextFile(temp.Write("ended", "a\nb\n")), (std::vector<std::string>{"a", "b"}));
+}
+
+// The check walks the products of the session it is given, whatever other sessions exist.
+TEST(PrerequisiteCheck, ProductsComeFromTheSessionHandle) {
+    ScopedSession bad, good;
+    bad["signature"] = good["signature"] = kKey;
+    AddPackages(bad, {{"tampered-header.rpm", "rpm"}});
+    AddPackages(good, {{"signed-sha256.rpm", "rpm"}});
+    EXPECT_EQ(signing_validate_package_list(good.get()), 0);
+    EXPECT_EQ(good.History("operation_progress"), (std::vector<std::string>{"0", "100"}));
+    EXPECT_TRUE(bad.History("operation_progress").empty());
+    EXPECT_EQ(signing_validate_package_list(bad.get()), 1);
+    EXPECT_EQ(bad["SIGNIFICANCE"], ";1");
+    EXPECT_EQ(good["SIGNIFICANCE"], "");
 }

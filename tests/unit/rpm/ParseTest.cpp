@@ -125,3 +125,32 @@ TEST_F(RpmParse, BrokenMainHeadersEndProcessWithResultFive) {
     // The whole file is fine.
     EXPECT_EQ(Process(package), std::make_pair(0, std::string()));
 }
+
+// Two parses by one signer: the first signature keeps its buffer after the second and the signer
+// are gone.
+TEST_F(RpmParse, ASecondParseLeavesTheFirstSignatureItsBuffer) {
+    const PackageOptions o = SignedOptions();
+    std::unique_ptr<RpmSigner> signer = SignerFor(temp_.Write("twice.rpm", Package(o)));
+    unsigned int offset = 0;
+    std::unique_ptr<RpmSignature> first(signer->ParseSignature(offset, false));
+    std::unique_ptr<RpmSignature> second(signer->ParseSignature(offset, false));
+    second.reset();
+    signer.reset();
+    EXPECT_EQ(Bytes(first->GetMd5Value(), first->GetMd5Value() + 16), HashOf(EVP_md5(), Text(MainHeader(o)) + o.payload));
+    EXPECT_EQ(first->GetPackageSignatures().size(), 1u);
+}
+
+// Entries that point at the same bytes would each be parsed and kept again: the values read may
+// not add up to more than the store.
+TEST_F(RpmParse, ValuesReadMayNotAddUpToMoreThanTheStore) {
+    const PackageOptions o = SignedOptions();
+    Bytes structure = HeaderStructure(SignatureEntries(o));
+    const size_t count = structure[11];
+    const Bytes last(structure.begin() + 16 * count, structure.begin() + 16 + 16 * count);  // the tag-1002 entry
+    structure.insert(structure.begin() + 16 + 16 * count, last.begin(), last.end());
+    structure[11] = static_cast<unsigned char>(count + 1);
+    Bytes file = Concat({Lead(), structure});
+    file.resize((file.size() + 7) & ~size_t(7), 0);
+    const std::string error = Parse(Text(file) + Text(MainHeader(o)) + o.payload);
+    EXPECT_EQ(error.rfind("Invalid format of data: RPM signature tag 1002: the values read add up to ", 0), 0u) << error;
+}

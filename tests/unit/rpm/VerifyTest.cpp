@@ -107,6 +107,43 @@ TEST_F(RpmVerify, SignatureOutcomes) {
     EXPECT_EQ(verdict.detail, "basic_string::_S_construct NULL not valid");
 }
 
+// Packages altered so that their signed content still hashes to the signed value.
+TEST_F(RpmVerify, AlteredContentThatHashesToTheSignedValueIsRefused) {
+    // No payload: header and payload hash like the header alone, so a signature over the header
+    // (here in both places) would pass for one over the whole package.
+    PackageOptions empty = SignedOptions();
+    empty.payload.clear();
+    Verdict verdict = Check(empty);
+    EXPECT_EQ(verdict.status, 3);
+    EXPECT_EQ(verdict.message, Path() + " has invalid hash.");
+    EXPECT_EQ(verdict.detail, "The package has no payload");
+
+    // Version 3: the last bytes of the payload moved in front of the packet's hashed material.
+    PackageOptions o = SignedOptions();
+    o.packages[0].version = 3;
+    const Bytes genuine = pgp::SignaturePacket(o.key, Text(MainHeader(o)) + o.payload, o.packages[0]);
+    const size_t moved = 7;
+    PackageOptions cut = o;
+    cut.payload.resize(o.payload.size() - moved);
+    std::vector<Entry> entries = SignatureEntries(cut);
+    ASSERT_EQ(entries.back().tag, 1002u);
+    // genuine: 89, length (2), version 3, 5, type, creation time, issuer, ...
+    entries.back().value = pgp::Packet(2, Concat({{3, 5 + moved}, BytesOf(o.payload.substr(cut.payload.size())),
+                                                  Bytes(genuine.begin() + 5, genuine.end())}));
+    verdict = VerifyBytes(temp_, Package(cut, &entries), keyPath_);
+    EXPECT_EQ(verdict.status, 5);
+    EXPECT_EQ(verdict.detail,
+              "Invalid format of data: Version 3 signature packet has a hashed material length of 12; it must be 5");
+
+    // A genuine value with a leading zero octet, in either place, is a good signature.
+    for (int place : {0, 1}) {
+        PackageOptions zero = SignedOptions();
+        (place == 0 ? zero.header : zero.packages[0]).leadingZero = true;
+        verdict = Check(zero);
+        EXPECT_EQ(verdict.status, 0) << place << ": " << verdict.detail;
+    }
+}
+
 TEST_F(RpmVerify, DigestsFollowTheHeaderSignatureHash) {
     struct Case {
         bool headerSignature;
