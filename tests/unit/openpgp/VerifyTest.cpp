@@ -157,11 +157,9 @@ TEST(CertificateManager, LoadsKeysFromFilesEachTime) {
     const Bytes block = KeyBlock(TestKey(2048), kIssuer);
     const std::string path = temp.Write("key.gpg", std::string(block.begin(), block.end()));
     manager->SetPgpPublicKeyFilePath(path);
-    Certificate* first = manager->LoadPgpPublicKey();
-    Certificate* second = manager->LoadPgpPublicKey();
-    EXPECT_NE(first, second);
+    EXPECT_EQ(static_cast<PgpCertificate*>(manager->LoadPgpPublicKey())->GetKeyLength(), 2048u);
+    Certificate* second = manager->LoadPgpPublicKey();  // a new certificate; the first is freed
     EXPECT_EQ(manager->GetCertificate(soapWrap::PgpPublicKey), second);
-    EXPECT_EQ(static_cast<PgpCertificate*>(first)->GetKeyLength(), 2048u);  // still valid
     temp.Write("key.gpg", Armor(KeyBlock(TestKey(3072), kIssuer)));         // a changed file is read again
     EXPECT_EQ(static_cast<PgpCertificate*>(manager->LoadPgpPublicKey())->GetKeyLength(), 3072u);
 
