@@ -195,6 +195,11 @@ TEST(SigningCheckCommand, RunsTheExampleSessionsThroughTheLoadedModule) {
     EXPECT_NE(output.text.find("\"SHORT_DESC\": \"OS_prereq_short_desc;SIGNING_prereq_err_signing_check_short_desc\""),
               std::string::npos) << output.text;
 
+    // Session values are bytes: one that is not UTF-8 is shown with U+FFFD instead of ending the run.
+    output = Shell(tool + " --json --set \"BYTES=a$(printf '\\377')b\"" + key + examples + "/session.json 2>/dev/null");
+    EXPECT_EQ(output.exitStatus, 0) << output.text;
+    EXPECT_NE(output.text.find("\"BYTES\": \"a\xEF\xBF\xBD" "b\""), std::string::npos) << output.text;
+
     for (const std::string& arguments : std::vector<std::string>{"", examples + "/missing.json", "--module /nonexistent.so " + examples + "/session.json", "--set novalue " + examples + "/session.json"}) {
         output = Shell(tool + " " + arguments);
         EXPECT_EQ(output.exitStatus, 2) << arguments;
