@@ -30,8 +30,8 @@ private:
     int descriptor_;
 };
 
-// The certificate manager keeps every certificate it made for the life of the module; a fuzzer
-// that loads a key millions of times releases it after each input, as an unload of the module would.
+// The certificate manager keeps the last certificate it made for the life of the module; each input
+// starts without it, as after an unload of the module, so that inputs do not depend on each other.
 inline void ReleaseCertificates() {
     CertificateManager::Destroy();
 }
