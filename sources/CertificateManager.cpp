@@ -32,14 +32,18 @@ Certificate* CertificateManager::LoadPgpPublicKey() {
 
 Certificate* CertificateManager::LoadCertificateFromFile(const std::string& path,
                                                          soapWrap::CertificateFileFormat format) {
-    std::unique_ptr<FileHelper> file(new FileHelper(path));
-    const uint32_t size = FileHelper::GetSize(file->GetPath());
-    // A file that shrank since its size was taken leaves zeros, never stale memory.
-    std::unique_ptr<char[]> buffer(new char[size ? size : 1]());
-    if (size > 0) {
-        file->Read(buffer.get(), 0, size);
+    std::unique_ptr<char[]> buffer;
+    uint32_t size = 0;
+    {
+        // A local object, not a smart pointer: a failing close may throw from its destructor.
+        FileHelper file(path);
+        size = FileHelper::GetSize(file.GetPath());
+        // A file that shrank since its size was taken leaves zeros, never stale memory.
+        buffer.reset(new char[size ? size : 1]());
+        if (size > 0) {
+            file.Read(buffer.get(), 0, size);
+        }
     }
-    file.reset();
     return CreateCertificate(buffer.get(), size, format);
 }
 
