@@ -2,11 +2,6 @@
 // A test-side OpenPGP writer (RFC 4880): old-format packets, public keys, user IDs, version 3 and 4
 // signatures made with OpenSSL keys, and ASCII armor. It reaches what no tool makes: version 3
 // signatures, every hash id, wrong quick-check bits, foreign issuers, broken values.
-
-#include <openssl/evp.h>
-
-#include <string>
-
 #include "Base64.h"
 #include "TestKeys.h"
 
@@ -17,13 +12,11 @@ inline Bytes Concat(std::initializer_list<Bytes> parts) {
     for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
     return all;
 }
-
 inline Bytes Be(uint64_t value, int width) {
     Bytes bytes;
-    for (int i = width - 1; i >= 0; --i) bytes.push_back(static_cast<unsigned char>(value >> (8 * i)));
+    while (width-- > 0) bytes.push_back(static_cast<unsigned char>(value >> (8 * width)));
     return bytes;
 }
-
 // An old-format packet; lengthType 0, 1 or 2 picks a 1, 2 or 4-octet length.
 inline Bytes Packet(int tag, const Bytes& body, int lengthType = 1) {
     const int width = lengthType == 0 ? 1 : lengthType == 1 ? 2 : 4;
@@ -38,25 +31,16 @@ inline Bytes Mpi(Bytes value) {
 }
 
 inline Bytes PublicKey(EVP_PKEY* key, unsigned char version = 4, unsigned char algorithm = 1) {
-    return Packet(
-        6,
-        Concat({{version}, Be(0x5F000000, 4), {algorithm}, Mpi(KeyComponent(key, "n")), Mpi(KeyComponent(key, "e"))}));
+    const Bytes n = Mpi(KeyComponent(key, "n")), e = Mpi(KeyComponent(key, "e"));
+    return Packet(6, Concat({{version}, Be(0x5F000000, 4), {algorithm}, n, e}));
 }
 
-inline Bytes UserId(const std::string& text) {
-    return Packet(13, Bytes(text.begin(), text.end()), 0);
-}
+inline Bytes UserId(const std::string& text) { return Packet(13, Bytes(text.begin(), text.end()), 0); }
 
+// The digest of an OpenPGP hash id (RFC 4880, 9.4); SHA-256 for ids the module refuses.
 inline const EVP_MD* MdOf(int hashId) {
-    switch (hashId) {
-        case 1: return EVP_md5();
-        case 2: return EVP_sha1();
-        case 8: return EVP_sha256();
-        case 9: return EVP_sha384();
-        case 10: return EVP_sha512();
-        case 11: return EVP_sha224();
-        default: return EVP_sha256();
-    }
+    const std::map<int, const char*> names = {{1, "MD5"}, {2, "SHA1"}, {9, "SHA384"}, {10, "SHA512"}, {11, "SHA224"}};
+    return EVP_get_digestbyname(names.count(hashId) ? names.at(hashId) : "SHA256");
 }
 
 struct SignatureOptions {
@@ -64,49 +48,29 @@ struct SignatureOptions {
     int hashId = 8;
     unsigned char type = 0x00;
     Bytes issuer = Bytes(8, 0x11);
-    uint32_t created = 0x60000000;  // creation time
-    Bytes hashedArea;               // empty: one creation time subpacket
-    Bytes unhashedExtra;            // subpackets written after the issuer subpacket
-    bool issuerFirst = true;        // false puts unhashedExtra before the issuer
-    bool withIssuer = true;         // false leaves the issuer subpacket out
+    uint32_t created = 0x60000000;  // creation time (version 4: the one hashed subpacket)
     bool breakLeft16 = false;       // wrong quick-check bits
     bool breakValue = false;        // an RSA value that does not verify
     bool leadingZero = false;       // a value whose first octet is zero (an MPI shorter than the key)
 };
-
-inline Bytes HashedArea(const SignatureOptions& o) {
-    return o.hashedArea.empty() ? Concat({{5, 2}, Be(o.created, 4)}) : o.hashedArea;
-}
-
-// The hash an OpenPGP signature of data covers, finished with the signature's own fields.
+// The hash an OpenPGP signature of data covers, finished with the signature's own fields (version 4:
+// the hashed area and the trailer 04 FF with the length of the hashed part).
 inline Bytes SignatureHash(const std::string& data, const SignatureOptions& o) {
-    std::string hashed = data;
-    const Bytes area = HashedArea(o);
-    if (o.version == 3) {
-        const Bytes tail = Concat({{o.type}, Be(o.created, 4)});
-        hashed.append(tail.begin(), tail.end());
-    } else {
-        const Bytes fields = Concat({{4, o.type, 1, static_cast<unsigned char>(o.hashId)},
-                                     Be(area.size(), 2),
-                                     area,
-                                     {4, 0xFF},
-                                     Be(area.size() + 6, 4)});
-        hashed.append(fields.begin(), fields.end());
-    }
-    return HashOf(MdOf(o.hashId), hashed);
+    const Bytes area = Concat({{5, 2}, Be(o.created, 4)});
+    const Bytes fields = o.version == 3 ? Concat({{o.type}, Be(o.created, 4)})
+                                        : Concat({{4, o.type, 1, static_cast<unsigned char>(o.hashId)},
+                                                  Be(area.size(), 2), area, {4, 0xFF}, Be(area.size() + 6, 4)});
+    return HashOf(MdOf(o.hashId), data + std::string(fields.begin(), fields.end()));
 }
-
 // With leadingZero the creation time moves on one second at a time until the value starts with a
 // zero octet (about one signature in 256 does).
 inline Bytes SignaturePacket(EVP_PKEY* key, const std::string& data, SignatureOptions o = {}) {
-    Bytes digest = SignatureHash(data, o);
-    Bytes value = SignDigest(key, MdOf(o.hashId), digest);
+    Bytes digest = SignatureHash(data, o), value = SignDigest(key, MdOf(o.hashId), digest);
     while (o.leadingZero && !value.empty() && value[0] != 0) {
         ++o.created;
         digest = SignatureHash(data, o);
         value = SignDigest(key, MdOf(o.hashId), digest);
     }
-    const Bytes area = HashedArea(o);
     if (o.breakValue) value[value.size() / 2] ^= 0x01;
     Bytes left16(digest.begin(), digest.begin() + 2);
     if (o.breakLeft16) left16[0] ^= 0xFF;
@@ -114,19 +78,13 @@ inline Bytes SignaturePacket(EVP_PKEY* key, const std::string& data, SignatureOp
     if (o.version == 3) {
         return Packet(2, Concat({{3, 5, o.type}, Be(o.created, 4), o.issuer, {1, hashId}, left16, Mpi(value)}));
     }
-    const Bytes issuer = o.withIssuer ? Concat({{9, 16}, o.issuer}) : Bytes();
-    const Bytes unhashed = o.issuerFirst ? Concat({issuer, o.unhashedExtra}) : Concat({o.unhashedExtra, issuer});
-    return Packet(
-        2,
-        Concat(
-            {{4, o.type, 1, hashId}, Be(area.size(), 2), area, Be(unhashed.size(), 2), unhashed, left16, Mpi(value)}));
+    return Packet(2, Concat({{4, o.type, 1, hashId, 0, 6, 5, 2}, Be(o.created, 4), Be(o.issuer.size() + 2, 2),
+                             {9, 16}, o.issuer, left16, Mpi(value)}));
 }
-
 // A key block: public key, user ID and a self-signature naming issuer.
 inline Bytes KeyBlock(EVP_PKEY* key, const Bytes& issuer) {
     SignatureOptions self;
-    self.type = 0x13;
-    self.issuer = issuer;
+    self.type = 0x13, self.issuer = issuer;
     return Concat({PublicKey(key), UserId("Test <test@example.com>"), SignaturePacket(key, "key", self)});
 }
 

@@ -1,7 +1,6 @@
 #pragma once
 // RSA keys and signatures made in the tests with OpenSSL's EVP interface, independent of the
 // module's own RSA code.
-
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
@@ -13,19 +12,13 @@
 
 typedef std::vector<unsigned char> Bytes;
 
-struct PkeyFree {
-    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-};
-typedef std::unique_ptr<EVP_PKEY, PkeyFree> PkeyPtr;
-
 // One key per size for the whole test program (generating 4096-bit keys is slow).
 inline EVP_PKEY* TestKey(unsigned int bits) {
-    static std::map<unsigned int, PkeyPtr> keys;
-    PkeyPtr& key = keys[bits];
-    if (!key) key.reset(EVP_RSA_gen(bits));
-    return key.get();
+    static std::map<unsigned int, std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)>> keys;
+    auto it = keys.find(bits);
+    if (it == keys.end()) it = keys.emplace(bits, decltype(it->second)(EVP_RSA_gen(bits), EVP_PKEY_free)).first;
+    return it->second.get();
 }
-
 // A public component ("n" or "e") as big-endian bytes without leading zeros.
 inline Bytes KeyComponent(EVP_PKEY* key, const char* name) {
     BIGNUM* number = nullptr;
@@ -35,7 +28,6 @@ inline Bytes KeyComponent(EVP_PKEY* key, const char* name) {
     BN_free(number);
     return bytes;
 }
-
 // Signs a digest made with md; padding is RSA_PKCS1_PADDING or RSA_PKCS1_PSS_PADDING.
 inline Bytes SignDigest(EVP_PKEY* key, const EVP_MD* md, const Bytes& digest, int padding = RSA_PKCS1_PADDING,
                         int saltLength = 20) {
@@ -54,7 +46,6 @@ inline Bytes SignDigest(EVP_PKEY* key, const EVP_MD* md, const Bytes& digest, in
 
 inline Bytes HashOf(const EVP_MD* md, const std::string& data) {
     Bytes digest(static_cast<size_t>(EVP_MD_get_size(md)));
-    unsigned int length = 0;
-    EVP_Digest(data.data(), data.size(), digest.data(), &length, md, nullptr);
+    EVP_Digest(data.data(), data.size(), digest.data(), nullptr, md, nullptr);
     return digest;
 }
