@@ -159,7 +159,8 @@ const char* const kCurlProtocols[] = {"--sslv3", "--sslv2", "--tlsv1"};
 // Characters that cannot change the meaning of a shell command line.
 bool IsSafeForShell(const std::string& text) {
     for (unsigned char c : text) {
-        if (!std::isalnum(c) && std::strchr("-._~:/?#@%+,=", c) == nullptr) {
+        // strchr would find a NUL byte (the set's own terminator): it is not safe.
+        if (!std::isalnum(c) && (c == '\0' || std::strchr("-._~:/?#@%+,=", c) == nullptr)) {
             return false;
         }
     }

@@ -1,276 +1,188 @@
+// The prerequisite check in this process with the reference host: the entries it adds, the package
+// walk, the download command's screening and runs, the key screening. The key selection, the update
+// identifier and the download itself are cases in tests/integration/cases/check.txt.
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
+#include <sys/resource.h>
 
 #include <chrono>
 #include <filesystem>
 #include <thread>
 
-#include "FileHelper.h"
 #include "HostSupport.h"
 #include "rpmutil.h"
 
 namespace {
 
-const std::string kData = SIGNING_TEST_DATA;
-const std::string kKey = kData + "/keys/publisher-2048.asc";
-const std::string kPackages = kData + "/rpm";
-
-const char kShortValidate[] = ";SIGNING_prereq_war_signing_check_validate_short_desc";
-const char kFullValidate[] = ";SIGNING_prereq_war_signing_check_validate_full_desc";
-const char kShortDownload[] = ";SIGNING_prereq_war_signing_check_download_short_desc";
-const char kFullDownload[] = ";SIGNING_prereq_war_signing_check_download_full_desc";
+using Lines = std::vector<std::string>;
+const std::string kData = SIGNING_TEST_DATA, kKey = kData + "/keys/publisher-2048.asc", kPackages = kData + "/rpm";
 
 void AddPackages(ScopedSession& session, const std::vector<std::pair<std::string, std::string>>& components) {
     host::HostProduct& product = session->AddProduct();
-    for (const auto& component : components) {
-        product.AddComponent(component.first, "${PACKAGES}", component.first, component.second);
-    }
+    for (const auto& c : components) product.AddComponent(c.first, "${PACKAGES}", c.first, c.second);
     session["PACKAGES"] = kPackages;
+}
+
+std::string Result(int status, const std::string& file, const std::string& message) {
+    const std::string path = kPackages + "/" + file;
+    return "_signing_validate_file: signing validation result " + std::to_string(status) + " (0 is success) for " +
+           path + " package [" + path + message + "]";
 }
 
 }  // namespace
 
+// A warning entry appends "0", then the "download" keys for code 4 and the "validate" keys for any
+// other code, in the order significance, short, full.
 TEST(PrerequisiteStatus, WarningEntriesByCode) {
-    struct Case {
-        int code;
-        const char *shortKey, *fullKey;
-    };
-    for (const Case& c : {Case{4, kShortDownload, kFullDownload}, Case{3, kShortValidate, kFullValidate},
-                          Case{2, kShortValidate, kFullValidate}, Case{9, kShortValidate, kFullValidate}}) {
+    for (const auto& row :
+         std::map<int, std::string>{{0, "validate"}, {3, "validate"}, {4, "download"}, {5, "validate"}}) {
         ScopedSession session;
-        _signing_set_optional_prerequisite_status(session.get(), c.code);
-        EXPECT_EQ(session["SIGNIFICANCE"], ";0");
-        EXPECT_EQ(session["SHORT_DESC"], c.shortKey);
-        EXPECT_EQ(session["FULL_DESC"], c.fullKey);
-        EXPECT_EQ(session->log, std::vector<std::string>{"_signing_set_optional_prerequisite_status: ;0"});
+        session["SIGNIFICANCE"] = "1";
+        _signing_set_optional_prerequisite_status(session.get(), row.first);
+        const std::string key = ";SIGNING_prereq_war_signing_check_" + row.second;
+        EXPECT_EQ(session->assignments, (std::vector<std::pair<std::string, std::string>>{
+                                            {"SIGNIFICANCE", "1;0"}, {"SHORT_DESC", key + "_short_desc"},
+                                            {"FULL_DESC", key + "_full_desc"}}));
+        EXPECT_EQ(session->log, Lines{"_signing_set_optional_prerequisite_status: 1;0"});
     }
-    ScopedSession session;
-    session["SIGNIFICANCE"] = "1";
-    session["SHORT_DESC"] = "A";
-    _signing_set_optional_prerequisite_status(session.get(), 3);
-    EXPECT_EQ(session["SIGNIFICANCE"], "1;0");
-    EXPECT_EQ(session["SHORT_DESC"], std::string("A") + kShortValidate);
-    // The order keeps the lists aligned: significance, short, full.
-    ASSERT_EQ(session->assignments.size(), 3u);
-    EXPECT_EQ(session->assignments[1].first, "SHORT_DESC");
 }
 
+// Every component in order, progress before each; a missing package or one whose type is not
+// exactly "rpm" is named; every package is checked, and two failures make one error entry.
 TEST(PrerequisiteCheck, PackageWalkProgressLogAndOneErrorEntry) {
     ScopedSession session;
     session["signature"] = kKey;
     session["SIGNIFICANCE"] = "0";
     AddPackages(session, {{"signed-sha256.rpm", "rpm"}, {"missing.rpm", "rpm"}, {"tampered-payload.rpm", "rpm"}});
-    AddPackages(session, {{"signed-sha1.rpm", "srpm"}, {"other-key.rpm", "rpm"}, {"signed-sha512.rpm", "rpm"}});
+    AddPackages(session, {{"signed-sha1.rpm", "RPM"}, {"other-key.rpm", "rpm"}, {"signed-sha512.rpm", "rpm"}});
     EXPECT_EQ(signing_validate_package_list(session.get()), 1);
-
-    EXPECT_EQ(session.History("operation_progress"),
-              (std::vector<std::string>{"0", "16", "33", "50", "66", "83", "100"}));
-    const std::string user = "signing_get_public_key: public key specified by user " + kKey;
-    auto result = [&](int status, const std::string& file, const std::string& message) {
-        return "_signing_validate_file: signing validation result " + std::to_string(status) +
-               " (0 is success) for " + kPackages + "/" + file + " package [" + kPackages + "/" + file + message + "]";
+    EXPECT_EQ(session.History("operation_progress"), (Lines{"0", "16", "33", "50", "66", "83", "100"}));
+    auto unavailable = [](const std::string& id) {
+        return "signing_validate_package_list: component '" + id + "' is not verified because it is not available";
     };
-    const std::vector<std::string> expected = {
-        "signing_validate_package_list: started",
-        user,
-        result(0, "signed-sha256.rpm", " is signed."),
-        "signing_validate_package_list: component 'missing.rpm' is not verified because it is not available",
-        result(3, "tampered-payload.rpm", " has invalid hash."),
-        "signing_validate_package_list: component 'signed-sha1.rpm' is not verified because it is not available",
-        result(2, "other-key.rpm", " has invalid signature."),
-        result(0, "signed-sha512.rpm", " is signed."),
-        "signing_validate_package_list: 0;1",
-        "signing_validate_package_list: finished"};
-    EXPECT_EQ(session->log, expected);
-    EXPECT_EQ(session["SIGNIFICANCE"], "0;1");  // two failures, one entry
+    EXPECT_EQ(session->log,
+              (Lines{"signing_validate_package_list: started", "signing_get_public_key: public key specified by user " +
+                     kKey, Result(0, "signed-sha256.rpm", " is signed."), unavailable("missing.rpm"),
+                     Result(3, "tampered-payload.rpm", " has invalid hash."), unavailable("signed-sha1.rpm"),
+                     Result(2, "other-key.rpm", " has invalid signature."),
+                     Result(0, "signed-sha512.rpm", " is signed."), "signing_validate_package_list: 0;1",
+                     "signing_validate_package_list: finished"}));
     EXPECT_EQ(session["SHORT_DESC"], ";SIGNING_prereq_err_signing_check_short_desc");
     EXPECT_EQ(session["FULL_DESC"], ";SIGNING_prereq_err_signing_check_full_desc");
 }
 
-TEST(PrerequisiteCheck, GoodAndEmptySessionsPass) {
-    ScopedSession good;
-    good["signature"] = kKey;
+// The check walks the products of the session it is handed, whatever other sessions exist; a
+// session without components passes, no session fails.
+TEST(PrerequisiteCheck, ProductsComeFromTheSessionHandle) {
+    ScopedSession bad, good;  // the log goes to the last one made
+    bad["signature"] = good["signature"] = kKey;
+    AddPackages(bad, {{"tampered-header.rpm", "rpm"}});
     AddPackages(good, {{"signed-sha1.rpm", "rpm"}, {"signed-sha256.rpm", "rpm"}, {"signed-sha512.rpm", "rpm"}});
     EXPECT_EQ(signing_validate_package_list(good.get()), 0);
-    EXPECT_EQ(good.History("operation_progress"), (std::vector<std::string>{"0", "33", "66", "100"}));
-    EXPECT_EQ(good->log.back(), "signing_validate_package_list: finished");
-    EXPECT_EQ(good["SIGNIFICANCE"], "");
-
-    EXPECT_EQ(signing_validate_package_list(nullptr), 1);
-
+    EXPECT_EQ(good.History("operation_progress"), (Lines{"0", "33", "66", "100"}));
+    EXPECT_EQ(good->log.size(), 6u);  // started, the key, three results, finished
+    EXPECT_TRUE(bad.History("operation_progress").empty());
+    EXPECT_EQ(signing_validate_package_list(bad.get()), 1);
+    EXPECT_EQ(bad["SIGNIFICANCE"] + good["SIGNIFICANCE"] + good["SHORT_DESC"], ";1");
     ScopedSession empty;
     empty["signature"] = kKey;
     empty->AddProduct();
     EXPECT_EQ(signing_validate_package_list(empty.get()), 0);
-    EXPECT_EQ(empty.History("operation_progress"), std::vector<std::string>{"0"});
-    EXPECT_EQ(empty->log.back(), "signing_validate_package_list: finished");
+    EXPECT_EQ(empty.History("operation_progress"), Lines{"0"});
+    EXPECT_EQ(signing_validate_package_list(nullptr), 1);
+    EXPECT_EQ(empty->log.back(), "signing_validate_package_list: no session was given");
 }
 
-TEST(PrerequisiteCheck, KeySelectionFallsBackToTheLocalKey) {
-    TempFolder temp;
-    const std::string webKey = temp.Write("web.asc", "<a href=\"http://example.com/\">moved</a>\n");
-    ScopedPath noTools({});
-
-    // A user key holding an address is refused; the local key is taken instead.
-    ScopedSession fallback;
-    fallback["signature"] = webKey;
-    fallback["KEYS"] = kData + "/keys";
-    fallback["SIGNING_LOCAL_PUBLIC_KEY"] = "${KEYS}/publisher-2048.asc";
-    AddPackages(fallback, {{"signed-sha256.rpm", "rpm"}});
-    EXPECT_EQ(signing_validate_package_list(fallback.get()), 0);
-    EXPECT_EQ(fallback["signature"], kKey);
-    EXPECT_EQ(fallback.CountLogged("_signing_is_valid_key: public key contains incorrect value"), 1u);
-
-    // The local key is unusable too: warning kind 3, no package checked.
-    ScopedSession invalid;
-    invalid["signature"] = webKey;
-    invalid["SIGNING_LOCAL_PUBLIC_KEY"] = temp / "missing.asc";
-    AddPackages(invalid, {{"signed-sha256.rpm", "rpm"}});
-    EXPECT_EQ(signing_validate_package_list(invalid.get()), 1);
-    EXPECT_TRUE(invalid.Logged("signing_validate_package_list: public key is not valid"));
-    EXPECT_EQ(invalid["SHORT_DESC"], kShortValidate);
-    EXPECT_EQ(invalid.CountLogged("_signing_validate_file"), 0u);
-    EXPECT_FALSE(invalid.Logged("signing_validate_package_list: finished"));
-
-    // No key anywhere and no download tool: warning kind 4.
-    ScopedSession none;
-    AddPackages(none, {{"signed-sha256.rpm", "rpm"}});
-    EXPECT_EQ(signing_validate_package_list(none.get()), 1);
-    EXPECT_EQ(none->log, (std::vector<std::string>{
-                             "signing_validate_package_list: started",
-                             "signing_get_public_key: public key will be downloaded from Tarvo",
-                             "signing_get_public_key: request value [?id=]",
-                             "signing_get_public_key: public key will be downloaded from Tarvo",
-                             "signing_get_public_key: request value [?id=]",
-                             "signing_validate_package_list: unable to obtain public key location",
-                             "_signing_set_optional_prerequisite_status: ;0"}));
-    EXPECT_EQ(none["SHORT_DESC"], kShortDownload);
-    EXPECT_EQ(none["FULL_DESC"], kFullDownload);
-    EXPECT_EQ(none.History("operation_progress"), std::vector<std::string>{"0"});
-}
-
-TEST(PrerequisiteCheck, UnsafeAddressesNeverReachTheShell) {
-    TempFolder temp;
-    const std::string marker = temp / "injected";
-    for (const std::string& url : {"http://x/key;touch " + marker, "http://x/$(touch " + marker + ")",
-                                   "http://x/`touch " + marker + "`", "http://x/key|touch " + marker}) {
-        ScopedSession session;
-        session["signing_url"] = url;
-        session["TEMP_FOLDER"] = temp.Path();
-        EXPECT_EQ(_signing_get_public_key(session.get()), "");
-        EXPECT_EQ(session.CountLogged("_signing_get_command: refused to build a command from unsafe characters"), 1u)
-            << url;
-        EXPECT_EQ(session.CountLogged("signing_get_public_key: command value"), 0u);
-    }
+// The failures of the probe and the download as logged (the host's echo would hide a missing line
+// break): a probe that cannot start (no descriptor left for its pipe), a probe and a download ended by
+// a signal (fake tools on PATH; a shell that ran the tool in its own place is this process, spared).
+TEST(DownloadCommand, FailuresOfTheProbeAndTheDownloadAsLogged) {
+    TempFolder temp, tools;
     ScopedSession session;
-    EXPECT_EQ(_signing_get_command("http://127.0.0.1/key", "/tmp/a b/PUBLIC_KEY.PUB"), "");
-    EXPECT_FALSE(FileHelper::IsExist(marker));
+    struct rlimit saved;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    const int lowest = open("/dev/null", O_RDONLY);  // every descriptor below it is taken
+    const struct rlimit low = {static_cast<rlim_t>(close(lowest) == 0 ? lowest : 0), saved.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    const std::string command = _signing_get_command("http://h/k", temp / "PUBLIC_KEY.PUB");
+    setrlimit(RLIMIT_NOFILE, &saved);
+    const std::string path = getenv("PATH"), spare = "[ $PPID = " + std::to_string(getpid()) + " ] || ";
+    setenv("PATH", tools.Path().c_str(), 1);
+    chmod(tools.Write("which", "#!/bin/sh\n" + spare + "kill $PPID; kill $$\n").c_str(), 0700);
+    const std::string probed = _signing_get_command("http://h/k", temp / "PUBLIC_KEY.PUB");
+    chmod(tools.Write("which", "#!/bin/sh\n[ $1 = curl ]\n").c_str(), 0700);
+    chmod(tools.Write("curl", "#!/bin/sh\n" + spare + "kill -HUP $PPID; kill -HUP $$\n").c_str(), 0700);
+    session["signing_url"] = "http://h/k";
+    session["TEMP_FOLDER"] = temp.Path();
+    EXPECT_EQ(command + probed + _signing_get_public_key(session.get()), "");
+    setenv("PATH", path.c_str(), 1);
+    const std::string hup = "_signing_call_webservice: signing web service call failed by signal 1 - Hangup.\n";
+    ASSERT_GE(session->log.size(), 2u);
+    EXPECT_EQ(Lines(session->log.begin(), session->log.begin() + 2),
+              (Lines{"_signing_get_command: unable to validate command to existance",
+                     "_signing_get_command: signing command check failed by signal 15 - Terminated.\n"}));
+    EXPECT_EQ(std::count(session->log.begin(), session->log.end(), hup), 3);
 }
 
-// What the download is refused, before any tool runs: another scheme or an option for the tool, a
-// path the shell would read otherwise, a folder that others can change.
-TEST(PrerequisiteCheck, DownloadOnlyOverHttpIntoAPrivateFolder) {
+// A character the shell would read, in the address or in the path, is refused before any tool runs
+// (the other download rules are cases in tests/integration/cases/check.txt).
+TEST(DownloadCommand, UnsafeCharactersNeverReachTheShell) {
     TempFolder temp;
-    const std::string shared = temp / "shared", open = temp / "open", inOpen = temp / "open/mine",
-                      group = temp / "group", link = temp / "link";
-    for (const auto& folder : {std::make_pair(shared, 01777), std::make_pair(open, 0777),
-                               std::make_pair(inOpen, 0700), std::make_pair(group, 0770)}) {
-        ASSERT_EQ(mkdir(folder.first.c_str(), 0700), 0);
-        ASSERT_EQ(chmod(folder.first.c_str(), static_cast<mode_t>(folder.second)), 0);
-    }
-    ASSERT_EQ(symlink(temp.Path().c_str(), link.c_str()), 0);
-    const std::string https = "https://127.0.0.1:1/key", folderRefused = "]: its folder must belong to this user and be "
-                                                                        "writable by nobody else";
-    const struct {
-        std::string url, folder, logged;
-    } rows[] = {
-        {"--config=/etc/wgetrc", temp.Path(),
-         "_signing_get_command: refused to download from [--config=/etc/wgetrc?id=]: the address must begin with "
-         "http:// or https://"},
-        {"ftp://127.0.0.1/key", temp.Path(),
-         "_signing_get_command: refused to download from [ftp://127.0.0.1/key?id=]: the address must begin with "
-         "http:// or https://"},
-        {https, "~/keys", "_signing_get_command: refused to write to [~/keys/PUBLIC_KEY.PUB]: the path must be absolute"},
-        {https, "#keys", "_signing_get_command: refused to write to [#keys/PUBLIC_KEY.PUB]: the path must be absolute"},
-        {https, shared, "_signing_get_command: refused to write to [" + shared + "/PUBLIC_KEY.PUB" + folderRefused},
-        {https, group, "_signing_get_command: refused to write to [" + group + "/PUBLIC_KEY.PUB" + folderRefused},
-        {https, inOpen, "_signing_get_command: refused to write to [" + inOpen + "/PUBLIC_KEY.PUB" + folderRefused},
-        {https, link, "_signing_get_command: refused to write to [" + link + "/PUBLIC_KEY.PUB" + folderRefused},
-        {https, temp / "missing", "_signing_get_command: refused to write to [" + temp / "missing/PUBLIC_KEY.PUB" +
-                                      folderRefused},
-    };
-    ScopedPath tools({"which", "sh", "wget"});
-    for (const auto& row : rows) {
+    const std::string out = temp / "PUBLIC_KEY.PUB", mark = temp / "mark",
+                      unsafe = "_signing_get_command: refused to build a command from unsafe characters in [";
+    for (char c : std::string(" \t\n;&|<>()$`\\\"'*!{}[]^\0", 23)) {  // a NUL byte too
         ScopedSession session;
-        session["signing_url"] = row.url;
-        session["TEMP_FOLDER"] = row.folder;
-        EXPECT_EQ(_signing_get_public_key(session.get()), "") << row.logged;
-        EXPECT_TRUE(session.Logged(row.logged)) << row.logged;
-        EXPECT_EQ(session.CountLogged("signing_get_public_key: command value"), 0u);
+        const std::string url = "http://x/k" + std::string(1, c) + "touch " + mark, path = out + c;
+        EXPECT_EQ(_signing_get_command(url, out), "") << c;
+        EXPECT_EQ(_signing_get_command("http://x/k", path), "") << c;
+        // (the log shows texts up to a NUL byte, as printf does)
+        EXPECT_EQ(session->log, (Lines{unsafe + url.c_str() + "] or [" + out + "]",
+                                       unsafe + "http://x/k] or [" + path.c_str() + "]"}));
     }
-    EXPECT_NE(_signing_get_command(https, temp / "PUBLIC_KEY.PUB"), "");
+    EXPECT_FALSE(std::filesystem::exists(mark));
+    ScopedSession session;
+    EXPECT_EQ(_signing_get_command("https://h-._~:/?#@%+,=AZaz09", out),
+              "export LD_LIBRARY_PATH=\"\"; wget --timeout=3 --tries=1 --quiet https://h-._~:/?#@%+,=AZaz09 -O " + out +
+                  " 2>/dev/null");
+    EXPECT_TRUE(session->log.empty());
 }
 
 // One run of a download command ends within its time and writes no more than its bytes; the
 // shell and everything it started end with it.
-TEST(PrerequisiteCheck, ADownloadRunIsBoundedInTimeAndBytes) {
+TEST(DownloadCommand, ARunIsBoundedInTimeAndBytes) {
     TempFolder temp;
-    const SigningDownloadLimits limits = _signing_download_limits();
-    EXPECT_EQ(limits.seconds, 30u);
-    EXPECT_EQ(limits.bytes, 1024u * 1024u);
-
+    EXPECT_EQ(_signing_download_limits().seconds, 30u);
+    EXPECT_EQ(_signing_download_limits().bytes, 1024u * 1024u);
     bool stopped = true;
     int status = _signing_run_command("exit 3", {5, 1024}, &stopped);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3);
-    EXPECT_FALSE(stopped);
-
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3 && !stopped);
     const auto started = std::chrono::steady_clock::now();
-    const std::string late = temp / "late";
-    status = _signing_run_command("(sleep 2; touch " + late + ") & sleep 10", {1, 1024}, &stopped);
+    status = _signing_run_command("(sleep 2; touch " + temp / "late" + ") & sleep 10", {1, 1024}, &stopped);
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
-    EXPECT_TRUE(stopped);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    EXPECT_TRUE(stopped && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    EXPECT_FALSE(FileHelper::IsExist(late));  // the background child went with the group
-
-    const std::string big = temp / "big";
-    status = _signing_run_command("head -c 3000000 /dev/zero > " + big, {10, 65536}, &stopped);
-    EXPECT_NE(status, 0);
-    EXPECT_FALSE(stopped);
-    EXPECT_EQ(std::filesystem::file_size(big), 65536u);
+    EXPECT_FALSE(std::filesystem::exists(temp / "late"));  // the background child went with the group
+    status = _signing_run_command("head -c 3000000 /dev/zero > " + temp / "big", {10, 65536}, &stopped);
+    EXPECT_TRUE(status != 0 && !stopped);
+    EXPECT_EQ(std::filesystem::file_size(temp / "big"), 65536u);
 }
 
-// A key is a small regular file: anything else is refused before its lines are read, and the
-// host's reader gives no lines for it either.
+// A key is a small regular file holding no "http://": anything else is refused, and the host's
+// reader gives no lines for a file that is not a small regular file either.
 TEST(PrerequisiteCheck, KeysAndTextFilesThatAreNotSmallRegularFiles) {
     TempFolder temp;
-    const std::string fifo = temp / "fifo";
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const std::string huge = temp.Write("huge.asc", std::string(1024 * 1024 + 1, 'k'));
+    ASSERT_EQ(mkfifo((temp / "fifo").c_str(), 0600), 0);
     const std::string limit = temp.Write("limit.asc", std::string(1024 * 1024 - 2, 'k') + "\nk");
-    for (const std::string& path : {fifo, std::string("/dev/zero"), temp.Path(), huge}) {
+    for (const std::string& path : {temp / "fifo", std::string("/dev/zero"), temp.Path(),
+                                    temp.Write("huge", std::string(1024 * 1024 + 1, 'k'))}) {
         ScopedSession session;
         EXPECT_EQ(_signing_is_valid_key(path), 1) << path;
-        EXPECT_TRUE(session.Logged("_signing_is_valid_key: public key is not a regular file of at most 1048576 bytes"));
+        EXPECT_EQ(session->log,
+                  Lines{"_signing_is_valid_key: public key is not a regular file of at most 1048576 bytes"});
         EXPECT_TRUE(readContentOfTextFile(path).empty()) << path;
     }
-    EXPECT_EQ(_signing_is_valid_key(limit), 0);
+    EXPECT_EQ(_signing_is_valid_key(limit) + _signing_is_valid_key(temp.Write("s.asc", "HTTP://x https://y\n")), 0);
     EXPECT_EQ(readContentOfTextFile(limit).size(), 2u);
-    EXPECT_EQ(readContentOfTextFile(temp.Write("lines", "a\r\n\nb")), (std::vector<std::string>{"a\r", "", "b"}));
-    EXPECT_EQ(readContentOfTextFile(temp.Write("ended", "a\nb\n")), (std::vector<std::string>{"a", "b"}));
-}
-
-// The check walks the products of the session it is given, whatever other sessions exist.
-TEST(PrerequisiteCheck, ProductsComeFromTheSessionHandle) {
-    ScopedSession bad, good;
-    bad["signature"] = good["signature"] = kKey;
-    AddPackages(bad, {{"tampered-header.rpm", "rpm"}});
-    AddPackages(good, {{"signed-sha256.rpm", "rpm"}});
-    EXPECT_EQ(signing_validate_package_list(good.get()), 0);
-    EXPECT_EQ(good.History("operation_progress"), (std::vector<std::string>{"0", "100"}));
-    EXPECT_TRUE(bad.History("operation_progress").empty());
-    EXPECT_EQ(signing_validate_package_list(bad.get()), 1);
-    EXPECT_EQ(bad["SIGNIFICANCE"], ";1");
-    EXPECT_EQ(good["SIGNIFICANCE"], "");
+    EXPECT_EQ(readContentOfTextFile(temp.Write("lines", "a\r\n\nb")), (Lines{"a\r", "", "b"}));
+    EXPECT_EQ(readContentOfTextFile(temp.Write("ended", "a\nb\n")), (Lines{"a", "b"}));
 }
