@@ -112,6 +112,16 @@ PgpSignature* RpmSignature::ParsePgpSignature(const SignatureEntry& entry, std::
     if (data == nullptr) {
         throw DataFormatException(EntryName(ntohl(entry.tag)) + " holds no OpenPGP signature packet");
     }
+    // A version 3 signature hashes the data, then only its type and creation time. A version 4
+    // header signature hashes the header, then its trailer (04, type, algorithms, hashed area,
+    // 04 FF and a length): that trailer less its last 5 octets as the payload, and those 5 octets
+    // as a version 3 packet's type and time, would let the header signature pass for a package
+    // signature. The type octet is then 0xFF; a signature over data is a document signature,
+    // 0x00 (binary) or 0x01 (text).
+    if (data->GetVersion() == 3 && data->GetHashedData()[0] > 0x01) {
+        throw DataFormatException(EntryName(ntohl(entry.tag)) + ": a version 3 signature of type " +
+                                  std::to_string(data->GetHashedData()[0]) + " does not sign a document");
+    }
     return new PgpSignature(data);
 }
 

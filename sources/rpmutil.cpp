@@ -327,7 +327,9 @@ int _signing_run_command(const std::string& command, const SigningDownloadLimits
     // calls that are safe there.
     const int devNull = open("/dev/null", O_RDWR | O_CLOEXEC);
     if (devNull < 0) return -1;
-    const char* const arguments[] = {"sh", "-c", command.c_str(), nullptr};
+    // -f: no pathname expansion. The "?" of the address ("?id=") or of a path would otherwise be
+    // a pattern that files made by another user could match.
+    const char* const arguments[] = {"sh", "-f", "-c", command.c_str(), nullptr};
     const rlim_t bytes = static_cast<rlim_t>(limits.bytes);
     const struct rlimit fileSize = {bytes, bytes};
     const pid_t child = fork();

@@ -63,7 +63,7 @@ struct SigningDownloadLimits {
 };
 // The limits of every download: 30 seconds and 1 MiB.
 SigningDownloadLimits _signing_download_limits();
-// Runs command with /bin/sh -c in a process group of its own, its file size limited to
+// Runs command with /bin/sh -f -c (no pathname expansion) in a process group of its own, its file size limited to
 // limits.bytes, and kills the group when it runs past limits.seconds (then *stopped is true).
 // Returns the wait status (as pclose would), or -1 when the command could not be run or waited for.
 int _signing_run_command(const std::string& command, const SigningDownloadLimits& limits,

@@ -156,6 +156,9 @@ TEST(DownloadCommand, ARunIsBoundedInTimeAndBytes) {
     bool stopped = true;
     int status = _signing_run_command("exit 3", {5, 1024}, &stopped);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3 && !stopped);
+    // No pathname expansion: "?" stays a "?", whatever files another user made.
+    temp.Write("a", "");
+    EXPECT_EQ(_signing_run_command("test -e " + temp / "?", {5, 1024}), 1 << 8);
     const auto started = std::chrono::steady_clock::now();
     status = _signing_run_command("(sleep 2; touch " + temp / "late" + ") & sleep 10", {1, 1024}, &stopped);
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
