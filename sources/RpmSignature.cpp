@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <cctype>
 #include <cstring>
 
 #include "Base.h"
@@ -172,71 +173,169 @@ void RpmSignature::UpdateDigests() {
     }
 }
 
-void RpmSignature::VerifyPgpSignature(PgpSignature* pgp, DigestBase* digest, int& result, std::string& message) const {
+void RpmSignature::VerifyPgpSignature(PgpSignature* pgp, DigestBase* digest, int& result, std::string& message,
+                                      std::string* reason) const {
     // Lent once: lending the same digest again would hand it to the signature's own store.
     if (pgp->GetDigest(0) != digest) {
         pgp->SetDigest(0, digest);
     }
-    result = pgp->Verify(message);
+    std::string appended;
+    result = pgp->Verify(appended);
+    message += appended;
+    if (reason != nullptr) {
+        *reason = appended.empty() || appended[0] != ' ' ? appended : appended.substr(1);
+    }
     if (result == ResultInvalidSignature) {
         message = "RSA signature is not valid. " + message;
     }
 }
 
+namespace {
+
+std::string HexOf(const unsigned char* bytes, unsigned int length) {
+    return Base::DumpBufferToString(bytes, length, false);
+}
+
+std::string Mismatch(const std::string& expected, const std::string& computed) {
+    return "Expected " + expected + " != " + computed;
+}
+
+// "RSA/SHA256" in the manner of rpmkeys: the public-key and hash algorithms of a signature packet.
+std::string AlgorithmsOf(const PgpSignatureData& data) {
+    std::string text;
+    switch (data.GetPublicKeyAlgorithm()) {
+        case 1: case 2: case 3: text = "RSA"; break;
+        case 17: text = "DSA"; break;
+        default: text = "algorithm " + std::to_string(data.GetPublicKeyAlgorithm()); break;
+    }
+    switch (data.GetHashAlgorithm()) {
+        case PgpHashMd5: return text + "/MD5";
+        case PgpHashSha1: return text + "/SHA1";
+        case PgpHashRipemd160: return text + "/RIPEMD160";
+        case PgpHashSha256: return text + "/SHA256";
+        case PgpHashSha384: return text + "/SHA384";
+        case PgpHashSha512: return text + "/SHA512";
+        case PgpHashSha224: return text + "/SHA224";
+        default: return text + "/hash " + std::to_string(data.GetHashAlgorithm());
+    }
+}
+
+RpmCheck SignatureCheck(RpmCheck::Kind kind, const PgpSignature& signature) {
+    const PgpSignatureData& data = *signature.GetSignatureData();
+    const std::string keyId = Base::DumpBufferToString(data.GetIssuerId(), 8, true);
+    std::string shortId = keyId.substr(8);
+    for (char& c : shortId) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    std::string label = kind == RpmCheck::HeaderSignature ? "Header V" : "V";
+    label += std::to_string(data.GetVersion()) + " " + AlgorithmsOf(data) + " Signature, key ID " + shortId;
+    return RpmCheck{kind, RpmCheck::Ok, label, "", keyId};
+}
+
+}  // namespace
+
 int RpmSignature::Verify(std::string& message) const {
+    return Evaluate(message, nullptr);
+}
+
+// The checks in their order: the SHA-1 of the main header, the payload and the MD5 of header and
+// payload, the header signature, the header-and-payload signatures. The first that fails decides
+// the verdict and its message. Without a report the evaluation ends there; with one every check is
+// made and recorded, and a later check neither changes the verdict nor its message.
+int RpmSignature::Evaluate(std::string& message, std::vector<RpmCheck>* checks) const {
     DigestBase* headerSha1 = GetDigest(0);
     DigestBase* packageMd5 = GetDigest(3);
     if (headerSha1 == nullptr || packageMd5 == nullptr) {
         throw NotDefinedException("The package digests have not been computed.");
     }
+    int verdict = ResultSigned;
+    bool decided = false;
+    // Takes the first failure as the verdict (text, when given, as its message); says whether the
+    // evaluation goes on.
+    auto fail = [&](int result, const char* text) {
+        if (!decided) {
+            verdict = result;
+            if (text != nullptr) message = text;
+            decided = true;
+        }
+        return checks != nullptr;
+    };
+    auto record = [&](RpmCheck check) {
+        if (checks != nullptr) checks->push_back(std::move(check));
+    };
 
     // The SHA-1 of the main header, as lower-case hexadecimal text. A copy is finished so that the
     // digest itself stays open.
     std::unique_ptr<DigestBase> copy(headerSha1->Copy());
-    const std::string sha1 = Base::DumpBufferToString(copy->GetValue(), copy->GetLength(), false);
+    const std::string sha1 = HexOf(copy->GetValue(), copy->GetLength());
     copy.reset();
-    if (sha1_ == nullptr || sha1 != sha1_) {
-        message = "Invalid value of SHA1 header hash";
-        return ResultInvalidHash;
+    const bool sha1Good = sha1_ != nullptr && sha1 == sha1_;
+    record({RpmCheck::HeaderSha1, sha1Good ? RpmCheck::Ok : sha1_ == nullptr ? RpmCheck::NotFound : RpmCheck::Bad,
+            "Header SHA1 digest", sha1Good || sha1_ == nullptr ? "" : Mismatch(sha1_, sha1), ""});
+    if (!sha1Good && !fail(ResultInvalidHash, "Invalid value of SHA1 header hash")) {
+        return verdict;
     }
 
     // With nothing after the main header, the digest of header and payload is the digest of the
     // header alone, and a signature over the header would pass for one over the whole package.
     // A package always carries a payload.
-    if (payloadLength_ == 0) {
-        message = "The package has no payload";
-        return ResultInvalidHash;
+    if (payloadLength_ == 0 && !fail(ResultInvalidHash, "The package has no payload")) {
+        return verdict;
+    }
+    const std::string md5 = HexOf(packageMd5->GetValue(), packageMd5->GetLength());
+    const bool md5Good = md5_ != nullptr && std::memcmp(packageMd5->GetValue(), md5_, packageMd5->GetLength()) == 0;
+    record({RpmCheck::Md5,
+            md5Good && payloadLength_ != 0 ? RpmCheck::Ok : md5_ == nullptr ? RpmCheck::NotFound : RpmCheck::Bad,
+            "MD5 digest",
+            payloadLength_ == 0 ? "The package has no payload"
+            : md5Good || md5_ == nullptr ? ""
+                                         : Mismatch(HexOf(md5_, packageMd5->GetLength()), md5),
+            ""});
+    if (!md5Good && !fail(ResultInvalidHash, "Invalid value of MD5 hash")) {
+        return verdict;
     }
 
-    if (md5_ == nullptr || std::memcmp(packageMd5->GetValue(), md5_, packageMd5->GetLength()) != 0) {
-        message = "Invalid value of MD5 hash";
-        return ResultInvalidHash;
-    }
+    // One signature check: while the verdict is open its text goes into message, as the verdict's.
+    // An exception ends the evaluation unless the verdict was already decided.
+    auto checkSignature = [&](RpmCheck::Kind kind, PgpSignature* signature, DigestBase* digest) -> int {
+        RpmCheck check = SignatureCheck(kind, *signature);
+        std::string scratch;
+        int result = ResultInternalError;
+        try {
+            VerifyPgpSignature(signature, digest, result, decided ? scratch : message, &check.reason);
+        } catch (const std::exception& e) {
+            check.state = RpmCheck::Bad;
+            check.reason = e.what();
+            record(std::move(check));
+            if (!decided) throw;
+            return ResultInternalError;
+        }
+        if (result != ResultSigned) check.state = RpmCheck::Bad;
+        record(std::move(check));
+        return result;
+    };
 
     if (headerSignature_ == nullptr) {
-        return ResultNotSigned;
-    }
-    int result = ResultInternalError;
-    VerifyPgpSignature(headerSignature_, GetDigest(1), result, message);
-    if (result != ResultSigned) {
-        return result;
+        record({RpmCheck::HeaderSignature, RpmCheck::NotFound, "Header signature", "", ""});
+        if (!fail(ResultNotSigned, nullptr)) return verdict;
+    } else {
+        const int result = checkSignature(RpmCheck::HeaderSignature, headerSignature_, GetDigest(1));
+        if (result != ResultSigned && !fail(result, nullptr)) return verdict;
     }
 
     if (packageSignatures_.empty()) {
-        message = "The package does not contain PGP signature over its header and payload.";
-        return ResultHeaderOnlySigned;
+        record({RpmCheck::PackageSignature, RpmCheck::NotFound, "Header and payload signature", "", ""});
+        fail(ResultHeaderOnlySigned, "The package does not contain PGP signature over its header and payload.");
+        return verdict;
     }
     // Every signature is checked; any one valid signature makes the package valid.
     bool anyValid = false;
     for (PgpSignature* signature : packageSignatures_) {
-        VerifyPgpSignature(signature, GetDigest(4), result, message);
-        anyValid = anyValid || result == ResultSigned;
+        anyValid = checkSignature(RpmCheck::PackageSignature, signature, GetDigest(4)) == ResultSigned || anyValid;
     }
-    if (anyValid) {
-        return ResultSigned;
+    if (!anyValid && !decided) {
+        message = "PGP signature is not valid: " + message;
+        verdict = ResultInvalidSignature;
     }
-    message = "PGP signature is not valid: " + message;
-    return ResultInvalidSignature;
+    return verdict;
 }
 
 unsigned int RpmSignature::BoundaryAlign(RpmDataType type, unsigned int& offset) {

@@ -14,6 +14,7 @@
 
 #include "PgpMessage.h"
 #include "PgpSignature.h"
+#include "RpmCheck.h"
 #include "Signature.h"
 
 // The type field of an index entry, as stored in the file.
@@ -65,6 +66,8 @@ public:
 
     // The ProcessingResult of the package, with the reason in message.
     int Verify(std::string& message) const override;
+    // Verify, and with checks every check made, in order (the verdict and message stay Verify's).
+    int Evaluate(std::string& message, std::vector<RpmCheck>* checks) const;
     int Sign(soapWrap::Binary* out, const soapWrap::Binary* in, std::string& message) override;
     // The hash algorithm of the header signature; NotDefinedException when there is none.
     soapWrap::HashAlgorithm GetHashAlgorithm() override;
@@ -77,8 +80,10 @@ public:
     void SetPayloadLength(unsigned long long length) { payloadLength_ = length; }
     unsigned long long GetPayloadLength() const { return payloadLength_; }
 
-    // Lends digest to pgp as its digest 0 and checks it.
-    void VerifyPgpSignature(PgpSignature* pgp, DigestBase* digest, int& result, std::string& message) const;
+    // Lends digest to pgp as its digest 0 and checks it; reason (when given) receives the
+    // signature's own text of a failure.
+    void VerifyPgpSignature(PgpSignature* pgp, DigestBase* digest, int& result, std::string& message,
+                            std::string* reason = nullptr) const;
 
     const char* GetSha1Value() const { return sha1_; }
     const unsigned char* GetMd5Value() const { return md5_; }

@@ -28,7 +28,7 @@ std::string SizeText(const HeaderStructureHeader& header) {
 }  // namespace
 
 RpmSigner::RpmSigner(unsigned int creationArgument)
-    : Signer(1, creationArgument, true), signatureEntryCount_(0), settingC_(1) {}
+    : Signer(1, creationArgument, true), signatureEntryCount_(0), settingC_(1), checks_(nullptr) {}
 
 RpmSigner::~RpmSigner() {
     signatureHeader_.reset();
@@ -53,7 +53,7 @@ int RpmSigner::Process(bool, bool copyToOutput, bool, std::string& errorText) {
         unsigned int headerOffset = 0;
         std::unique_ptr<RpmSignature> signature(ParseSignature(headerOffset, copyToOutput));
         PassDigestsToSignature(signature.get(), headerOffset, copyToOutput);
-        return signature->Verify(errorText);
+        return signature->Evaluate(errorText, checks_);
     } catch (const std::exception& e) {
         errorText = e.what();
         return ResultInternalError;

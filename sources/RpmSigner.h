@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "RpmSignature.h"
 #include "Signer.h"
@@ -37,6 +38,9 @@ public:
     // signature; returns signature.
     RpmSignature* PassDigestsToSignature(RpmSignature* signature, unsigned int headerOffset, bool copyToOutput) const;
 
+    // Where Process records every check it makes (null: nowhere, the default).
+    void SetCheckRecord(std::vector<RpmCheck>* checks) { checks_ = checks; }
+
     uint32_t GetSignatureEntryCount() const { return signatureEntryCount_; }
     int32_t GetSettingC() const { return settingC_; }
 
@@ -52,4 +56,5 @@ private:
     std::shared_ptr<char[]> signatureHeader_;
     uint32_t signatureEntryCount_;
     int32_t settingC_;
+    std::vector<RpmCheck>* checks_;
 };

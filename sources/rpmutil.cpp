@@ -18,6 +18,10 @@
 
 #include "CertificateManager.h"
 #include "FileHelper.h"
+#include "Exceptions.h"
+#include "PgpCertificate.h"
+#include "RpmReport.h"
+#include "RpmSigner.h"
 #include "RpmSignerCreator.h"
 #include "Signature.h"
 #include "host.h"
@@ -61,32 +65,38 @@ struct SignerRelease {
     }
 };
 
-RpmVerifyResult Verify(const std::string& file, const std::string& key, std::string& detail) {
+RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmReport& report) {
     std::unique_ptr<FileHelper, FileRelease> package;
     try {
         CertificateManager::Instance()->SetPgpPublicKeyFilePath(key);
+        report.stage = RpmStage::Unreadable;
         package.reset(new FileHelper(file));
     } catch (const std::exception& e) {
         return response(RPM_STATUS_ERROR, e.what());
     }
 
-    std::unique_ptr<Signer, SignerRelease> signer;
+    std::unique_ptr<RpmSigner, SignerRelease> signer;
     {
         RpmSignerCreator creator;
         if (!creator.IsMe(package.get())) {
+            report.stage = RpmStage::NotRpm;
             return response(RPM_STATUS_ERROR, file + " is not an RPM file.");
         }
-        signer.reset(creator.GetSigner(0));
+        signer.reset(static_cast<RpmSigner*>(creator.GetSigner(0)));
     }
+    report.stage = RpmStage::Failed;
     signer->SetInputFile(package.get());
+    signer->SetCheckRecord(&report.checks);
     int result = ResultInternalError;
     try {
-        result = signer->Process(true, false, false, detail);
+        result = signer->Process(true, false, false, report.detail);
     } catch (const std::exception& e) {
         return response(RPM_STATUS_ERROR, "Could not verify " + file + " with key " + key + " - " + e.what());
     }
     signer.reset();
     package.reset();
+    if (result != ResultInternalError) report.stage = RpmStage::Checked;
+    report.result = result;
     return ResultOf(result, file);
 }
 
@@ -102,8 +112,8 @@ RpmVerifyResult response(RPM_STATUS status, const std::string& text) {
     return RpmVerifyResult{status, copy};
 }
 
-RpmVerifyResult rpm_verify_detailed(const char* file, const char* key, std::string& detail) {
-    detail.clear();
+RpmVerifyResult rpm_verify_report(const char* file, const char* key, RpmReport& report) {
+    report = RpmReport();
     // Nothing may leave towards the host: every failure becomes status 5 with its reason.
     try {
         if (file == nullptr || key == nullptr) {
@@ -111,7 +121,7 @@ RpmVerifyResult rpm_verify_detailed(const char* file, const char* key, std::stri
                                                               : "rpm_verify: no key file was given");
         }
         try {
-            return Verify(file, key, detail);
+            return Verify(file, key, report);
         } catch (const std::exception& e) {
             return response(RPM_STATUS_ERROR, std::string("Could not recognise ") + file + " - " + e.what());
         } catch (...) {
@@ -122,9 +132,28 @@ RpmVerifyResult rpm_verify_detailed(const char* file, const char* key, std::stri
     }
 }
 
+RpmVerifyResult rpm_verify_detailed(const char* file, const char* key, std::string& detail) {
+    RpmReport report;
+    const RpmVerifyResult result = rpm_verify_report(file, key, report);
+    detail = std::move(report.detail);
+    return result;
+}
+
 RpmVerifyResult rpm_verify(const char* file, const char* key) {
     std::string detail;
     return rpm_verify_detailed(file, key, detail);
+}
+
+RpmKey rpm_read_key(const std::string& path) {
+    CertificateManager* manager = CertificateManager::Instance();
+    manager->SetPgpPublicKeyFilePath(path);
+    const PgpCertificate* certificate = dynamic_cast<PgpCertificate*>(manager->LoadPgpPublicKey());
+    const PgpSignatureData* keySignature =
+        certificate != nullptr ? certificate->GetMessage()->GetSignatureData() : nullptr;
+    if (keySignature == nullptr) {
+        throw DataFormatException("The PGP certificate holds no signature packet that names its key");
+    }
+    return RpmKey{Base::DumpBufferToString(keySignature->GetIssuerId(), 8, true), certificate->GetKeyLength()};
 }
 
 // ---------------------------------------------------------------------------------------------

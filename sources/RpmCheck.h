@@ -1,0 +1,20 @@
+#pragma once
+// One check that the verification of a package makes, as the signature header reports it.
+#include <string>
+
+// One check of a package: the header's SHA-1 digest, the MD5 digest of header and payload, the
+// OpenPGP signature over the header and each one over header and payload.
+struct RpmCheck {
+    enum Kind { HeaderSha1, Md5, HeaderSignature, PackageSignature };
+    enum State { Ok, Bad, NotFound };
+
+    Kind kind;
+    State state;
+    // A line in the manner of rpmkeys -Kv: "Header SHA1 digest", "V4 RSA/SHA256 Signature, key ID
+    // 7629b8ab", "Header signature" (when there is none).
+    std::string label;
+    // Why the check failed: the verifier's own text, or the expected and computed digests.
+    std::string reason;
+    // Signatures: the issuer key ID of the packet, 16 upper-case hexadecimal digits.
+    std::string keyId;
+};
