@@ -1,8 +1,13 @@
-// rpm-verify: checks package files against an OpenPGP public key, one line per package.
+// rpm-verify: checks RPM package files against an OpenPGP public key with the module's own
+// verifier, one line per package (every check with --verbose, JSON with --json).
 //
-//   rpm-verify [--json] [--verbose] --key KEY PACKAGE...
-//
-// Exit status: 0 when every package is signed and valid, 1 otherwise, 2 on a usage error.
+// Exit status: 0 when every package is signed and valid, 1 otherwise, 2 on a usage error or a key
+// that cannot be used.
+#include <getopt.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -10,70 +15,313 @@
 #include <string>
 #include <vector>
 
-#include "rpmutil.h"
+#include "Exceptions.h"
+#include "KeyDiagnosis.h"
+#include "RpmReport.h"
+#include "Signature.h"
 
 namespace {
 
-const char kUsage[] =
-    "usage: rpm-verify [--json] [--verbose] --key KEY PACKAGE...\n"
+// Objects keep their keys in the order they were added: "file", "status", "message" first.
+using json = nlohmann::ordered_json;
+
+const char kProgram[] = "rpm-verify";
+
+const char kHelp[] =
+    "Usage: rpm-verify [OPTION]... --key=KEY PACKAGE...\n"
+    "Verify the OpenPGP signatures and header digests of RPM packages against the publisher's\n"
+    "public key, the way the installer's signing module does.\n"
     "\n"
-    "Verifies the OpenPGP signatures and the header digests of RPM package files against the public\n"
-    "key in KEY (armored or binary) and prints one line per package.\n"
+    "The key is read once, before any package: a key that is missing, unreadable or in a form the\n"
+    "verifier cannot use ends the run with one line that names the key and the reason.\n"
     "\n"
-    "  --key KEY    the publisher's OpenPGP public key file\n"
-    "  --json       print a JSON array of {\"file\", \"status\", \"message\"} objects instead\n"
-    "  --verbose    add the verifier's detailed reason to each failure\n"
-    "  --help       show this text\n"
+    "Options:\n"
+    "  -k, --key=KEY      the publisher's OpenPGP public key file (armored or binary)\n"
+    "  -v, --verbose      list every check of each package, the way rpmkeys -Kv does: header\n"
+    "                     SHA1 digest, MD5 digest, header signature and each header-and-payload\n"
+    "                     signature (version, algorithms, key ID), each OK, BAD (with the reason)\n"
+    "                     or NOTFOUND; then the verdict and, where one helps, a hint\n"
+    "      --json         print a JSON array with one object per package: \"file\", \"status\",\n"
+    "                     \"message\" (the verifier's message), \"reason\" (a stable code, see\n"
+    "                     below), \"detail\" (the verifier's own reason, when it gave one),\n"
+    "                     \"checks\" (the checks of --verbose: \"check\", \"result\", \"reason\",\n"
+    "                     \"keyId\") and \"hint\" (where one helps)\n"
+    "  -j, --jobs=N       verify in N worker processes (default 1); the output keeps the order\n"
+    "                     of the packages\n"
+    "  -h, --help         display this help and exit\n"
+    "  -V, --version      output version information and exit\n"
     "\n"
-    "Status: 0 signed, 1 not signed, 2 invalid signature, 3 invalid hash, 4 invalid structure,\n"
-    "5 not an RPM file or an error. Exit status: 0 when every package has status 0, 1 otherwise,\n"
-    "2 on a usage error.\n";
+    "Without --verbose or --json each package gets one line: its verdict (\"FILE is signed.\",\n"
+    "\"FILE is not signed.\", \"FILE has invalid signature.\", \"FILE has invalid hash.\", or the\n"
+    "reason it could not be verified); hints go to standard error.\n"
+    "\n"
+    "Status (per package): 0 signed, 1 not signed, 2 invalid signature, 3 invalid hash, 4 invalid\n"
+    "structure, 5 not an RPM file, unreadable, or an error.\n"
+    "\n"
+    "Reasons: signed, not-signed, header-only (signed over the header only), wrong-key (signed by\n"
+    "another key), bad-signature, digest-mismatch, invalid-structure, not-rpm, unreadable-file,\n"
+    "damaged, unreadable-key, unsupported-key.\n"
+    "\n"
+    "Exit status:\n"
+    "  0  every package is signed and valid\n"
+    "  1  some package is not\n"
+    "  2  a usage error, or a key that cannot be used\n"
+    "\n"
+    "Examples:\n"
+    "  rpm-verify --key=publisher.asc hello-1.0-1.noarch.rpm\n"
+    "  rpm-verify --verbose --key publisher.asc *.rpm\n"
+    "  rpm-verify --json --jobs=2 --key publisher.asc *.rpm\n";
 
 struct Options {
     bool json = false;
     bool verbose = false;
-    const char* key = nullptr;
-    std::vector<const char*> packages;
+    unsigned int jobs = 1;
+    std::string key;
+    std::vector<std::string> packages;
 };
 
 int UsageError(const std::string& text) {
-    std::fprintf(stderr, "rpm-verify: %s\n%s", text.c_str(), kUsage);
+    std::fprintf(stderr, "%s: %s\nTry '%s --help' for more information.\n", kProgram, text.c_str(), kProgram);
     return 2;
 }
 
-// text as a JSON string; bytes that are not UTF-8 become U+FFFD.
-std::string JsonString(const std::string& text) {
-    return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-}
-
-// Returns -1 when the arguments are good, else the exit status to end with.
+// -1 when the arguments are good, else the exit status to end with.
 int ParseArguments(int argc, char** argv, Options& options) {
-    bool onlyPackages = false;
-    for (int i = 1; i < argc; ++i) {
-        const char* argument = argv[i];
-        if (onlyPackages || argument[0] != '-' || std::strcmp(argument, "-") == 0) {
-            options.packages.push_back(argument);
-        } else if (std::strcmp(argument, "--") == 0) {
-            onlyPackages = true;
-        } else if (std::strcmp(argument, "--help") == 0 || std::strcmp(argument, "-h") == 0) {
-            std::fputs(kUsage, stdout);
-            return 0;
-        } else if (std::strcmp(argument, "--json") == 0) {
-            options.json = true;
-        } else if (std::strcmp(argument, "--verbose") == 0) {
-            options.verbose = true;
-        } else if (std::strcmp(argument, "--key") == 0) {
-            if (i + 1 >= argc) return UsageError("--key needs a key file");
-            options.key = argv[++i];
-        } else if (std::strncmp(argument, "--key=", 6) == 0) {
-            options.key = argument + 6;
-        } else {
-            return UsageError(std::string("unknown option ") + argument);
+    static const struct option kLong[] = {{"key", required_argument, nullptr, 'k'},
+                                          {"verbose", no_argument, nullptr, 'v'},
+                                          {"json", no_argument, nullptr, 'J'},
+                                          {"jobs", required_argument, nullptr, 'j'},
+                                          {"help", no_argument, nullptr, 'h'},
+                                          {"version", no_argument, nullptr, 'V'},
+                                          {nullptr, 0, nullptr, 0}};
+    opterr = 0;
+    for (int option; (option = getopt_long(argc, argv, ":k:vj:hV", kLong, nullptr)) != -1;) {
+        switch (option) {
+            case 'k': options.key = optarg; break;
+            case 'v': options.verbose = true; break;
+            case 'J': options.json = true; break;
+            case 'j': {
+                char* end = nullptr;
+                errno = 0;
+                const unsigned long jobs = std::strtoul(optarg, &end, 10);
+                if (optarg[0] < '1' || optarg[0] > '9' || *end != '\0' || errno != 0 || jobs > 256) {
+                    return UsageError(std::string("--jobs wants a number from 1 to 256, not '") + optarg + "'");
+                }
+                options.jobs = static_cast<unsigned int>(jobs);
+                break;
+            }
+            case 'h': std::fputs(kHelp, stdout); return 0;
+            case 'V': std::printf("%s (signing) %s\n", kProgram, SIGNING_VERSION); return 0;
+            case ':': return UsageError(std::string("option '") + argv[optind - 1] + "' needs a value");
+            default:
+                return UsageError(optopt != 0 ? std::string("unknown option '-") + static_cast<char>(optopt) + "'"
+                                              : std::string("unknown option '") + argv[optind - 1] + "'");
         }
     }
-    if (options.key == nullptr || options.key[0] == '\0') return UsageError("no key file given (--key KEY)");
+    for (int i = optind; i < argc; ++i) options.packages.emplace_back(argv[i]);
+    if (options.key.empty()) return UsageError("no key file given (--key=KEY)");
     if (options.packages.empty()) return UsageError("no package file given");
     return -1;
+}
+
+// ---------------------------------------------------------------------------------------------
+// One package
+
+const char* StateText(RpmCheck::State state) {
+    switch (state) {
+        case RpmCheck::Ok: return "OK";
+        case RpmCheck::Bad: return "BAD";
+        default: return "NOTFOUND";
+    }
+}
+
+// The stable reason code of a verdict, from how far the verifier got and what it found.
+std::string ReasonOf(const RpmReport& report, const std::string& keyPath, const std::string& keyId) {
+    switch (report.stage) {
+        case RpmStage::Unreadable: return "unreadable-file";
+        case RpmStage::NotRpm: return "not-rpm";
+        case RpmStage::Checked: break;
+        default: {
+            // The key was read before the first package; if it fails now, it changed since.
+            const KeyDiagnosis key = DiagnoseKey(keyPath);
+            return key.usable ? "damaged" : key.reason;
+        }
+    }
+    switch (report.result) {
+        case ResultSigned: return "signed";
+        case ResultNotSigned: return "not-signed";
+        case ResultHeaderOnlySigned: return "header-only";
+        case ResultInvalidHash: return "digest-mismatch";
+        case ResultInvalidStructure: return "invalid-structure";
+        case ResultInvalidSignature: {
+            // Signed by another key when no signature that failed names the key given.
+            for (const RpmCheck& check : report.checks) {
+                if (check.state == RpmCheck::Bad && check.keyId == keyId) return "bad-signature";
+            }
+            return "wrong-key";
+        }
+        default: return "damaged";
+    }
+}
+
+std::string HintOf(const std::string& reason, const RpmReport& report, const std::string& keyPath,
+                   const std::string& keyId) {
+    if (reason == "header-only") {
+        return "the package is signed over its header only (what rpmsign --addsign writes by default); the "
+               "installer also needs a signature over header and payload: re-sign it with rpmsign --addsign --rpmv3";
+    }
+    if (reason == "not-signed") return "sign it with rpmsign --addsign --rpmv3";
+    if (reason == "digest-mismatch") {
+        return "the package was changed or damaged after it was signed: get it again from the publisher";
+    }
+    if (reason == "wrong-key") {
+        std::string signers;
+        for (const RpmCheck& check : report.checks) {
+            if (check.state == RpmCheck::Bad && !check.keyId.empty() && signers.find(check.keyId) == std::string::npos) {
+                signers += (signers.empty() ? "" : ", ") + check.keyId;
+            }
+        }
+        return "signed with key ID " + signers + ", but the key given is " + keyId +
+               ": check it with the publisher's key, or re-sign it with that key";
+    }
+    if (reason == "unreadable-key" || reason == "unsupported-key") return DiagnoseKey(keyPath).hint;
+    return "";
+}
+
+json Outcome(const std::string& file, const std::string& keyPath, const std::string& keyId) {
+    RpmReport report;
+    const RpmVerifyResult result = rpm_verify_report(file.c_str(), keyPath.c_str(), report);
+    json outcome = {{"file", file}, {"status", static_cast<int>(result.status)}};
+    outcome["message"] = result.message != nullptr ? result.message : "";
+    // The static text of a failed allocation is not the caller's to free.
+    if (result.message != nullptr && std::strcmp(result.message, "Internal error.") != 0) std::free(result.message);
+    const std::string reason = ReasonOf(report, keyPath, keyId);
+    outcome["reason"] = reason;
+    if (!report.detail.empty()) outcome["detail"] = report.detail;
+    outcome["checks"] = json::array();
+    for (const RpmCheck& check : report.checks) {
+        json item = {{"check", check.label}, {"result", StateText(check.state)}};
+        if (!check.reason.empty()) item["reason"] = check.reason;
+        if (!check.keyId.empty()) item["keyId"] = check.keyId;
+        outcome["checks"].push_back(item);
+    }
+    const std::string hint = HintOf(reason, report, keyPath, keyId);
+    if (!hint.empty()) outcome["hint"] = hint;
+    return outcome;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Worker processes: each verifies every N-th package and sends its outcomes, in order, through a
+// pipe as length-prefixed CBOR; the parent reads them back in the order of the packages.
+
+bool WriteAll(int fd, const void* data, size_t size) {
+    const char* bytes = static_cast<const char*>(data);
+    while (size > 0) {
+        const ssize_t written = write(fd, bytes, size);
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return false;
+        bytes += written;
+        size -= static_cast<size_t>(written);
+    }
+    return true;
+}
+
+bool ReadAll(int fd, void* data, size_t size) {
+    char* bytes = static_cast<char*>(data);
+    while (size > 0) {
+        const ssize_t got = read(fd, bytes, size);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return false;
+        bytes += got;
+        size -= static_cast<size_t>(got);
+    }
+    return true;
+}
+
+bool SendOutcome(int fd, const json& outcome) {
+    const std::vector<std::uint8_t> frame = json::to_cbor(outcome);
+    const uint32_t size = static_cast<uint32_t>(frame.size());
+    return WriteAll(fd, &size, sizeof size) && WriteAll(fd, frame.data(), frame.size());
+}
+
+bool ReceiveOutcome(int fd, json& outcome) {
+    uint32_t size = 0;
+    if (!ReadAll(fd, &size, sizeof size)) return false;
+    std::vector<std::uint8_t> frame(size);
+    if (!ReadAll(fd, frame.data(), size)) return false;
+    outcome = json::from_cbor(frame, true, false);
+    return !outcome.is_discarded();
+}
+
+struct Worker {
+    pid_t pid;
+    int fd;
+};
+
+// Starts the workers; a worker that cannot be started leaves its packages to the parent (fd -1).
+std::vector<Worker> StartWorkers(const Options& options, const std::string& keyId) {
+    const size_t count = std::min<size_t>(options.jobs, options.packages.size());
+    std::vector<Worker> workers;
+    std::fflush(nullptr);
+    for (size_t w = 0; w < count; ++w) {
+        int ends[2];
+        pid_t pid = -1;
+        if (pipe(ends) == 0 && (pid = fork()) == 0) {
+            close(ends[0]);
+            for (const Worker& other : workers) close(other.fd);
+            bool sent = true;
+            for (size_t i = w; i < options.packages.size() && sent; i += count) {
+                sent = SendOutcome(ends[1], Outcome(options.packages[i], options.key, keyId));
+            }
+            _exit(sent ? 0 : 1);
+        }
+        if (pid < 0) {
+            workers.push_back({-1, -1});
+            continue;
+        }
+        close(ends[1]);
+        workers.push_back({pid, ends[0]});
+    }
+    return workers;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Output
+
+std::string Text(const json& value) {
+    return value.get<std::string>();
+}
+
+// The verdict line: the message, led by the file name when the message does not name it.
+std::string VerdictLine(const json& outcome, bool withDetail) {
+    const std::string file = Text(outcome["file"]), message = Text(outcome["message"]);
+    std::string line = message.find(file) == std::string::npos ? file + ": " + message : message;
+    if (withDetail && outcome["status"] != 0 && outcome.contains("detail")) line += " (" + Text(outcome["detail"]) + ")";
+    return line;
+}
+
+void PrintText(const json& outcome, bool verbose) {
+    if (verbose) {
+        std::printf("%s:\n", Text(outcome["file"]).c_str());
+        for (const json& check : outcome["checks"]) {
+            std::printf("    %s: %s", Text(check["check"]).c_str(), Text(check["result"]).c_str());
+            if (check.contains("reason")) std::printf(" (%s)", Text(check["reason"]).c_str());
+            std::fputs("\n", stdout);
+        }
+    }
+    std::printf("%s\n", VerdictLine(outcome, verbose).c_str());
+    if (outcome.contains("hint")) {
+        if (verbose) {
+            std::printf("    Hint: %s\n", Text(outcome["hint"]).c_str());
+        } else {
+            std::fprintf(stderr, "%s: %s: hint: %s\n", kProgram, Text(outcome["file"]).c_str(),
+                         Text(outcome["hint"]).c_str());
+        }
+    }
+}
+
+std::string Dump(const json& value) {
+    return value.dump(2, ' ', false, json::error_handler_t::replace);
 }
 
 }  // namespace
@@ -83,32 +331,50 @@ int main(int argc, char** argv) {
     const int early = ParseArguments(argc, argv, options);
     if (early >= 0) return early;
 
-    bool allSigned = true;
-    if (options.json) std::fputs("[", stdout);
-    for (size_t i = 0; i < options.packages.size(); ++i) {
-        std::string detail;
-        const RpmVerifyResult result = rpm_verify_detailed(options.packages[i], options.key, detail);
-        const std::string message = result.message != nullptr ? result.message : "";
-        if (result.message != nullptr && std::strcmp(result.message, "Internal error.") != 0) {
-            std::free(result.message);
-        }
-        allSigned = allSigned && result.status == RPM_STATUS_SIGNED;
-        const bool showDetail = options.verbose && result.status != RPM_STATUS_SIGNED && !detail.empty();
+    // The key, read once before any package.
+    const KeyDiagnosis key = DiagnoseKey(options.key);
+    if (!key.usable) {
+        std::fprintf(stderr, "%s: cannot use the key %s: %s%s%s\n", kProgram, options.key.c_str(), key.text.c_str(),
+                     key.hint.empty() ? "" : "; hint: ", key.hint.c_str());
         if (options.json) {
-            std::printf("%s\n  {\"file\": %s, \"status\": %d, \"message\": %s", i == 0 ? "" : ",",
-                        JsonString(options.packages[i]).c_str(), static_cast<int>(result.status),
-                        JsonString(message).c_str());
-            if (showDetail) std::printf(", \"detail\": %s", JsonString(detail).c_str());
-            std::fputs("}", stdout);
+            json failure = {{"key", options.key}, {"reason", key.reason}, {"message", key.text}};
+            if (!key.hint.empty()) failure["hint"] = key.hint;
+            std::printf("%s\n", Dump(failure).c_str());
+        }
+        return 2;
+    }
+    if (options.verbose && !options.json) {
+        std::printf("Key %s: key ID %s, RSA %llu bits\n", options.key.c_str(), key.keyId.c_str(), key.bits);
+    }
+
+    const std::vector<Worker> workers =
+        options.jobs > 1 && options.packages.size() > 1 ? StartWorkers(options, key.keyId) : std::vector<Worker>();
+    bool allSigned = true;
+    json outcomes = json::array();
+    for (size_t i = 0; i < options.packages.size(); ++i) {
+        json outcome;
+        const Worker* worker = workers.empty() ? nullptr : &workers[i % workers.size()];
+        if (worker == nullptr || worker->fd < 0) {
+            outcome = Outcome(options.packages[i], options.key, key.keyId);
+        } else if (!ReceiveOutcome(worker->fd, outcome)) {
+            outcome = {{"file", options.packages[i]},
+                       {"status", 5},
+                       {"message", "Internal error occured while verifying " + options.packages[i]},
+                       {"reason", "damaged"},
+                       {"detail", "the worker process verifying it ended unexpectedly"},
+                       {"checks", json::array()}};
+        }
+        allSigned = allSigned && outcome["status"] == 0;
+        if (options.json) {
+            outcomes.push_back(std::move(outcome));
         } else {
-            // Some messages ("Unknown error", the reasons of status 5) do not name the file.
-            std::string line = message.find(options.packages[i]) == std::string::npos
-                                   ? std::string(options.packages[i]) + ": " + message
-                                   : message;
-            if (showDetail) line += " (" + detail + ")";
-            std::printf("%s\n", line.c_str());
+            PrintText(outcome, options.verbose);
         }
     }
-    if (options.json) std::fputs("\n]\n", stdout);
+    for (const Worker& worker : workers) {
+        if (worker.fd >= 0) close(worker.fd);
+        if (worker.pid > 0) waitpid(worker.pid, nullptr, 0);
+    }
+    if (options.json) std::printf("%s\n", Dump(outcomes).c_str());
     return allSigned ? 0 : 1;
 }

@@ -2,10 +2,10 @@
 // session file, loads libsigning.so with dlopen (this program exports the host functions the
 // module imports), calls signing_validate_package_list and reports the prerequisite lists.
 //
-//   signing-check [--module PATH] [--set KEY=VALUE]... [--json] SESSION.json
-//
-// Exit status: the check's return value (0 or 1); 2 when the session or the module cannot be loaded.
+// Exit status: the check's return value (0 or 1); 2 on a usage error or when the session or the
+// module cannot be loaded.
 #include <dlfcn.h>
+#include <getopt.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -18,20 +18,39 @@
 
 namespace {
 
-const char kUsage[] =
-    "usage: signing-check [--module PATH] [--set KEY=VALUE]... [--json] SESSION.json\n"
+const char kProgram[] = "signing-check";
+
+const char kHelp[] =
+    "Usage: signing-check [OPTION]... SESSION.json\n"
+    "Load the signing module and run its prerequisite check on the installation session described\n"
+    "by SESSION.json, the way the host installer does. The module's log goes to standard error;\n"
+    "the prerequisite lists go to standard output.\n"
     "\n"
-    "Loads the signing module and runs its prerequisite check on the session described by\n"
-    "SESSION.json. The module's log goes to standard error; the prerequisite lists go to\n"
-    "standard output.\n"
+    "Options:\n"
+    "  -m, --module=PATH      the module to load (default: libsigning.so beside this program, else\n"
+    "                         the installed module)\n"
+    "  -s, --set=KEY=VALUE    set a session variable after the session file is read (repeatable)\n"
+    "      --json             print one JSON object: \"result\" (the check's return value),\n"
+    "                         \"components\" (for each component in session order: \"id\",\n"
+    "                         \"package\", and \"status\" and \"message\" of its verification as the\n"
+    "                         module logged them, or \"status\" null and why it was not verified)\n"
+    "                         and \"variables\" (every final session variable)\n"
+    "  -h, --help             display this help and exit\n"
+    "  -V, --version          output version information and exit\n"
     "\n"
-    "  --module PATH    the module to load (default: libsigning.so beside this program)\n"
-    "  --set KEY=VALUE  set a session variable after the session file is read (repeatable)\n"
-    "  --json           print the final session variables as one JSON object\n"
-    "  --help           show this text\n"
+    "A session file holds \"variables\", named \"environments\" and \"products\", each with an\n"
+    "\"environment\" and \"components\" (\"id\", \"folder\", \"file\", \"type\"); ${NAME} in a folder\n"
+    "and in SIGNING_LOCAL_PUBLIC_KEY is expanded from the session variables, and SESSION_DIR is\n"
+    "the session file's folder.\n"
     "\n"
-    "Exit status: 0 when the check passed, 1 when it failed, 2 when the session or the module\n"
-    "cannot be loaded or the arguments are wrong.\n";
+    "Exit status:\n"
+    "  0  the check passed\n"
+    "  1  the check failed\n"
+    "  2  a usage error, or the session or the module cannot be loaded\n"
+    "\n"
+    "Examples:\n"
+    "  signing-check --set signature=$PWD/keys/publisher.asc session.json\n"
+    "  signing-check --json --set=TEMP_FOLDER=$HOME/.cache/signing session.json\n";
 
 const char* const kReported[] = {"operation_progress", "SIGNIFICANCE", "SHORT_DESC", "FULL_DESC"};
 
@@ -45,7 +64,12 @@ struct Options {
 };
 
 int Fail(const std::string& text) {
-    std::fprintf(stderr, "signing-check: %s\n", text.c_str());
+    std::fprintf(stderr, "%s: %s\n", kProgram, text.c_str());
+    return 2;
+}
+
+int UsageError(const std::string& text) {
+    std::fprintf(stderr, "%s: %s\nTry '%s --help' for more information.\n", kProgram, text.c_str(), kProgram);
     return 2;
 }
 
@@ -59,36 +83,84 @@ std::string ExecutableFolder() {
     return path;
 }
 
+// The module beside this program (a build folder), else the one installed for it.
+std::string DefaultModule() {
+    const std::string beside = ExecutableFolder() + "/libsigning.so";
+#ifdef SIGNING_INSTALLED_MODULE
+    if (access(beside.c_str(), F_OK) != 0) return ExecutableFolder() + "/" + SIGNING_INSTALLED_MODULE;
+#endif
+    return beside;
+}
+
 // -1 when the arguments are good, else the exit status to end with.
 int ParseArguments(int argc, char** argv, Options& options) {
-    for (int i = 1; i < argc; ++i) {
-        const std::string argument = argv[i];
-        if (argument == "--help" || argument == "-h") {
-            std::fputs(kUsage, stdout);
-            return 0;
-        } else if (argument == "--json") {
-            options.json = true;
-        } else if (argument == "--module" || argument == "--set") {
-            if (i + 1 >= argc) return Fail(argument + " needs a value\n" + kUsage);
-            const std::string value = argv[++i];
-            if (argument == "--module") {
-                options.module = value;
-            } else {
+    static const struct option kLong[] = {{"module", required_argument, nullptr, 'm'},
+                                          {"set", required_argument, nullptr, 's'},
+                                          {"json", no_argument, nullptr, 'J'},
+                                          {"help", no_argument, nullptr, 'h'},
+                                          {"version", no_argument, nullptr, 'V'},
+                                          {nullptr, 0, nullptr, 0}};
+    opterr = 0;
+    for (int option; (option = getopt_long(argc, argv, ":m:s:hV", kLong, nullptr)) != -1;) {
+        switch (option) {
+            case 'm': options.module = optarg; break;
+            case 's': {
+                const std::string value = optarg;
                 const size_t equals = value.find('=');
-                if (equals == std::string::npos || equals == 0) return Fail("--set wants KEY=VALUE, not " + value);
+                if (equals == std::string::npos || equals == 0) return UsageError("--set wants KEY=VALUE, not '" + value + "'");
                 options.settings.emplace_back(value.substr(0, equals), value.substr(equals + 1));
+                break;
             }
-        } else if (argument.size() > 1 && argument[0] == '-') {
-            return Fail("unknown option " + argument + "\n" + kUsage);
-        } else if (!options.session.empty()) {
-            return Fail("only one session file, please\n" + std::string(kUsage));
-        } else {
-            options.session = argument;
+            case 'J': options.json = true; break;
+            case 'h': std::fputs(kHelp, stdout); return 0;
+            case 'V': std::printf("%s (signing) %s\n", kProgram, SIGNING_VERSION); return 0;
+            case ':': return UsageError(std::string("option '") + argv[optind - 1] + "' needs a value");
+            default:
+                return UsageError(optopt != 0 ? std::string("unknown option '-") + static_cast<char>(optopt) + "'"
+                                              : std::string("unknown option '") + argv[optind - 1] + "'");
         }
     }
-    if (options.session.empty()) return Fail(std::string("no session file given\n") + kUsage);
-    if (options.module.empty()) options.module = ExecutableFolder() + "/libsigning.so";
+    if (optind >= argc) return UsageError("no session file given");
+    if (optind + 1 < argc) return UsageError("only one session file, please");
+    options.session = argv[optind];
+    if (options.module.empty()) options.module = DefaultModule();
     return -1;
+}
+
+// What the check did with each component, in session order, read back from the lines the module
+// logged: "_signing_validate_file: signing validation result N (0 is success) for PATH package
+// [MESSAGE]" for a verified package, "component 'ID' is not verified because it is not available"
+// for one that was passed over.
+nlohmann::ordered_json ComponentOutcomes(session_t& session) {
+    static const std::string kResult = "_signing_validate_file: signing validation result ";
+    nlohmann::ordered_json components = nlohmann::ordered_json::array();
+    for (const Product* product : session.Products()) {
+        for (const Component* component : product->components()) {
+            const std::string package =
+                expand_operand(&session, component->packageFolder(), true) + "/" + component->packageFile();
+            nlohmann::ordered_json outcome = {{"id", component->id()}, {"package", package}, {"status", nullptr},
+                                              {"message", "not verified: the check ended before it"}};
+            const std::string passed =
+                "component '" + component->id() + "' is not verified because it is not available";
+            const std::string verified = " (0 is success) for " + package + " package [";
+            for (const std::string& line : session.log) {
+                const size_t at = line.find(verified);
+                if (line.find(passed) != std::string::npos) {
+                    outcome["message"] = "not verified: not available";
+                } else if (line.compare(0, kResult.size(), kResult) == 0 && at != std::string::npos &&
+                           line.back() == ']') {
+                    outcome["status"] = std::atoi(line.c_str() + kResult.size());
+                    const size_t start = at + verified.size();
+                    outcome["message"] = line.substr(start, line.size() - start - 1);
+                } else {
+                    continue;
+                }
+                break;
+            }
+            components.push_back(std::move(outcome));
+        }
+    }
+    return components;
 }
 
 }  // namespace
@@ -114,13 +186,16 @@ int main(int argc, char** argv) {
         return Fail("the module " + options.module + " has no signing_validate_package_list");
     }
 
+    host::SetLogRecord(&session->log);
     const int result = check(session.get());
+    host::SetLogRecord(nullptr);
     dlclose(module);
 
     if (options.json) {
         // Session values are bytes: one that is not UTF-8 is shown with U+FFFD in its place.
-        nlohmann::json variables(session->variables);
-        std::printf("%s\n", variables.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+        const nlohmann::ordered_json report = {
+            {"result", result}, {"components", ComponentOutcomes(*session)}, {"variables", session->variables}};
+        std::printf("%s\n", report.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
     } else {
         std::printf("signing-check: the check returned %d\n", result);
         for (const char* key : kReported) {
