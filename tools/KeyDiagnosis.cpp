@@ -145,7 +145,7 @@ void Explain(const KeyBlock& block, KeyDiagnosis& diagnosis) {
         kind = "the key block uses the new OpenPGP packet format";
         diagnosis.hint = "export the key with GnuPG, which writes the format the verifier reads: gpg --export --armor " + id;
     } else if (block.primaryAlgorithm > 3) {
-        kind = "the primary key is a " + AlgorithmName(block.primaryAlgorithm) + " key";
+        kind = "the primary key is " + AlgorithmName(block.primaryAlgorithm) + ", not RSA";
         diagnosis.hint = "the verifier checks RSA signatures only: sign the packages with an RSA key and give that key";
     } else if (block.signingSubkey) {
         kind = "the key block holds a signing subkey";

@@ -90,5 +90,5 @@ TEST(Commands, OutputAndExitStatusOfEachCase) {
         }
         check();
     }
-    EXPECT_EQ(count, 27 + 33);
+    EXPECT_EQ(count, 29 + 33);
 }
