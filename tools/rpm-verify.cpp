@@ -3,7 +3,6 @@
 //
 // Exit status: 0 when every package is signed and valid, 1 otherwise, 2 on a usage error or a key
 // that cannot be used.
-#include <getopt.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "CommandLine.h"
 #include "Exceptions.h"
 #include "KeyDiagnosis.h"
 #include "RpmReport.h"
@@ -81,8 +81,7 @@ struct Options {
 };
 
 int UsageError(const std::string& text) {
-    std::fprintf(stderr, "%s: %s\nTry '%s --help' for more information.\n", kProgram, text.c_str(), kProgram);
-    return 2;
+    return cli::UsageError(kProgram, text);
 }
 
 // -1 when the arguments are good, else the exit status to end with.
@@ -111,11 +110,8 @@ int ParseArguments(int argc, char** argv, Options& options) {
                 break;
             }
             case 'h': std::fputs(kHelp, stdout); return 0;
-            case 'V': std::printf("%s (signing) %s\n", kProgram, SIGNING_VERSION); return 0;
-            case ':': return UsageError(std::string("option '") + argv[optind - 1] + "' needs a value");
-            default:
-                return UsageError(optopt != 0 ? std::string("unknown option '-") + static_cast<char>(optopt) + "'"
-                                              : std::string("unknown option '") + argv[optind - 1] + "'");
+            case 'V': return cli::PrintVersion(kProgram);
+            default: return cli::OptionError(kProgram, option, argv);
         }
     }
     for (int i = optind; i < argc; ++i) options.packages.emplace_back(argv[i]);

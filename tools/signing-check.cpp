@@ -5,7 +5,6 @@
 // Exit status: the check's return value (0 or 1); 2 on a usage error or when the session or the
 // module cannot be loaded.
 #include <dlfcn.h>
-#include <getopt.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -14,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "CommandLine.h"
 #include "HostSession.h"
 
 namespace {
@@ -69,8 +69,7 @@ int Fail(const std::string& text) {
 }
 
 int UsageError(const std::string& text) {
-    std::fprintf(stderr, "%s: %s\nTry '%s --help' for more information.\n", kProgram, text.c_str(), kProgram);
-    return 2;
+    return cli::UsageError(kProgram, text);
 }
 
 std::string ExecutableFolder() {
@@ -113,11 +112,8 @@ int ParseArguments(int argc, char** argv, Options& options) {
             }
             case 'J': options.json = true; break;
             case 'h': std::fputs(kHelp, stdout); return 0;
-            case 'V': std::printf("%s (signing) %s\n", kProgram, SIGNING_VERSION); return 0;
-            case ':': return UsageError(std::string("option '") + argv[optind - 1] + "' needs a value");
-            default:
-                return UsageError(optopt != 0 ? std::string("unknown option '-") + static_cast<char>(optopt) + "'"
-                                              : std::string("unknown option '") + argv[optind - 1] + "'");
+            case 'V': return cli::PrintVersion(kProgram);
+            default: return cli::OptionError(kProgram, option, argv);
         }
     }
     if (optind >= argc) return UsageError("no session file given");
