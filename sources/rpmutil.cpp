@@ -65,7 +65,9 @@ struct SignerRelease {
     }
 };
 
-RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmReport& report) {
+// Verifies file with key; with recordChecks every check is made and kept in report (the verdict
+// stays the first failure's), without it the verification stops at the first failure.
+RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmReport& report, bool recordChecks) {
     std::unique_ptr<FileHelper, FileRelease> package;
     try {
         CertificateManager::Instance()->SetPgpPublicKeyFilePath(key);
@@ -86,7 +88,7 @@ RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmRepor
     }
     report.stage = RpmStage::Failed;
     signer->SetInputFile(package.get());
-    signer->SetCheckRecord(&report.checks);
+    signer->SetCheckRecord(recordChecks ? &report.checks : nullptr);
     int result = ResultInternalError;
     try {
         result = signer->Process(true, false, false, report.detail);
@@ -112,7 +114,9 @@ RpmVerifyResult response(RPM_STATUS status, const std::string& text) {
     return RpmVerifyResult{status, copy};
 }
 
-RpmVerifyResult rpm_verify_report(const char* file, const char* key, RpmReport& report) {
+namespace {
+
+RpmVerifyResult VerifyEntry(const char* file, const char* key, RpmReport& report, bool recordChecks) {
     report = RpmReport();
     // Nothing may leave towards the host: every failure becomes status 5 with its reason.
     try {
@@ -121,7 +125,7 @@ RpmVerifyResult rpm_verify_report(const char* file, const char* key, RpmReport& 
                                                               : "rpm_verify: no key file was given");
         }
         try {
-            return Verify(file, key, report);
+            return Verify(file, key, report, recordChecks);
         } catch (const std::exception& e) {
             return response(RPM_STATUS_ERROR, std::string("Could not recognise ") + file + " - " + e.what());
         } catch (...) {
@@ -132,9 +136,15 @@ RpmVerifyResult rpm_verify_report(const char* file, const char* key, RpmReport& 
     }
 }
 
+}  // namespace
+
+RpmVerifyResult rpm_verify_report(const char* file, const char* key, RpmReport& report) {
+    return VerifyEntry(file, key, report, true);
+}
+
 RpmVerifyResult rpm_verify_detailed(const char* file, const char* key, std::string& detail) {
     RpmReport report;
-    const RpmVerifyResult result = rpm_verify_report(file, key, report);
+    const RpmVerifyResult result = VerifyEntry(file, key, report, false);
     detail = std::move(report.detail);
     return result;
 }
