@@ -1,22 +1,18 @@
 // The plug-in module as a host sees it: loaded with dlopen, reached only through its exported names,
-// its host functions resolved from this program.
+// its host functions resolved from this program, their types from the public header hosts include.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <cstdint>
-
 #include "../support/HostSupport.h"
+#include "signing/signing.h"
 
 TEST(PluginModule, ExportedNamesWorkThroughDlopen) {
-    struct Result {
-        int32_t status;
-        char* message;
-    };
     void* module = dlopen(SIGNING_MODULE, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(module, nullptr) << dlerror();
-    auto verify = reinterpret_cast<Result (*)(const char*, const char*)>(dlsym(module, "rpm_verify"));
-    auto check = reinterpret_cast<int (*)(session_t*)>(dlsym(module, "signing_validate_package_list"));
-    auto pattern = static_cast<const char* const*>(dlsym(module, "FILE_PATTERN"));
+    auto verify = reinterpret_cast<decltype(&rpm_verify)>(dlsym(module, "rpm_verify"));
+    auto check =
+        reinterpret_cast<decltype(&signing_validate_package_list)>(dlsym(module, "signing_validate_package_list"));
+    auto pattern = static_cast<decltype(&FILE_PATTERN)>(dlsym(module, "FILE_PATTERN"));
     ASSERT_TRUE(verify != nullptr && check != nullptr && pattern != nullptr);
     EXPECT_STREQ(*pattern, "^[a-zA-Z0-9()+._ \\/\\-\\[\\]\\\\]*$");
     // Nothing but the exported names is reachable (nm checks the whole list; these are spot checks).
@@ -27,7 +23,7 @@ TEST(PluginModule, ExportedNamesWorkThroughDlopen) {
     const std::pair<const char*, std::string> calls[] = {{other.c_str(), other + " has invalid signature."},
                                                           {nullptr, "rpm_verify: no package file was given"}};
     for (const auto& call : calls) {
-        const Result result = verify(call.first, call.first == nullptr ? nullptr : key.c_str());
+        const RpmVerifyResult result = verify(call.first, call.first == nullptr ? nullptr : key.c_str());
         EXPECT_EQ(std::string(result.message), call.second);
         EXPECT_EQ(result.status, call.first == nullptr ? 5 : 2);
         free(result.message);
