@@ -1,12 +1,6 @@
 # Writes the man page OUTPUT of PROGRAM with HELP2MAN from the program's own --help and --version
-# texts; NAME is the page's one-line description. A program that does not answer --version is
-# described with the version line it would print: "PROGRAM (PACKAGE) VERSION".
-execute_process(COMMAND ${PROGRAM} --version RESULT_VARIABLE result OUTPUT_VARIABLE text ERROR_QUIET)
+# texts; NAME is the page's one-line description.
 set(arguments --no-info "--name=${NAME}" "--output=${OUTPUT}")
-if(NOT result EQUAL 0 OR text STREQUAL "")
-  get_filename_component(program_name ${PROGRAM} NAME)
-  list(APPEND arguments "--version-string=${program_name} (${PACKAGE}) ${VERSION}")
-endif()
 get_filename_component(folder ${OUTPUT} DIRECTORY)
 file(MAKE_DIRECTORY ${folder})
 execute_process(COMMAND ${HELP2MAN} ${arguments} ${PROGRAM} RESULT_VARIABLE result)
