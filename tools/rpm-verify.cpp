@@ -207,8 +207,9 @@ json Outcome(const std::string& file, const std::string& keyPath, const std::str
 }
 
 // ---------------------------------------------------------------------------------------------
-// Worker processes: each verifies every N-th package and sends its outcomes, in order, through a
-// pipe as length-prefixed CBOR; the parent reads them back in the order of the packages.
+// Worker processes: the packages are cut into N blocks in their order; the parent verifies the first
+// block itself while each worker verifies one of the others and sends its outcomes, when all are
+// made, through a pipe as length-prefixed CBOR. The parent then reads them back block by block.
 
 bool WriteAll(int fd, const void* data, size_t size) {
     const char* bytes = static_cast<const char*>(data);
@@ -234,10 +235,12 @@ bool ReadAll(int fd, void* data, size_t size) {
     return true;
 }
 
-bool SendOutcome(int fd, const json& outcome) {
+void AppendOutcome(std::vector<std::uint8_t>& frames, const json& outcome) {
     const std::vector<std::uint8_t> frame = json::to_cbor(outcome);
     const uint32_t size = static_cast<uint32_t>(frame.size());
-    return WriteAll(fd, &size, sizeof size) && WriteAll(fd, frame.data(), frame.size());
+    const auto* sizeBytes = reinterpret_cast<const std::uint8_t*>(&size);
+    frames.insert(frames.end(), sizeBytes, sizeBytes + sizeof size);
+    frames.insert(frames.end(), frame.begin(), frame.end());
 }
 
 bool ReceiveOutcome(int fd, json& outcome) {
@@ -251,32 +254,30 @@ bool ReceiveOutcome(int fd, json& outcome) {
 
 struct Worker {
     pid_t pid;
-    int fd;
+    int fd;        // -1: not started, the parent verifies the block itself
+    size_t begin;  // the block's first package
 };
 
-// Starts the workers; a worker that cannot be started leaves its packages to the parent (fd -1).
+// Starts a worker for each block after the first.
 std::vector<Worker> StartWorkers(const Options& options, const std::string& keyId) {
-    const size_t count = std::min<size_t>(options.jobs, options.packages.size());
+    const size_t packages = options.packages.size();
+    const size_t count = std::min<size_t>(options.jobs, packages);
     std::vector<Worker> workers;
     std::fflush(nullptr);
-    for (size_t w = 0; w < count; ++w) {
-        int ends[2];
-        pid_t pid = -1;
-        if (pipe(ends) == 0 && (pid = fork()) == 0) {
+    for (size_t block = 1; block < count; ++block) {
+        const size_t begin = block * packages / count, end = (block + 1) * packages / count;
+        int ends[2] = {-1, -1};
+        const pid_t pid = pipe(ends) == 0 ? fork() : -1;
+        if (pid == 0) {
             close(ends[0]);
             for (const Worker& other : workers) close(other.fd);
-            bool sent = true;
-            for (size_t i = w; i < options.packages.size() && sent; i += count) {
-                sent = SendOutcome(ends[1], Outcome(options.packages[i], options.key, keyId));
-            }
-            _exit(sent ? 0 : 1);
+            std::vector<std::uint8_t> frames;
+            for (size_t i = begin; i < end; ++i) AppendOutcome(frames, Outcome(options.packages[i], options.key, keyId));
+            _exit(WriteAll(ends[1], frames.data(), frames.size()) ? 0 : 1);
         }
-        if (pid < 0) {
-            workers.push_back({-1, -1});
-            continue;
-        }
-        close(ends[1]);
-        workers.push_back({pid, ends[0]});
+        if (ends[1] >= 0) close(ends[1]);
+        if (pid < 0 && ends[0] >= 0) close(ends[0]);
+        workers.push_back({pid, pid < 0 ? -1 : ends[0], begin});
     }
     return workers;
 }
@@ -343,13 +344,13 @@ int main(int argc, char** argv) {
         std::printf("Key %s: key ID %s, RSA %llu bits\n", options.key.c_str(), key.keyId.c_str(), key.bits);
     }
 
-    const std::vector<Worker> workers =
-        options.jobs > 1 && options.packages.size() > 1 ? StartWorkers(options, key.keyId) : std::vector<Worker>();
+    const std::vector<Worker> workers = options.jobs > 1 ? StartWorkers(options, key.keyId) : std::vector<Worker>();
     bool allSigned = true;
     json outcomes = json::array();
-    for (size_t i = 0; i < options.packages.size(); ++i) {
+    const Worker* worker = nullptr;  // the worker of the package at hand; null: the parent's own
+    for (size_t i = 0, next = 0; i < options.packages.size(); ++i) {
+        if (next < workers.size() && i >= workers[next].begin) worker = &workers[next++];
         json outcome;
-        const Worker* worker = workers.empty() ? nullptr : &workers[i % workers.size()];
         if (worker == nullptr || worker->fd < 0) {
             outcome = Outcome(options.packages[i], options.key, key.keyId);
         } else if (!ReceiveOutcome(worker->fd, outcome)) {
