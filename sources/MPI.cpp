@@ -2,7 +2,14 @@
 
 #include <cstring>
 
+#include "ByteCursor.h"
 #include "Exceptions.h"
+
+namespace {
+
+const char kInteger[] = "Multi-precision integer";  // "... is truncated"
+
+}  // namespace
 
 MPI::MPI(const char* data, unsigned long long bufferLength) : bits_(0), bytes_(0), value_(nullptr) {
     Read(data, bufferLength);
@@ -10,15 +17,12 @@ MPI::MPI(const char* data, unsigned long long bufferLength) : bits_(0), bytes_(0
 
 MPI::MPI(const char* data, unsigned long long bufferLength, unsigned long long available)
     : bits_(0), bytes_(0), value_(nullptr) {
-    if (available < 2) {
-        throw DataFormatException("Multi-precision integer is truncated");
-    }
-    const uint64_t bits = (uint64_t{static_cast<unsigned char>(data[0])} << 8) | static_cast<unsigned char>(data[1]);
-    const uint64_t bytes = (bits + 7) >> 3;
-    if (bytes <= bufferLength && 2 + bytes > available) {
-        throw DataFormatException("Multi-precision integer is truncated");
-    }
-    Read(data, bufferLength);
+    ByteCursor cursor(data, available, kInteger);
+    ReadFrom(cursor, bufferLength);
+}
+
+MPI::MPI(ByteCursor& data, unsigned long long bufferLength) : bits_(0), bytes_(0), value_(nullptr) {
+    ReadFrom(data, bufferLength);
 }
 
 MPI::~MPI() {
@@ -33,4 +37,18 @@ void MPI::Read(const char* data, unsigned long long bufferLength) {
     }
     value_ = new unsigned char[bytes_ ? bytes_ : 1];
     std::memcpy(value_, data + 2, bytes_);
+}
+
+// The caller's bound is judged first, with its own message (Read); an integer within it must also
+// lie within the bytes really there.
+void MPI::ReadFrom(ByteCursor& data, unsigned long long bufferLength) {
+    ByteCursor integer = data;
+    const uint16_t bits = integer.ReadUInt16(kInteger);
+    const uint64_t bytes = (uint64_t{bits} + 7) >> 3;
+    if (bytes <= bufferLength) {
+        integer.Need(bytes, kInteger);
+    }
+    Read(reinterpret_cast<const char*>(data.Here()), bufferLength);
+    integer.Skip(bytes);
+    data = integer;
 }

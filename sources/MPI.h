@@ -6,6 +6,8 @@
 
 #include "Base.h"
 
+class ByteCursor;
+
 class MPI : public Base {
 public:
     // bufferLength is the bound the caller allows for the value bytes ("Size of the multi-precision
@@ -14,6 +16,8 @@ public:
     // The same, where available also counts the bytes really present from data on (the bit count
     // included): an integer running past them is refused as truncated.
     MPI(const char* data, unsigned long long bufferLength, unsigned long long available);
+    // The same over the bytes that remain in data, from its position; moves data past the integer.
+    MPI(ByteCursor& data, unsigned long long bufferLength);
     ~MPI() override;
 
     MPI(const MPI&) = delete;
@@ -25,6 +29,7 @@ public:
 
 private:
     void Read(const char* data, unsigned long long bufferLength);
+    void ReadFrom(ByteCursor& data, unsigned long long bufferLength);
 
     uint64_t bits_;
     uint64_t bytes_;

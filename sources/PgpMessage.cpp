@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "Base64.h"
+#include "ByteCursor.h"
 #include "Exceptions.h"
 
 namespace {
@@ -43,15 +44,16 @@ void PgpMessage::ParsePackets(const char* data, unsigned int length) {
     if (length == 0) {
         throw DataFormatException("OpenPGP message holds no packets");
     }
-    unsigned int remaining = length;
-    const char* packet = data;
+    // Each packet is handed the bytes from its first octet to the end of the message; the packet
+    // that reaches the end ends the walk.
+    ByteCursor message(data, length, "OpenPGP message");
     for (;;) {
-        const unsigned int size = ParsePacket(packet, remaining);
+        const unsigned int remaining = static_cast<unsigned int>(message.Remaining());
+        const unsigned int size = ParsePacket(reinterpret_cast<const char*>(message.Here()), remaining);
         if (size >= remaining) {
             break;
         }
-        packet += size;
-        remaining -= size;
+        message.Skip(size);
     }
 }
 

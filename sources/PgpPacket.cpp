@@ -4,20 +4,17 @@
 #include <ctime>
 #include <string>
 
+#include "ByteCursor.h"
 #include "Exceptions.h"
 
 namespace {
 
-// Throws unless count bytes at offset lie within the available bytes.
-void Need(uint64_t offset, uint64_t count, uint64_t available, const char* what) {
-    if (offset + count > available) {
-        throw DataFormatException(std::string(what) + " is truncated");
-    }
-}
-
-uint16_t ReadUInt16(const unsigned char* p) {
-    return static_cast<uint16_t>((p[0] << 8) | p[1]);
-}
+// The parts of a packet, named in "... is truncated".
+const char kHeader[] = "OpenPGP packet header";
+const char kPublicKey[] = "Public key packet";
+const char kSignature[] = "Signature packet";
+const char kUnhashedArea[] = "Unhashed subpacket area";
+const char kIssuer[] = "Issuer subpacket";
 
 void WriteUInt32(unsigned char* p, uint32_t value) {
     p[0] = static_cast<unsigned char>(value >> 24);
@@ -36,11 +33,14 @@ unsigned int HeaderLength(unsigned char tag) {
     }
 }
 
-uint64_t BodyLength(const unsigned char* p, unsigned int headerLength) {
+// The body length after the tag octet: one, two or four octets for the header lengths 2, 3 and 6
+// (the four-octet form is counted as a header of 6 octets).
+uint64_t BodyLength(ByteCursor& header, unsigned int headerLength) {
+    header.Skip(1);  // the tag
     switch (headerLength) {
-        case 2: return p[1];
-        case 3: return ReadUInt16(p + 1);
-        default: return (uint64_t{p[1]} << 24) | (uint64_t{p[2]} << 16) | (uint64_t{p[3]} << 8) | p[4];
+        case 2: return header.ReadUInt8();
+        case 3: return header.ReadUInt16();
+        default: return header.ReadUInt32();
     }
 }
 
@@ -51,17 +51,16 @@ PgpPacket::PgpPacket() : length_(0) {}
 PgpPacket::~PgpPacket() {}
 
 uint32_t PgpPacket::ParseLengthTag(const char* packet, unsigned int& headerLength) {
-    const unsigned char* p = reinterpret_cast<const unsigned char*>(packet);
-    headerLength = HeaderLength(p[0]);
-    return static_cast<uint32_t>(BodyLength(p, headerLength) + headerLength);
+    headerLength = HeaderLength(static_cast<unsigned char>(packet[0]));
+    ByteCursor header(packet, headerLength, kHeader);  // trusted to be there
+    return static_cast<uint32_t>(BodyLength(header, headerLength) + headerLength);
 }
 
 uint32_t PgpPacket::ParseLengthTag(const char* packet, unsigned int remaining, unsigned int& headerLength) {
-    const unsigned char* p = reinterpret_cast<const unsigned char*>(packet);
-    Need(0, 1, remaining, "OpenPGP packet header");
-    const unsigned int header = HeaderLength(p[0]);
-    Need(0, header, remaining, "OpenPGP packet header");
-    const uint64_t length = BodyLength(p, header) + header;
+    ByteCursor message(packet, remaining, kHeader);
+    const unsigned int header = HeaderLength(*message.Peek(1));
+    message.Need(header);
+    const uint64_t length = BodyLength(message, header) + header;
     if (length > remaining) {
         throw DataFormatException("OpenPGP packet of " + std::to_string(length) + " bytes is longer than the " +
                                   std::to_string(remaining) + " bytes that remain");
@@ -82,18 +81,21 @@ void PgpPacket::CheckPublicKeyAlgorithm(char algorithm) {
 PgpPublicKey::PgpPublicKey(const char* packet, unsigned int remaining) {
     unsigned int headerLength = 0;
     length_ = ParseLengthTag(packet, remaining, headerLength);
-    const char* body = packet + headerLength;
-    Need(headerLength, 6, remaining, "Public key packet");
-    if ((body[0] & 4) == 0) {
+    ByteCursor body(packet, remaining, kPublicKey);
+    body.Skip(headerLength);
+    body.Need(6);  // version, creation time, algorithm
+    if ((body.ReadUInt8() & 4) == 0) {
         throw DataFormatException("This version of OpenPGP public key is not supported");
     }
-    CheckPublicKeyAlgorithm(body[5]);
-    // The bounds handed to the integers count from the packet's start, as the format's readers
-    // always did; the bytes really present bound them as well.
-    const uint64_t available = remaining - headerLength;
-    modulus_.reset(new MPI(body + 6, remaining - 5, available - 6));
-    const uint64_t modulusBytes = modulus_->GetLengthInBytes();
-    exponent_.reset(new MPI(body + 8 + modulusBytes, remaining - modulusBytes - 5, available - 8 - modulusBytes));
+    body.Skip(4);  // creation time
+    CheckPublicKeyAlgorithm(static_cast<char>(body.ReadUInt8()));
+    // The format's bound on each integer counts from the packet's first octet, less 5 octets and
+    // the value octets of the integer before it, as the format's readers always did: up to a header
+    // and a few octets more than the packet holds. The cursor bounds the integers by the bytes there.
+    uint64_t bound = uint64_t{remaining} - 5;
+    modulus_.reset(new MPI(body, bound));
+    bound -= modulus_->GetLengthInBytes();
+    exponent_.reset(new MPI(body, bound));
 }
 
 PgpPublicKey::~PgpPublicKey() {
@@ -116,92 +118,113 @@ PgpSignatureData::PgpSignatureData(const char* packet, unsigned int remaining)
       left16_() {
     unsigned int headerLength = 0;
     length_ = ParseLengthTag(packet, remaining, headerLength);
-    const unsigned char* body = reinterpret_cast<const unsigned char*>(packet) + headerLength;
-    Need(headerLength, 1, remaining, "Signature packet");
-    switch (body[0]) {
-        case 3: ParseVersion3(body, headerLength, remaining); break;
-        case 4: ParseVersion4(body, headerLength, remaining); break;
+    ByteCursor body(packet, remaining, kSignature);
+    body.Skip(headerLength);
+    const uint8_t version = *body.Peek(1);
+    switch (version) {
+        case 3: ParseVersion3(body, remaining); break;
+        case 4: ParseVersion4(body, remaining); break;
         default:
-            throw DataFormatException("Version " + std::to_string(body[0]) + " of signature packets is not supported");
+            throw DataFormatException("Version " + std::to_string(version) + " of signature packets is not supported");
     }
 }
 
 // Version 3: version, L (5), L hashed bytes (type, creation time), issuer (8), public-key
 // algorithm, hash algorithm, left 16 bits, MPI signature value.
-void PgpSignatureData::ParseVersion3(const unsigned char* body, unsigned int headerLength, unsigned int remaining) {
+void PgpSignatureData::ParseVersion3(ByteCursor& body, unsigned int remaining) {
     version_ = 3;
-    Need(headerLength, 2, remaining, "Signature packet");
+    body.Need(2);  // version, L
+    body.Skip(1);
     // The hashed material is the type and the creation time, and nothing else (RFC 4880, 5.2.2:
     // the length MUST be 5). A longer one could carry the end of the signed data, so that a
     // shortened payload would still hash to the signed value.
-    const int hashed = static_cast<signed char>(body[1]);
+    const int hashed = static_cast<signed char>(body.ReadUInt8());
     if (hashed != 5) {
         throw DataFormatException("Version 3 signature packet has a hashed material length of " +
                                   std::to_string(hashed) + "; it must be 5");
     }
     const uint64_t l = static_cast<uint64_t>(hashed);
-    Need(headerLength, 14 + l, remaining, "Signature packet");
+    // Everything up to the value is there before the algorithm is judged: the hashed material, the
+    // issuer, the two algorithms and the left 16 bits.
+    body.Need(l + sizeof issuer_ + 2 + sizeof left16_);
     hashedLength_ = static_cast<uint16_t>(l);
     hashed_.reset(new unsigned char[l ? l : 1]);
-    std::memcpy(hashed_.get(), body + 2, l);
-    std::memcpy(issuer_, body + 2 + l, 8);
-    CheckPublicKeyAlgorithm(static_cast<char>(body[10 + l]));
-    publicKeyAlgorithm_ = body[10 + l];
-    hashAlgorithm_ = body[11 + l];
-    std::memcpy(left16_, body + 12 + l, 2);
-    signatureSize_ = static_cast<uint16_t>(remaining - 24);
-    signature_.reset(
-        new MPI(reinterpret_cast<const char*>(body + 14 + l), signatureSize_, remaining - headerLength - 14 - l));
+    body.Read(hashed_.get(), l);
+    body.Read(issuer_, sizeof issuer_);
+    const uint8_t algorithm = body.ReadUInt8();
+    CheckPublicKeyAlgorithm(static_cast<char>(algorithm));
+    publicKeyAlgorithm_ = algorithm;
+    hashAlgorithm_ = body.ReadUInt8();
+    // The format's bound on the value: the remaining bytes less 24 (exact under a 3-octet header),
+    // in 16 bits.
+    ReadValue(body, static_cast<uint16_t>(remaining - 24));
 }
 
 // Version 4: version, type, public-key algorithm, hash algorithm, H (2), H hashed bytes, U (2),
 // U unhashed bytes, left 16 bits, MPI signature value.
-void PgpSignatureData::ParseVersion4(const unsigned char* body, unsigned int headerLength, unsigned int remaining) {
+void PgpSignatureData::ParseVersion4(ByteCursor& body, unsigned int remaining) {
     version_ = 4;
-    Need(headerLength, 6, remaining, "Signature packet");
-    type_ = body[1];
-    CheckPublicKeyAlgorithm(static_cast<char>(body[2]));
-    publicKeyAlgorithm_ = body[2];
-    hashAlgorithm_ = body[3];
-    const uint64_t h = ReadUInt16(body + 4);
-    Need(headerLength, 8 + h, remaining, "Signature packet");
-    hashedLength_ = static_cast<uint16_t>(h);
-    hashed_.reset(new unsigned char[h ? h : 1]);
-    std::memcpy(hashed_.get(), body + 6, h);
-    const uint16_t u = ReadUInt16(body + 6 + h);
+    ReadHashedFields(body);
+    const uint16_t u = body.ReadUInt16();
     unhashedLength_ = u;
+    ReadIssuer(body, u);
+    // The format's bound on the value: the remaining bytes less U, H and 15, in 16 bits.
+    ReadValue(body, static_cast<uint16_t>(remaining - u - hashedLength_ - 15));
+}
 
-    // The issuer search walks one-octet subpacket lengths only, and moves past a subpacket of
-    // another type by its length alone, one octet short: exact when the issuer comes first, as
-    // the module writes it. The walk runs at least once, even over an empty area.
-    uint64_t position = 8 + h;  // offset in the body
+// The fields a version 4 signature hashes: version, type, algorithms and the hashed area.
+void PgpSignatureData::ReadHashedFields(ByteCursor& body) {
+    body.Need(6);  // version to H, all there before the algorithm is judged
+    body.Skip(1);
+    type_ = body.ReadUInt8();
+    const uint8_t algorithm = body.ReadUInt8();
+    CheckPublicKeyAlgorithm(static_cast<char>(algorithm));
+    publicKeyAlgorithm_ = algorithm;
+    hashAlgorithm_ = body.ReadUInt8();
+    const uint16_t h = body.ReadUInt16();
+    hashedLength_ = h;
+    hashed_.reset(new unsigned char[h ? h : 1]);
+    body.Read(hashed_.get(), h);
+}
+
+// The issuer search walks one-octet subpacket lengths only, and moves past a subpacket of another
+// type by its length alone, one octet short: exact when the issuer comes first, as the module
+// writes it. The walk runs at least once, even over an empty area; it is bounded by the bytes of
+// the message, not by the area's end.
+void PgpSignatureData::ReadIssuer(ByteCursor& body, uint16_t unhashedLength) {
+    const int last = static_cast<int>(unhashedLength) - 1;  // the walk goes on while the lengths add up to less
     int total = 0;
+    bool more = true;
     do {
-        Need(headerLength + position, 2, remaining, "Unhashed subpacket area");
-        const unsigned char length = body[position];
-        const unsigned char type = body[position + 1];
-        if (type == 16) {
+        const unsigned char* subpacket = body.Peek(2, kUnhashedArea);  // length, type
+        const unsigned char length = subpacket[0];
+        const bool issuer = subpacket[1] == 16;
+        if (issuer) {
             if (length != 9) {
                 throw DataFormatException("Wrong size of IssuerID");
             }
-            Need(headerLength + position, 10, remaining, "Issuer subpacket");
-            std::memcpy(issuer_, body + position + 2, 8);
-            position += length + 1;
-        } else {
+            body.Skip(2, kIssuer);
+            body.Read(issuer_, sizeof issuer_, kIssuer);
+        } else if (length == 0 && total < last) {
             // A zero length does not move the walk: refused only where the walk would go on.
-            if (length == 0 && total < static_cast<int>(u) - 1) {
-                throw DataFormatException("Unhashed subpacket of length 0 cannot be walked");
-            }
-            position += length;
+            throw DataFormatException("Unhashed subpacket of length 0 cannot be walked");
         }
         total += length;
-    } while (total < static_cast<int>(u) - 1);
+        more = total < last;
+        if (!issuer) {
+            // A length past the data is reported by the read that would follow: the next
+            // subpacket's while the walk goes on, the left 16 bits' where it ends.
+            body.Skip(length, more ? kUnhashedArea : kSignature);
+        }
+    } while (more);
+}
 
-    Need(headerLength + position, 2, remaining, "Signature packet");
-    std::memcpy(left16_, body + position, 2);
-    signatureSize_ = static_cast<uint16_t>(remaining - u - h - 15);
-    signature_.reset(new MPI(reinterpret_cast<const char*>(body + position + 2), signatureSize_,
-                             remaining - headerLength - position - 2));
+// Both versions end with the left 16 bits of the hash and the value; bound is the format's bound
+// on the value's octets.
+void PgpSignatureData::ReadValue(ByteCursor& body, uint16_t bound) {
+    body.Read(left16_, sizeof left16_);
+    signatureSize_ = bound;
+    signature_.reset(new MPI(body, signatureSize_));
 }
 
 PgpSignatureData::PgpSignatureData(PgpSignatureVersion version, const char* issuerId, unsigned short keyBits,

@@ -12,6 +12,8 @@
 #include "Base.h"
 #include "MPI.h"
 
+class ByteCursor;
+
 enum PgpSignatureVersion : int32_t {
     PgpSignatureVersion3 = 3,
     PgpSignatureVersion4 = 4,
@@ -94,8 +96,13 @@ public:
     const unsigned char* GetLeft16() const { return left16_; }
 
 private:
-    void ParseVersion3(const unsigned char* body, unsigned int headerLength, unsigned int remaining);
-    void ParseVersion4(const unsigned char* body, unsigned int headerLength, unsigned int remaining);
+    // body is at the version octet; remaining counts from the packet's first octet.
+    void ParseVersion3(ByteCursor& body, unsigned int remaining);
+    void ParseVersion4(ByteCursor& body, unsigned int remaining);
+    // The steps of a version 4 packet before its value.
+    void ReadHashedFields(ByteCursor& body);
+    void ReadIssuer(ByteCursor& body, uint16_t unhashedLength);
+    void ReadValue(ByteCursor& body, uint16_t bound);
 
     std::unique_ptr<MPI> signature_;
     unsigned char issuer_[8];

@@ -6,18 +6,41 @@
 #include <cstring>
 
 #include "Base.h"
+#include "ByteCursor.h"
 #include "Exceptions.h"
 
 namespace {
-
-// Lengths of the values that are not counted in bytes by their entry.
-const uint64_t kMd5Length = 16;
 
 std::string EntryName(uint32_t tag) {
     return "RPM signature tag " + std::to_string(tag);
 }
 
 }  // namespace
+
+// How the walk finds the length of a value it reads.
+enum class RpmSignature::Extent {
+    Count,  // the entry's count, in bytes
+    Text,   // up to and with the first NUL inside the store; the count is not read
+    Fixed,  // the rule's length; the count is not read
+};
+
+// A tag the index walk reads. The type is the one writers store; the walk does not check it, so an
+// entry of the tag is read the same way whatever type it gives.
+struct RpmSignature::TagRule {
+    uint32_t tag;
+    RpmDataType type;
+    Extent extent;
+    uint32_t length;  // for Extent::Fixed
+    void (RpmSignature::*keep)(const SignatureEntry& entry, const ByteCursor& value);
+};
+
+// The signature-header tags the module reads; entries of any other tag are neither read nor checked.
+const RpmSignature::TagRule RpmSignature::kTagRules[] = {
+    {TagHeaderSignature, RpmBinary, Extent::Count, 0, &RpmSignature::KeepHeaderSignature},
+    {TagSha1, RpmString, Extent::Text, 0, &RpmSignature::KeepSha1},
+    {TagPackageSignature, RpmBinary, Extent::Count, 0, &RpmSignature::KeepPackageSignature},
+    {TagMd5, RpmBinary, Extent::Fixed, 16, &RpmSignature::KeepMd5},
+};
 
 RpmSignature::RpmSignature(std::shared_ptr<char[]> entries, const HeaderStructureHeader& header)
     : RpmSignature(static_cast<void*>(entries.get()), header) {
@@ -60,36 +83,41 @@ void RpmSignature::ParseEntries() {
         entry.count = ntohl(entry.count);
         entry.type = ntohl(entry.type) & 0xFF;
         // The tag stays in file order; it is compared with the big-endian form of each tag.
-        if (entry.tag == htonl(TagHeaderSignature)) {
-            // A later tag-268 entry replaces the earlier signature, which nothing refers to yet.
-            std::unique_ptr<PgpMessage> message;
-            std::unique_ptr<PgpSignature> signature(ParsePgpSignature(entry, message));
-            delete headerSignature_;
-            headerSignature_ = signature.release();
-            headerMessage_ = std::move(message);
-        } else if (entry.tag == htonl(TagSha1)) {
-            const unsigned char* start = reinterpret_cast<unsigned char*>(entries_ + entryCount_) + entry.offset;
-            const void* end = entry.offset < dataSize_ ? std::memchr(start, '\0', dataSize_ - entry.offset) : nullptr;
-            if (end == nullptr) {
-                ValueOf(entry, 1);  // outside the store: says so
-                throw DataFormatException(EntryName(TagSha1) + ": the text is not terminated inside the store");
+        for (const TagRule& rule : kTagRules) {
+            if (entry.tag == htonl(rule.tag)) {
+                (this->*rule.keep)(entry, ValueFor(rule, entry));
+                break;
             }
-            sha1_ = reinterpret_cast<char*>(ValueOf(entry, static_cast<const unsigned char*>(end) - start + 1));
-        } else if (entry.tag == htonl(TagPackageSignature)) {
-            std::unique_ptr<PgpMessage> message;
-            std::unique_ptr<PgpSignature> signature(ParsePgpSignature(entry, message));
-            packageMessages_.reserve(packageMessages_.size() + 1);
-            packageSignatures_.push_back(signature.get());
-            signature.release();
-            packageMessages_.push_back(std::move(message));
-        } else if (entry.tag == htonl(TagMd5)) {
-            md5_ = ValueOf(entry, kMd5Length);
         }
     }
 }
 
-unsigned char* RpmSignature::ValueOf(const SignatureEntry& entry, uint64_t length) {
-    if (static_cast<uint64_t>(entry.offset) + length > dataSize_) {
+ByteCursor RpmSignature::Store() const {
+    return ByteCursor(entries_ + entryCount_, dataSize_, "RPM signature store");
+}
+
+ByteCursor RpmSignature::ValueFor(const TagRule& rule, const SignatureEntry& entry) {
+    switch (rule.extent) {
+        case Extent::Count: return ValueOf(entry, entry.count);
+        case Extent::Fixed: return ValueOf(entry, rule.length);
+        case Extent::Text: break;
+    }
+    ByteCursor text = Store();
+    const void* end = nullptr;
+    if (text.Has(entry.offset)) {
+        text.Skip(entry.offset);
+        end = std::memchr(text.Here(), '\0', text.Remaining());
+    }
+    if (end == nullptr) {
+        ValueOf(entry, 1);  // outside the store: says so
+        throw DataFormatException(EntryName(ntohl(entry.tag)) + ": the text is not terminated inside the store");
+    }
+    return ValueOf(entry, static_cast<const unsigned char*>(end) - text.Here() + 1);
+}
+
+ByteCursor RpmSignature::ValueOf(const SignatureEntry& entry, uint64_t length) {
+    ByteCursor value = Store();
+    if (!value.HasAt(entry.offset, length)) {
         throw DataFormatException(EntryName(ntohl(entry.tag)) + ": " + std::to_string(length) + " bytes at offset " +
                                   std::to_string(entry.offset) + " lie outside the store of " +
                                   std::to_string(dataSize_) + " bytes");
@@ -102,13 +130,40 @@ unsigned char* RpmSignature::ValueOf(const SignatureEntry& entry, uint64_t lengt
                                   std::to_string(valueBytes_) + " bytes, more than the store of " +
                                   std::to_string(dataSize_) + " bytes");
     }
-    unsigned char* store = reinterpret_cast<unsigned char*>(entries_ + entryCount_);
-    return store + entry.offset;
+    value.Skip(entry.offset);
+    return value.Take(length);
 }
 
-PgpSignature* RpmSignature::ParsePgpSignature(const SignatureEntry& entry, std::unique_ptr<PgpMessage>& message) {
-    const unsigned char* value = ValueOf(entry, entry.count);
-    message = std::make_unique<PgpMessage>(reinterpret_cast<const char*>(value), entry.count);
+void RpmSignature::KeepHeaderSignature(const SignatureEntry& entry, const ByteCursor& value) {
+    // A later tag-268 entry replaces the earlier signature, which nothing refers to yet.
+    std::unique_ptr<PgpMessage> message;
+    std::unique_ptr<PgpSignature> signature(ParsePgpSignature(entry, value, message));
+    delete headerSignature_;
+    headerSignature_ = signature.release();
+    headerMessage_ = std::move(message);
+}
+
+void RpmSignature::KeepSha1(const SignatureEntry&, const ByteCursor& value) {
+    sha1_ = reinterpret_cast<const char*>(value.Here());
+}
+
+void RpmSignature::KeepPackageSignature(const SignatureEntry& entry, const ByteCursor& value) {
+    std::unique_ptr<PgpMessage> message;
+    std::unique_ptr<PgpSignature> signature(ParsePgpSignature(entry, value, message));
+    packageMessages_.reserve(packageMessages_.size() + 1);
+    packageSignatures_.push_back(signature.get());
+    signature.release();
+    packageMessages_.push_back(std::move(message));
+}
+
+void RpmSignature::KeepMd5(const SignatureEntry&, const ByteCursor& value) {
+    md5_ = value.Here();
+}
+
+PgpSignature* RpmSignature::ParsePgpSignature(const SignatureEntry& entry, const ByteCursor& value,
+                                              std::unique_ptr<PgpMessage>& message) {
+    message = std::make_unique<PgpMessage>(reinterpret_cast<const char*>(value.Here()),
+                                           static_cast<unsigned int>(value.Size()));
     PgpSignatureData* data = message->GetSignatureData();
     if (data == nullptr) {
         throw DataFormatException(EntryName(ntohl(entry.tag)) + " holds no OpenPGP signature packet");

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "ByteCursor.h"
 #include "PgpMessage.h"
 #include "PgpSignature.h"
 #include "RpmCheck.h"
@@ -101,12 +102,27 @@ public:
     static void CreateStorage(RpmDataType type, unsigned char* dest, unsigned char* src, unsigned int& size);
 
 private:
+    // The tags the index walk reads, how long their values are and where they are kept: one row
+    // per tag (RpmSignature.cpp).
+    enum class Extent;
+    struct TagRule;
+    static const TagRule kTagRules[];
+
     void ParseEntries();
+    // The data store after the index.
+    ByteCursor Store() const;
+    // The value of entry, as long as rule makes it.
+    ByteCursor ValueFor(const TagRule& rule, const SignatureEntry& entry);
     // The value of entry, checked to lie inside the store with at least length bytes; length is
     // counted against the bytes all values read so far may take.
-    unsigned char* ValueOf(const SignatureEntry& entry, uint64_t length);
+    ByteCursor ValueOf(const SignatureEntry& entry, uint64_t length);
+    void KeepHeaderSignature(const SignatureEntry& entry, const ByteCursor& value);
+    void KeepSha1(const SignatureEntry& entry, const ByteCursor& value);
+    void KeepPackageSignature(const SignatureEntry& entry, const ByteCursor& value);
+    void KeepMd5(const SignatureEntry& entry, const ByteCursor& value);
     // The OpenPGP signature in entry's value, with the message that holds its packet.
-    PgpSignature* ParsePgpSignature(const SignatureEntry& entry, std::unique_ptr<PgpMessage>& message);
+    PgpSignature* ParsePgpSignature(const SignatureEntry& entry, const ByteCursor& value,
+                                    std::unique_ptr<PgpMessage>& message);
 
     std::shared_ptr<char[]> share_;  // keeps a shared buffer alive; empty for a borrowed one
     SignatureEntry* entries_;        // not owned
@@ -114,8 +130,8 @@ private:
     uint32_t dataSize_;
     uint64_t valueBytes_;  // bytes of the values read so far
     unsigned long long payloadLength_;
-    char* sha1_;
-    unsigned char* md5_;
+    const char* sha1_;
+    const unsigned char* md5_;
     PgpSignature* headerSignature_;                  // owned
     std::vector<PgpSignature*> packageSignatures_;  // owned
     // The messages that hold the signature packets, one per signature above, in the same order.

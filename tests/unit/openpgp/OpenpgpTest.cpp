@@ -3,8 +3,10 @@
 #include <sstream>
 
 #include "../crypto/Vectors.h"
+#include "ByteCursor.h"
 #include "CertificateManager.h"
 #include "Digest.h"
+#include "Exceptions.h"
 #include "PgpSignature.h"
 #include "PgpWriter.h"
 #include "TestSupport.h"
@@ -115,6 +117,47 @@ std::string Sign(const Args& a) {
            Check(reinterpret_cast<const char*>(out.data), out.length, "armored");
 }
 
+// cursor | hex | steps: u8, u16, u32, skip N, take N (the view taken), has N, at OFFSET N; "try"
+// before a step answers "refused" for a step that throws; the position comes last.
+std::string Cursor(const Args& a) {
+    const std::vector<char> bytes = Raw(a[0]);
+    ByteCursor cursor(bytes.data(), bytes.size(), "Test data");
+    std::istringstream words(a[1]);
+    auto n = [&] { std::string w; words >> w; return std::stoull(w); };
+    auto step = [&](const std::string& op) -> std::string {
+        char text[16];
+        if (op[0] == 'u') {
+            const int bits = std::stoi(op.substr(1));
+            const uint32_t v = bits == 8 ? cursor.ReadUInt8() : bits == 16 ? cursor.ReadUInt16() : cursor.ReadUInt32();
+            snprintf(text, sizeof text, "%0*x ", bits / 4, v);
+            return text;
+        }
+        if (op == "skip") {
+            cursor.Skip(n());
+            return "";
+        }
+        if (op == "take") {
+            const ByteCursor view = cursor.Take(n());
+            return "[" + Hex(view.Here(), view.Size()) + "] ";
+        }
+        if (op == "has") return cursor.Has(n()) ? "yes " : "no ";
+        const uint64_t offset = n();
+        return cursor.HasAt(offset, n()) ? "yes " : "no ";
+    };
+    std::string text;
+    for (std::string op; words >> op;) {
+        const bool trying = op == "try";
+        if (trying) words >> op;
+        try {
+            text += step(op);
+        } catch (const DataFormatException&) {
+            if (!trying) throw;
+            text += "refused ";
+        }
+    }
+    return text + "@" + Number(cursor.Position());
+}
+
 std::string Certificate(::Certificate* certificate) {
     const PgpCertificate* c = dynamic_cast<PgpCertificate*>(certificate);
     const PgpSignatureData* s = c ? c->GetMessage()->GetSignatureData() : nullptr;
@@ -129,6 +172,7 @@ const Operations kOperations = {
     {"crc24", [](const Args& a) { return std::to_string(Radix64::Crc24(Raw(a[0]).data(), Unhex(a[0]).size())); }},
     {"packets", [](const Args& a) { return Summary(Text(Unhex(a[0]))); }},
     {"packets-text", [](const Args& a) { return Summary(a[0]); }},
+    {"cursor", Cursor},
     {"armor", [](const Args& a) {
          const std::vector<char> text = Exact(a[0]);
          char* body = nullptr;
