@@ -21,9 +21,7 @@ MPI::MPI(const char* data, unsigned long long bufferLength, unsigned long long a
     Read(data, bufferLength);
 }
 
-MPI::~MPI() {
-    delete[] value_;
-}
+MPI::~MPI() {}
 
 void MPI::Read(const char* data, unsigned long long bufferLength) {
     bits_ = (uint64_t{static_cast<unsigned char>(data[0])} << 8) | static_cast<unsigned char>(data[1]);
@@ -31,6 +29,6 @@ void MPI::Read(const char* data, unsigned long long bufferLength) {
     if (bytes_ > bufferLength) {
         throw DataFormatException("Size of the multi-precision integers is greater than the buffer length");
     }
-    value_ = new unsigned char[bytes_ ? bytes_ : 1];
-    std::memcpy(value_, data + 2, bytes_);
+    value_ = std::make_unique<unsigned char[]>(bytes_ ? bytes_ : 1);
+    std::memcpy(value_.get(), data + 2, bytes_);
 }

@@ -64,8 +64,7 @@ void RpmSignature::ParseEntries() {
             // A later tag-268 entry replaces the earlier signature, which nothing refers to yet.
             std::unique_ptr<PgpMessage> message;
             std::unique_ptr<PgpSignature> signature(ParsePgpSignature(entry, message));
-            delete headerSignature_;
-            headerSignature_ = signature.release();
+            headerSignature_ = std::move(signature);
             headerMessage_ = std::move(message);
         } else if (entry.tag == htonl(TagSha1)) {
             const unsigned char* start = reinterpret_cast<unsigned char*>(entries_ + entryCount_) + entry.offset;
@@ -79,8 +78,7 @@ void RpmSignature::ParseEntries() {
             std::unique_ptr<PgpMessage> message;
             std::unique_ptr<PgpSignature> signature(ParsePgpSignature(entry, message));
             packageMessages_.reserve(packageMessages_.size() + 1);
-            packageSignatures_.push_back(signature.get());
-            signature.release();
+            packageSignatures_.push_back(std::move(signature));
             packageMessages_.push_back(std::move(message));
         } else if (entry.tag == htonl(TagMd5)) {
             md5_ = ValueOf(entry, kMd5Length);
@@ -106,7 +104,8 @@ unsigned char* RpmSignature::ValueOf(const SignatureEntry& entry, uint64_t lengt
     return store + entry.offset;
 }
 
-PgpSignature* RpmSignature::ParsePgpSignature(const SignatureEntry& entry, std::unique_ptr<PgpMessage>& message) {
+std::unique_ptr<PgpSignature> RpmSignature::ParsePgpSignature(const SignatureEntry& entry,
+                                                              std::unique_ptr<PgpMessage>& message) {
     const unsigned char* value = ValueOf(entry, entry.count);
     message = std::make_unique<PgpMessage>(reinterpret_cast<const char*>(value), entry.count);
     PgpSignatureData* data = message->GetSignatureData();
@@ -123,15 +122,11 @@ PgpSignature* RpmSignature::ParsePgpSignature(const SignatureEntry& entry, std::
         throw DataFormatException(EntryName(ntohl(entry.tag)) + ": a version 3 signature of type " +
                                   std::to_string(data->GetHashedData()[0]) + " does not sign a document");
     }
-    return new PgpSignature(data);
+    return std::make_unique<PgpSignature>(data);
 }
 
 void RpmSignature::CleanUpPgpSignatures() {
-    delete headerSignature_;
-    headerSignature_ = nullptr;
-    for (PgpSignature* signature : packageSignatures_) {
-        delete signature;
-    }
+    headerSignature_.reset();
     packageSignatures_.clear();
     headerMessage_.reset();
     packageMessages_.clear();
@@ -162,7 +157,7 @@ void RpmSignature::UpdateDigests() {
         PgpSignature* signature;
         int hash, extra;
     };
-    for (const Slots& slots : {Slots{headerSignature_, 1, 2}, Slots{packageSignatures_.front(), 4, 5}}) {
+    for (const Slots& slots : {Slots{headerSignature_.get(), 1, 2}, Slots{packageSignatures_.front().get(), 4, 5}}) {
         const int stale = GetDigest(slots.extra) != nullptr ? slots.extra : slots.hash;
         delete GetDigest(stale);
         SetDigest(stale, nullptr);
@@ -317,7 +312,7 @@ int RpmSignature::Evaluate(std::string& message, std::vector<RpmCheck>* checks) 
         record({RpmCheck::HeaderSignature, RpmCheck::NotFound, "Header signature", "", ""});
         if (!fail(ResultNotSigned, nullptr)) return verdict;
     } else {
-        const int result = checkSignature(RpmCheck::HeaderSignature, headerSignature_, GetDigest(1));
+        const int result = checkSignature(RpmCheck::HeaderSignature, headerSignature_.get(), GetDigest(1));
         if (result != ResultSigned && !fail(result, nullptr)) return verdict;
     }
 
@@ -328,8 +323,9 @@ int RpmSignature::Evaluate(std::string& message, std::vector<RpmCheck>* checks) 
     }
     // Every signature is checked; any one valid signature makes the package valid.
     bool anyValid = false;
-    for (PgpSignature* signature : packageSignatures_) {
-        anyValid = checkSignature(RpmCheck::PackageSignature, signature, GetDigest(4)) == ResultSigned || anyValid;
+    for (const std::unique_ptr<PgpSignature>& signature : packageSignatures_) {
+        anyValid =
+            checkSignature(RpmCheck::PackageSignature, signature.get(), GetDigest(4)) == ResultSigned || anyValid;
     }
     if (!anyValid && !decided) {
         message = "PGP signature is not valid: " + message;
