@@ -63,6 +63,13 @@ soapWrap::Binary* DecodeToBinary(RawCodec decode, const std::string& text) {
 
 }  // namespace
 
+void DecodedBinaryRelease::operator()(soapWrap::Binary* binary) const {
+    if (binary != nullptr) {
+        delete[] reinterpret_cast<char*>(binary->data);  // made as the char array of a raw Decode
+        delete binary;
+    }
+}
+
 char* Base64::Encode(const char* data, unsigned int length, unsigned int& outLength) {
     char* text = new char[EncodedCapacity(length)];
     outLength = EncodeInto(reinterpret_cast<const unsigned char*>(data), length, text);
@@ -73,7 +80,7 @@ char* Base64::Decode(const char* text, unsigned int length, unsigned int& outLen
     outLength = 0;
     // The output array doubles as the buffer of symbols: each group of four is turned into three
     // bytes in place, never ahead of the symbols still to be read.
-    std::unique_ptr<char[]> out(new char[length]);
+    std::unique_ptr<char[]> out = std::make_unique<char[]>(length);
     unsigned char* symbols = reinterpret_cast<unsigned char*>(out.get());
     unsigned int count = 0;
     unsigned int padding = 0;

@@ -2,8 +2,10 @@
 // Base64 (the standard alphabet, "=" padding) and Radix-64, OpenPGP's armor encoding: Base64 text
 // followed by "=" and the four Base64 characters of a CRC-24 over the data.
 //
-// The raw operations return new[]-allocated arrays that the caller releases with delete[]; their
-// length comes back in outLength and they are not NUL-terminated.
+// The raw operations return new[]-allocated arrays that the caller owns and releases with delete[]
+// (a std::unique_ptr<char[]>); their length comes back in outLength and they are not NUL-terminated.
+// The Binary operations return a new Binary with such an array as its data: DecodedBinaryRelease
+// releases both.
 //
 // Decoding is lenient in one way and strict in others: "=" counts as padding and as a zero symbol
 // wherever it stands; line feeds and carriage returns are skipped anywhere; any other character
@@ -21,6 +23,11 @@ public:
     static std::string Encode(const soapWrap::Binary* data);
     // A new Binary (and data array) owned by the caller.
     static soapWrap::Binary* Decode(const std::string& text);
+};
+
+// Releases a Binary that Base64::Decode or Radix64::Decode handed over: its data array, then itself.
+struct DecodedBinaryRelease {
+    void operator()(soapWrap::Binary* binary) const;
 };
 
 class Radix64 {

@@ -39,7 +39,7 @@ Certificate* CertificateManager::LoadCertificateFromFile(const std::string& path
         FileHelper file(path);
         size = FileHelper::GetSize(file.GetPath());
         // A file that shrank since its size was taken leaves zeros, never stale memory.
-        buffer.reset(new char[size ? size : 1]());
+        buffer = std::make_unique<char[]>(size ? size : 1);
         if (size > 0) {
             file.Read(buffer.get(), 0, size);
         }
@@ -53,7 +53,7 @@ Certificate* CertificateManager::CreateCertificate(const char* data, unsigned in
         throw NotImplementedException("Not implemented certificate format");
     }
     std::unique_ptr<Certificate>& slot = certificates_[format];
-    slot = std::make_unique<PgpCertificate>(new PgpMessage(data, length));
+    slot = std::make_unique<PgpCertificate>(std::make_unique<PgpMessage>(data, length));
     return slot.get();
 }
 

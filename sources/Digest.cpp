@@ -4,6 +4,8 @@
 
 #include <cstring>
 #include <memory>
+#include <utility>
+#include <vector>
 
 #include "Exceptions.h"
 
@@ -50,30 +52,34 @@ const Entry& Lookup(soapWrap::HashAlgorithm type) {
 
 }  // namespace
 
-Digest::Digest(soapWrap::HashAlgorithm type) : DigestBase(type), md_(GetMd(type)), ctx_(nullptr) {
+// The base's catalogue look-ups: the catalogue lives here, with the digests it describes.
+std::string DigestBase::GetTypeName() const {
+    return Digest::GetTypeName(type_);
+}
+
+const char* DigestBase::GetAlgorithmIdentifier() const {
+    return Digest::GetAlgorithmIdentifier(type_);
+}
+
+Digest::Digest(soapWrap::HashAlgorithm type) : DigestBase(type), md_(GetMd(type)) {
     const std::string name = GetTypeName();
     if (md_ == nullptr) {
         throw DigestException("Cannot create " + name + " digest type");
     }
-    ctx_ = EVP_MD_CTX_new();
+    ctx_.reset(EVP_MD_CTX_new());
     if (ctx_ == nullptr) {
         throw DigestException("Cannot create " + name + " digest context");
     }
-    if (EVP_DigestInit_ex(ctx_, md_, nullptr) != 1) {
-        EVP_MD_CTX_free(ctx_);
-        ctx_ = nullptr;
+    if (EVP_DigestInit_ex(ctx_.get(), md_, nullptr) != 1) {
         throw DigestException("Cannot initialize " + name + " digest context");
     }
 }
 
-Digest::~Digest() {
-    EVP_MD_CTX_free(ctx_);
-    ctx_ = nullptr;
-}
+Digest::~Digest() = default;
 
 DigestBase* Digest::Copy() const {
-    std::unique_ptr<Digest> copy(new Digest(type_));
-    if (EVP_MD_CTX_copy_ex(copy->ctx_, ctx_) != 1) {
+    std::unique_ptr<Digest> copy = std::make_unique<Digest>(type_);
+    if (EVP_MD_CTX_copy_ex(copy->ctx_.get(), ctx_.get()) != 1) {
         throw DigestException("Cannot copy " + GetTypeName() + " digest state");
     }
     return copy.release();
@@ -83,7 +89,7 @@ int Digest::Update(const void* data, unsigned int length) {
     if (ctx_ == nullptr) {
         throw DigestException("Wrong digest context");
     }
-    if (EVP_DigestUpdate(ctx_, data, length) != 1) {
+    if (EVP_DigestUpdate(ctx_.get(), data, length) != 1) {
         throw DigestException("Error while " + GetTypeName() + " digest update");
     }
     return 1;
@@ -98,7 +104,7 @@ unsigned int Digest::GetValue(unsigned char* out) {
         throw DigestException("Using digest within not initialized context");
     }
     unsigned int written = 0;
-    if (EVP_DigestFinal_ex(ctx_, out, &written) != 1) {
+    if (EVP_DigestFinal_ex(ctx_.get(), out, &written) != 1) {
         throw DigestException("Cannot get value of " + GetTypeName() + " digest");
     }
     if (written != GetLength()) {
@@ -109,16 +115,16 @@ unsigned int Digest::GetValue(unsigned char* out) {
 }
 
 unsigned char* Digest::GetValue() {
-    if (value_ == nullptr) {
-        std::unique_ptr<unsigned char[]> buffer(new unsigned char[GetLength()]);
-        GetValue(buffer.get());
-        value_ = buffer.release();
+    if (value_.empty()) {
+        std::vector<unsigned char> value(GetLength());
+        GetValue(value.data());
+        value_ = std::move(value);
     }
-    return value_;
+    return value_.data();
 }
 
 void Digest::Reinitialize() {
-    if (EVP_DigestInit_ex(ctx_, md_, nullptr) != 1) {
+    if (EVP_DigestInit_ex(ctx_.get(), md_, nullptr) != 1) {
         throw DigestException("Cannot initialize " + GetTypeName() + " digest context");
     }
 }

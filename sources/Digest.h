@@ -7,6 +7,7 @@
 #include <string>
 
 #include "DigestBase.h"
+#include "OpenSslHandles.h"
 #include "soapWrap.h"
 
 // DER content octets of the digest algorithms' object identifiers (no tag, no length byte).
@@ -48,5 +49,5 @@ public:
 
 private:
     const EVP_MD* md_;
-    EVP_MD_CTX* ctx_;
+    EvpMdCtxHandle ctx_;
 };

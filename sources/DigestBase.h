@@ -2,6 +2,7 @@
 // The abstract running hash: feed bytes, then take the value once.
 
 #include <string>
+#include <vector>
 
 #include "soapWrap.h"
 
@@ -24,10 +25,12 @@ public:
     virtual unsigned char* GetValue() = 0;
 
     soapWrap::HashAlgorithm GetType() const { return type_; }
+    // The type's entries in the hash catalogue (Digest::GetTypeName, Digest::GetAlgorithmIdentifier);
+    // defined with the catalogue, in Digest.cpp.
     std::string GetTypeName() const;
     const char* GetAlgorithmIdentifier() const;
 
 protected:
     soapWrap::HashAlgorithm type_;
-    unsigned char* value_;  // cached result of GetValue(), new[]-allocated
+    std::vector<unsigned char> value_;  // cached result of GetValue(); empty until it is computed
 };

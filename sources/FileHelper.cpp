@@ -98,6 +98,13 @@ FileHelper::~FileHelper() noexcept(false) {
     }
 }
 
+void FileHelperRelease::operator()(FileHelper* file) const {
+    try {
+        delete file;
+    } catch (...) {
+    }
+}
+
 void FileHelper::Close() {
     if (descriptor_ != -1) {
         if (close(descriptor_) == -1) {
@@ -410,7 +417,7 @@ void FileHelper::ReadXAttr(const std::string& name, char*& value, long long& siz
         }
         throw FileIoException(detail + SystemError());
     }
-    std::unique_ptr<char[]> buffer(new char[static_cast<size_t>(length) + 1]());
+    std::unique_ptr<char[]> buffer = std::make_unique<char[]>(static_cast<size_t>(length) + 1);
     const ssize_t read = getxattr(path_.c_str(), name.c_str(), buffer.get(), static_cast<size_t>(length));
     if (read < 0) {
         throw FileIoException(detail + SystemError());

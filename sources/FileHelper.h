@@ -138,3 +138,10 @@ private:
     bool readOnly_;
     bool folder_;
 };
+
+// Deletes a FileHelper that a smart pointer owns. A deleter must not throw: when the file cannot be
+// closed, the object is freed all the same and the failure is dropped (closing a file opened for
+// reading does not fail in practice).
+struct FileHelperRelease {
+    void operator()(FileHelper* file) const;
+};

@@ -25,9 +25,7 @@ MPI::MPI(ByteCursor& data, unsigned long long bufferLength) : bits_(0), bytes_(0
     ReadFrom(data, bufferLength);
 }
 
-MPI::~MPI() {
-    delete[] value_;
-}
+MPI::~MPI() {}
 
 void MPI::Read(const char* data, unsigned long long bufferLength) {
     bits_ = (uint64_t{static_cast<unsigned char>(data[0])} << 8) | static_cast<unsigned char>(data[1]);
@@ -35,8 +33,8 @@ void MPI::Read(const char* data, unsigned long long bufferLength) {
     if (bytes_ > bufferLength) {
         throw DataFormatException("Size of the multi-precision integers is greater than the buffer length");
     }
-    value_ = new unsigned char[bytes_ ? bytes_ : 1];
-    std::memcpy(value_, data + 2, bytes_);
+    value_ = std::make_unique<unsigned char[]>(bytes_ ? bytes_ : 1);
+    std::memcpy(value_.get(), data + 2, bytes_);
 }
 
 // The caller's bound is judged first, with its own message (Read); an integer within it must also

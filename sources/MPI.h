@@ -3,6 +3,7 @@
 // of big-endian magnitude (RFC 4880, 3.2).
 
 #include <cstdint>
+#include <memory>
 
 #include "Base.h"
 
@@ -23,7 +24,7 @@ public:
     MPI(const MPI&) = delete;
     MPI& operator=(const MPI&) = delete;
 
-    const unsigned char* GetValue() const { return value_; }
+    const unsigned char* GetValue() const { return value_.get(); }
     uint64_t GetLengthInBits() const { return bits_; }
     uint64_t GetLengthInBytes() const { return bytes_; }
 
@@ -33,5 +34,5 @@ private:
 
     uint64_t bits_;
     uint64_t bytes_;
-    unsigned char* value_;
+    std::unique_ptr<unsigned char[]> value_;  // bytes_ octets, at least one allocated
 };

@@ -242,12 +242,12 @@ PgpSignatureData::PgpSignatureData(PgpSignatureVersion version, const char* issu
     const uint32_t now = static_cast<uint32_t>(time(nullptr));
     if (version == PgpSignatureVersion3) {
         hashedLength_ = 5;
-        hashed_.reset(new unsigned char[5]);
+        hashed_ = std::make_unique<unsigned char[]>(5);
         hashed_[0] = 0x00;  // always a binary-document type, whatever type says
         WriteUInt32(hashed_.get() + 1, now);
     } else if (version == PgpSignatureVersion4) {
         hashedLength_ = 6;
-        hashed_.reset(new unsigned char[6]);
+        hashed_ = std::make_unique<unsigned char[]>(6);
         hashed_[0] = 0x05;  // a signature creation time subpacket
         hashed_[1] = 0x02;
         WriteUInt32(hashed_.get() + 2, now);

@@ -18,6 +18,8 @@ public:
     // 1 when the signature is good; 2 with the reason appended to message when it is not. A value
     // that RSA refuses leaves by std::logic_error "basic_string::_S_construct NULL not valid".
     int Verify(std::string& message) const override;
+    // Writes a signature packet around the RSA value in `in` to out. When out->data is null, it goes
+    // into a new[] array of GetSize() bytes that the caller owns (a std::unique_ptr<unsigned char[]>).
     int Sign(soapWrap::Binary* out, const soapWrap::Binary* in, std::string& message) override;
     soapWrap::HashAlgorithm GetHashAlgorithm() override;
     virtual unsigned int GetSignedSize();

@@ -138,8 +138,7 @@ void RpmSignature::KeepHeaderSignature(const SignatureEntry& entry, const ByteCu
     // A later tag-268 entry replaces the earlier signature, which nothing refers to yet.
     std::unique_ptr<PgpMessage> message;
     std::unique_ptr<PgpSignature> signature(ParsePgpSignature(entry, value, message));
-    delete headerSignature_;
-    headerSignature_ = signature.release();
+    headerSignature_ = std::move(signature);
     headerMessage_ = std::move(message);
 }
 
@@ -151,8 +150,7 @@ void RpmSignature::KeepPackageSignature(const SignatureEntry& entry, const ByteC
     std::unique_ptr<PgpMessage> message;
     std::unique_ptr<PgpSignature> signature(ParsePgpSignature(entry, value, message));
     packageMessages_.reserve(packageMessages_.size() + 1);
-    packageSignatures_.push_back(signature.get());
-    signature.release();
+    packageSignatures_.push_back(std::move(signature));
     packageMessages_.push_back(std::move(message));
 }
 
@@ -160,8 +158,8 @@ void RpmSignature::KeepMd5(const SignatureEntry&, const ByteCursor& value) {
     md5_ = value.Here();
 }
 
-PgpSignature* RpmSignature::ParsePgpSignature(const SignatureEntry& entry, const ByteCursor& value,
-                                              std::unique_ptr<PgpMessage>& message) {
+std::unique_ptr<PgpSignature> RpmSignature::ParsePgpSignature(const SignatureEntry& entry, const ByteCursor& value,
+                                                              std::unique_ptr<PgpMessage>& message) {
     message = std::make_unique<PgpMessage>(reinterpret_cast<const char*>(value.Here()),
                                            static_cast<unsigned int>(value.Size()));
     PgpSignatureData* data = message->GetSignatureData();
@@ -178,15 +176,11 @@ PgpSignature* RpmSignature::ParsePgpSignature(const SignatureEntry& entry, const
         throw DataFormatException(EntryName(ntohl(entry.tag)) + ": a version 3 signature of type " +
                                   std::to_string(data->GetHashedData()[0]) + " does not sign a document");
     }
-    return new PgpSignature(data);
+    return std::make_unique<PgpSignature>(data);
 }
 
 void RpmSignature::CleanUpPgpSignatures() {
-    delete headerSignature_;
-    headerSignature_ = nullptr;
-    for (PgpSignature* signature : packageSignatures_) {
-        delete signature;
-    }
+    headerSignature_.reset();
     packageSignatures_.clear();
     headerMessage_.reset();
     packageMessages_.clear();
@@ -217,7 +211,7 @@ void RpmSignature::UpdateDigests() {
         PgpSignature* signature;
         int hash, extra;
     };
-    for (const Slots& slots : {Slots{headerSignature_, 1, 2}, Slots{packageSignatures_.front(), 4, 5}}) {
+    for (const Slots& slots : {Slots{headerSignature_.get(), 1, 2}, Slots{packageSignatures_.front().get(), 4, 5}}) {
         const int stale = GetDigest(slots.extra) != nullptr ? slots.extra : slots.hash;
         delete GetDigest(stale);
         SetDigest(stale, nullptr);
@@ -372,7 +366,7 @@ int RpmSignature::Evaluate(std::string& message, std::vector<RpmCheck>* checks) 
         record({RpmCheck::HeaderSignature, RpmCheck::NotFound, "Header signature", "", ""});
         if (!fail(ResultNotSigned, nullptr)) return verdict;
     } else {
-        const int result = checkSignature(RpmCheck::HeaderSignature, headerSignature_, GetDigest(1));
+        const int result = checkSignature(RpmCheck::HeaderSignature, headerSignature_.get(), GetDigest(1));
         if (result != ResultSigned && !fail(result, nullptr)) return verdict;
     }
 
@@ -383,8 +377,9 @@ int RpmSignature::Evaluate(std::string& message, std::vector<RpmCheck>* checks) 
     }
     // Every signature is checked; any one valid signature makes the package valid.
     bool anyValid = false;
-    for (PgpSignature* signature : packageSignatures_) {
-        anyValid = checkSignature(RpmCheck::PackageSignature, signature, GetDigest(4)) == ResultSigned || anyValid;
+    for (const std::unique_ptr<PgpSignature>& signature : packageSignatures_) {
+        anyValid =
+            checkSignature(RpmCheck::PackageSignature, signature.get(), GetDigest(4)) == ResultSigned || anyValid;
     }
     if (!anyValid && !decided) {
         message = "PGP signature is not valid: " + message;

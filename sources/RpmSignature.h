@@ -88,8 +88,8 @@ public:
 
     const char* GetSha1Value() const { return sha1_; }
     const unsigned char* GetMd5Value() const { return md5_; }
-    PgpSignature* GetHeaderSignature() const { return headerSignature_; }
-    const std::vector<PgpSignature*>& GetPackageSignatures() const { return packageSignatures_; }
+    PgpSignature* GetHeaderSignature() const { return headerSignature_.get(); }
+    const std::vector<std::unique_ptr<PgpSignature>>& GetPackageSignatures() const { return packageSignatures_; }
     uint32_t GetEntryCount() const { return entryCount_; }
     uint32_t GetDataSize() const { return dataSize_; }
 
@@ -121,8 +121,8 @@ private:
     void KeepPackageSignature(const SignatureEntry& entry, const ByteCursor& value);
     void KeepMd5(const SignatureEntry& entry, const ByteCursor& value);
     // The OpenPGP signature in entry's value, with the message that holds its packet.
-    PgpSignature* ParsePgpSignature(const SignatureEntry& entry, const ByteCursor& value,
-                                    std::unique_ptr<PgpMessage>& message);
+    std::unique_ptr<PgpSignature> ParsePgpSignature(const SignatureEntry& entry, const ByteCursor& value,
+                                                    std::unique_ptr<PgpMessage>& message);
 
     std::shared_ptr<char[]> share_;  // keeps a shared buffer alive; empty for a borrowed one
     SignatureEntry* entries_;        // not owned
@@ -132,8 +132,8 @@ private:
     unsigned long long payloadLength_;
     const char* sha1_;
     const unsigned char* md5_;
-    PgpSignature* headerSignature_;                  // owned
-    std::vector<PgpSignature*> packageSignatures_;  // owned
+    std::unique_ptr<PgpSignature> headerSignature_;
+    std::vector<std::unique_ptr<PgpSignature>> packageSignatures_;
     // The messages that hold the signature packets, one per signature above, in the same order.
     std::unique_ptr<PgpMessage> headerMessage_;
     std::vector<std::unique_ptr<PgpMessage>> packageMessages_;

@@ -183,9 +183,9 @@ void RpmSigner::DigestMainHeader(RpmSignature& signature, uint64_t headerOffset,
         throw InvalidFileStructureException("Header section: the header could not be read");
     }
     const bool extraSha1 = hash != soapWrap::Sha1;
-    std::unique_ptr<DigestBase> sha1(new Digest(soapWrap::Sha1));
-    std::unique_ptr<DigestBase> signed_(new Digest(hash));
-    std::unique_ptr<DigestBase> sha1Extra(extraSha1 ? new Digest(soapWrap::Sha1) : nullptr);
+    std::unique_ptr<DigestBase> sha1 = std::make_unique<Digest>(soapWrap::Sha1);
+    std::unique_ptr<DigestBase> signed_ = std::make_unique<Digest>(hash);
+    std::unique_ptr<DigestBase> sha1Extra = extraSha1 ? std::make_unique<Digest>(soapWrap::Sha1) : nullptr;
     for (DigestBase* digest : {sha1.get(), signed_.get(), sha1Extra.get()}) {
         if (digest != nullptr) digest->Update(buffer.data(), static_cast<unsigned int>(headerSize));
     }
@@ -200,12 +200,13 @@ void RpmSigner::DigestMainHeader(RpmSignature& signature, uint64_t headerOffset,
 void RpmSigner::DigestPackage(RpmSignature& signature, uint64_t headerOffset, uint64_t headerEnd,
                               soapWrap::HashAlgorithm hash, bool copyToOutput) const {
     FileHelper& input = Input();
-    std::unique_ptr<DigestBase> md5(new Digest(soapWrap::Md5));
-    std::unique_ptr<DigestBase> signed_(new Digest(hash));
-    std::unique_ptr<DigestBase> sha1Extra(hash != soapWrap::Sha1 ? new Digest(soapWrap::Sha1) : nullptr);
+    std::unique_ptr<DigestBase> md5 = std::make_unique<Digest>(soapWrap::Md5);
+    std::unique_ptr<DigestBase> signed_ = std::make_unique<Digest>(hash);
+    std::unique_ptr<DigestBase> sha1Extra =
+        hash != soapWrap::Sha1 ? std::make_unique<Digest>(soapWrap::Sha1) : nullptr;
     input.AdviseSequential(headerOffset);
     const uint32_t blockSize = input.GetBufferSize();
-    std::unique_ptr<char[]> block(new char[blockSize]);
+    std::unique_ptr<char[]> block = std::make_unique<char[]>(blockSize);
     unsigned long long position = headerOffset;
     int32_t count = 0;
     do {

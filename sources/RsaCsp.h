@@ -7,6 +7,7 @@
 
 #include <memory>
 
+#include "OpenSslHandles.h"
 #include "soapWrap.h"
 
 // A crypto service provider: something that checks a signature over a digest.
@@ -43,10 +44,11 @@ public:
     // The text of the last failed Verify_PSS, or null; valid until the next failure replaces it.
     const char* GetLastErrorMessage() const { return errorMessage_.get(); }
 
-    // OpenSSL's error queue of this thread as a new text (delete[]); reading it empties the queue.
+    // OpenSSL's error queue of this thread as a new text, which the caller owns and releases with
+    // delete[] (a std::unique_ptr<char[]>); reading it empties the queue.
     static char* GetErrorMessage();
 
 private:
-    RSA* rsa_;
+    RsaHandle rsa_;
     std::unique_ptr<char[]> errorMessage_;
 };

@@ -3,30 +3,19 @@
 #include "Exceptions.h"
 
 Signer::Signer(int32_t settingA, uint32_t creationArgument, bool settingB)
-    : inputFile_(nullptr),
-      outputFile_(nullptr),
-      settingA_(settingA),
-      creationArgument_(creationArgument),
-      settingB_(settingB) {}
+    : settingA_(settingA), creationArgument_(creationArgument), settingB_(settingB) {}
 
 Signer::~Signer() {
-    // A destructor must not throw: a file that cannot be removed or closed is left as it is.
+    // A destructor must not throw: a file that cannot be removed is left on disk, and a file object
+    // that cannot close its file is freed all the same (FileHelperRelease).
     try {
         if (outputFile_ != nullptr) {
             outputFile_->Remove();
         }
     } catch (...) {
     }
-    try {
-        delete outputFile_;
-    } catch (...) {
-    }
-    outputFile_ = nullptr;
-    try {
-        delete inputFile_;
-    } catch (...) {
-    }
-    inputFile_ = nullptr;
+    outputFile_.reset();
+    inputFile_.reset();
 }
 
 ContentInfo* Signer::BuildContentInfo(soapWrap::HashAlgorithm, bool) {

@@ -3,6 +3,7 @@
 // the Signer that processes files of that format. Only verification is implemented; the operations
 // that would build signing structures report "Not implemented".
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "Base.h"
@@ -29,19 +30,26 @@ public:
     virtual DigestBase* GetDigest();
     virtual int GetFileType();
 
-    // The signer owns the files it is given; passing null gives up the reference without deleting.
-    void SetInputFile(FileHelper* file) { inputFile_ = file; }
-    void SetOutputFile(FileHelper* file) { outputFile_ = file; }
-    FileHelper* GetInputFile() const { return inputFile_; }
-    FileHelper* GetOutputFile() const { return outputFile_; }
+    // The signer owns the files it is given. Setting a file lets go of the one set before without
+    // deleting it: passing null gives up the reference without deleting.
+    void SetInputFile(FileHelper* file) {
+        inputFile_.release();
+        inputFile_.reset(file);
+    }
+    void SetOutputFile(FileHelper* file) {
+        outputFile_.release();
+        outputFile_.reset(file);
+    }
+    FileHelper* GetInputFile() const { return inputFile_.get(); }
+    FileHelper* GetOutputFile() const { return outputFile_.get(); }
 
     int32_t GetSettingA() const { return settingA_; }
     uint32_t GetCreationArgument() const { return creationArgument_; }
     bool GetSettingB() const { return settingB_; }
 
 protected:
-    FileHelper* inputFile_;
-    FileHelper* outputFile_;
+    std::unique_ptr<FileHelper, FileHelperRelease> inputFile_;
+    std::unique_ptr<FileHelper, FileHelperRelease> outputFile_;
 
 private:
     int32_t settingA_;

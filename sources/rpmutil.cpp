@@ -46,29 +46,10 @@ RpmVerifyResult ResultOf(int processingResult, const std::string& file) {
     }
 }
 
-// Closing a file opened for reading does not fail in practice; if it does, the object is released
-// all the same and the verdict stands.
-struct FileRelease {
-    void operator()(FileHelper* file) const {
-        try {
-            delete file;
-        } catch (...) {
-        }
-    }
-};
-
-// Releases the signer without touching the file object, which its caller owns.
-struct SignerRelease {
-    void operator()(Signer* signer) const {
-        signer->SetInputFile(nullptr);
-        delete signer;
-    }
-};
-
 // Verifies file with key; with recordChecks every check is made and kept in report (the verdict
 // stays the first failure's), without it the verification stops at the first failure.
 RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmReport& report, bool recordChecks) {
-    std::unique_ptr<FileHelper, FileRelease> package;
+    std::unique_ptr<FileHelper, FileHelperRelease> package;
     try {
         CertificateManager::Instance()->SetPgpPublicKeyFilePath(key);
         report.stage = RpmStage::Unreadable;
@@ -77,7 +58,7 @@ RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmRepor
         return response(RPM_STATUS_ERROR, e.what());
     }
 
-    std::unique_ptr<RpmSigner, SignerRelease> signer;
+    std::unique_ptr<RpmSigner> signer;
     {
         RpmSignerCreator creator;
         if (!creator.IsMe(package.get())) {
@@ -87,7 +68,7 @@ RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmRepor
         signer.reset(static_cast<RpmSigner*>(creator.GetSigner(0)));
     }
     report.stage = RpmStage::Failed;
-    signer->SetInputFile(package.get());
+    signer->SetInputFile(package.release());  // the signer owns the package file from here on
     signer->SetCheckRecord(recordChecks ? &report.checks : nullptr);
     int result = ResultInternalError;
     try {
@@ -96,7 +77,6 @@ RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmRepor
         return response(RPM_STATUS_ERROR, "Could not verify " + file + " with key " + key + " - " + e.what());
     }
     signer.reset();
-    package.reset();
     if (result != ResultInternalError) report.stage = RpmStage::Checked;
     report.result = result;
     return ResultOf(result, file);
@@ -457,7 +437,7 @@ std::string _signing_get_command(const std::string& url, const std::string& outp
             if (!IsSafeDownload(url, outputFile)) {
                 return "";
             }
-            std::unique_ptr<char[]> command(new char[kCommandBufferSize]());
+            std::unique_ptr<char[]> command = std::make_unique<char[]>(kCommandBufferSize);
             std::snprintf(command.get(), kCommandBufferSize, kTemplates[tool], kTimeoutSeconds, kTries, url.c_str(),
                           outputFile.c_str());
             return command.get();

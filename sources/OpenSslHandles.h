@@ -1,0 +1,25 @@
+#pragma once
+// Owners of the OpenSSL objects the module makes: std::unique_ptr with a deleter that hands each
+// object back to the OpenSSL function that frees it. An empty owner frees nothing.
+
+#include <openssl/types.h>
+
+#include <memory>
+
+struct EvpMdCtxFree {
+    void operator()(EVP_MD_CTX* context) const;
+};
+struct RsaFree {
+    void operator()(RSA* rsa) const;
+};
+struct BioFree {
+    void operator()(BIO* bio) const;
+};
+struct BignumFree {
+    void operator()(BIGNUM* number) const;
+};
+
+typedef std::unique_ptr<EVP_MD_CTX, EvpMdCtxFree> EvpMdCtxHandle;
+typedef std::unique_ptr<RSA, RsaFree> RsaHandle;
+typedef std::unique_ptr<BIO, BioFree> BioHandle;
+typedef std::unique_ptr<BIGNUM, BignumFree> BignumHandle;
