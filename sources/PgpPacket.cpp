@@ -93,9 +93,9 @@ PgpPublicKey::PgpPublicKey(const char* packet, unsigned int remaining) {
     // the value octets of the integer before it, as the format's readers always did: up to a header
     // and a few octets more than the packet holds. The cursor bounds the integers by the bytes there.
     uint64_t bound = uint64_t{remaining} - 5;
-    modulus_.reset(new MPI(body, bound));
+    modulus_ = std::make_unique<MPI>(body, bound);
     bound -= modulus_->GetLengthInBytes();
-    exponent_.reset(new MPI(body, bound));
+    exponent_ = std::make_unique<MPI>(body, bound);
 }
 
 PgpPublicKey::~PgpPublicKey() {
@@ -148,7 +148,7 @@ void PgpSignatureData::ParseVersion3(ByteCursor& body, unsigned int remaining) {
     // issuer, the two algorithms and the left 16 bits.
     body.Need(l + sizeof issuer_ + 2 + sizeof left16_);
     hashedLength_ = static_cast<uint16_t>(l);
-    hashed_.reset(new unsigned char[l ? l : 1]);
+    hashed_ = std::make_unique<unsigned char[]>(l ? l : 1);
     body.Read(hashed_.get(), l);
     body.Read(issuer_, sizeof issuer_);
     const uint8_t algorithm = body.ReadUInt8();
@@ -183,7 +183,7 @@ void PgpSignatureData::ReadHashedFields(ByteCursor& body) {
     hashAlgorithm_ = body.ReadUInt8();
     const uint16_t h = body.ReadUInt16();
     hashedLength_ = h;
-    hashed_.reset(new unsigned char[h ? h : 1]);
+    hashed_ = std::make_unique<unsigned char[]>(h ? h : 1);
     body.Read(hashed_.get(), h);
 }
 
@@ -224,7 +224,7 @@ void PgpSignatureData::ReadIssuer(ByteCursor& body, uint16_t unhashedLength) {
 void PgpSignatureData::ReadValue(ByteCursor& body, uint16_t bound) {
     body.Read(left16_, sizeof left16_);
     signatureSize_ = bound;
-    signature_.reset(new MPI(body, signatureSize_));
+    signature_ = std::make_unique<MPI>(body, signatureSize_);
 }
 
 PgpSignatureData::PgpSignatureData(PgpSignatureVersion version, const char* issuerId, unsigned short keyBits,
