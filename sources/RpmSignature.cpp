@@ -281,111 +281,137 @@ RpmCheck SignatureCheck(RpmCheck::Kind kind, const PgpSignature& signature) {
 
 }  // namespace
 
+// The running verdict of an evaluation. The first failure decides the verdict and its message; with a
+// record of checks the evaluation goes on after it and keeps every check.
+class RpmSignature::Evaluation {
+public:
+    Evaluation(std::string& message, std::vector<RpmCheck>* checks) : message_(message), checks_(checks) {}
+
+    // Takes result as the verdict unless one was taken (text, when given, as its message); says
+    // whether the evaluation goes on.
+    bool Fail(int result, const char* text) {
+        if (!decided_) {
+            verdict_ = result;
+            if (text != nullptr) message_ = text;
+            decided_ = true;
+        }
+        return checks_ != nullptr;
+    }
+    void Record(RpmCheck check) {
+        if (checks_ != nullptr) checks_->push_back(std::move(check));
+    }
+    bool Decided() const { return decided_; }
+    int Verdict() const { return verdict_; }
+    // Where a signature check writes its text: the verdict's message while the verdict is open.
+    std::string& Text() { return decided_ ? scratch_ : message_; }
+
+private:
+    std::string& message_;
+    std::vector<RpmCheck>* checks_;
+    std::string scratch_;
+    int verdict_ = ResultSigned;
+    bool decided_ = false;
+};
+
 int RpmSignature::Verify(std::string& message) const {
     return Evaluate(message, nullptr);
 }
 
 // The checks in their order: the SHA-1 of the main header, the payload and the MD5 of header and
 // payload, the header signature, the header-and-payload signatures. The first that fails decides
-// the verdict and its message. Without a report the evaluation ends there; with one every check is
+// the verdict and its message. Without a record the evaluation ends there; with one every check is
 // made and recorded, and a later check neither changes the verdict nor its message.
 int RpmSignature::Evaluate(std::string& message, std::vector<RpmCheck>* checks) const {
-    DigestBase* headerSha1 = GetDigest(0);
-    DigestBase* packageMd5 = GetDigest(3);
-    if (headerSha1 == nullptr || packageMd5 == nullptr) {
+    if (GetDigest(0) == nullptr || GetDigest(3) == nullptr) {
         throw NotDefinedException("The package digests have not been computed.");
     }
-    int verdict = ResultSigned;
-    bool decided = false;
-    // Takes the first failure as the verdict (text, when given, as its message); says whether the
-    // evaluation goes on.
-    auto fail = [&](int result, const char* text) {
-        if (!decided) {
-            verdict = result;
-            if (text != nullptr) message = text;
-            decided = true;
-        }
-        return checks != nullptr;
-    };
-    auto record = [&](RpmCheck check) {
-        if (checks != nullptr) checks->push_back(std::move(check));
-    };
+    Evaluation evaluation(message, checks);
+    if (CheckHeaderDigest(evaluation) && CheckPackageDigest(evaluation) && CheckHeaderSignature(evaluation)) {
+        CheckPackageSignatures(evaluation);
+    }
+    return evaluation.Verdict();
+}
 
+bool RpmSignature::CheckHeaderDigest(Evaluation& evaluation) const {
     // The SHA-1 of the main header, as lower-case hexadecimal text. A copy is finished so that the
     // digest itself stays open.
-    std::unique_ptr<DigestBase> copy(headerSha1->Copy());
+    std::unique_ptr<DigestBase> copy(GetDigest(0)->Copy());
     const std::string sha1 = HexOf(copy->GetValue(), copy->GetLength());
-    copy.reset();
-    const bool sha1Good = sha1_ != nullptr && sha1 == sha1_;
-    record({RpmCheck::HeaderSha1, sha1Good ? RpmCheck::Ok : sha1_ == nullptr ? RpmCheck::NotFound : RpmCheck::Bad,
-            "Header SHA1 digest", sha1Good || sha1_ == nullptr ? "" : Mismatch(sha1_, sha1), ""});
-    if (!sha1Good && !fail(ResultInvalidHash, "Invalid value of SHA1 header hash")) {
-        return verdict;
-    }
+    const bool good = sha1_ != nullptr && sha1 == sha1_;
+    evaluation.Record({RpmCheck::HeaderSha1, good ? RpmCheck::Ok : sha1_ == nullptr ? RpmCheck::NotFound : RpmCheck::Bad,
+                       "Header SHA1 digest", good || sha1_ == nullptr ? "" : Mismatch(sha1_, sha1), ""});
+    return good || evaluation.Fail(ResultInvalidHash, "Invalid value of SHA1 header hash");
+}
 
+bool RpmSignature::CheckPackageDigest(Evaluation& evaluation) const {
     // With nothing after the main header, the digest of header and payload is the digest of the
     // header alone, and a signature over the header would pass for one over the whole package.
     // A package always carries a payload.
-    if (payloadLength_ == 0 && !fail(ResultInvalidHash, "The package has no payload")) {
-        return verdict;
+    if (payloadLength_ == 0 && !evaluation.Fail(ResultInvalidHash, "The package has no payload")) {
+        return false;
     }
+    DigestBase* packageMd5 = GetDigest(3);
     const std::string md5 = HexOf(packageMd5->GetValue(), packageMd5->GetLength());
-    const bool md5Good = md5_ != nullptr && std::memcmp(packageMd5->GetValue(), md5_, packageMd5->GetLength()) == 0;
-    record({RpmCheck::Md5,
-            md5Good && payloadLength_ != 0 ? RpmCheck::Ok : md5_ == nullptr ? RpmCheck::NotFound : RpmCheck::Bad,
-            "MD5 digest",
-            payloadLength_ == 0 ? "The package has no payload"
-            : md5Good || md5_ == nullptr ? ""
-                                         : Mismatch(HexOf(md5_, packageMd5->GetLength()), md5),
-            ""});
-    if (!md5Good && !fail(ResultInvalidHash, "Invalid value of MD5 hash")) {
-        return verdict;
+    const bool good = md5_ != nullptr && std::memcmp(packageMd5->GetValue(), md5_, packageMd5->GetLength()) == 0;
+    std::string reason;
+    if (payloadLength_ == 0) {
+        reason = "The package has no payload";
+    } else if (!good && md5_ != nullptr) {
+        reason = Mismatch(HexOf(md5_, packageMd5->GetLength()), md5);
     }
+    evaluation.Record({RpmCheck::Md5,
+                       good && payloadLength_ != 0 ? RpmCheck::Ok : md5_ == nullptr ? RpmCheck::NotFound : RpmCheck::Bad,
+                       "MD5 digest", reason, ""});
+    return good || evaluation.Fail(ResultInvalidHash, "Invalid value of MD5 hash");
+}
 
-    // One signature check: while the verdict is open its text goes into message, as the verdict's.
-    // An exception ends the evaluation unless the verdict was already decided.
-    auto checkSignature = [&](RpmCheck::Kind kind, PgpSignature* signature, DigestBase* digest) -> int {
-        RpmCheck check = SignatureCheck(kind, *signature);
-        std::string scratch;
-        int result = ResultInternalError;
-        try {
-            VerifyPgpSignature(signature, digest, result, decided ? scratch : message, &check.reason);
-        } catch (const std::exception& e) {
-            check.state = RpmCheck::Bad;
-            check.reason = e.what();
-            record(std::move(check));
-            if (!decided) throw;
-            return ResultInternalError;
-        }
-        if (result != ResultSigned) check.state = RpmCheck::Bad;
-        record(std::move(check));
-        return result;
-    };
+// One signature check: while the verdict is open its text goes into the verdict's message. An
+// exception ends the evaluation unless the verdict was already decided.
+int RpmSignature::CheckSignature(Evaluation& evaluation, RpmCheck::Kind kind, PgpSignature* signature,
+                                 DigestBase* digest) const {
+    RpmCheck check = SignatureCheck(kind, *signature);
+    int result = ResultInternalError;
+    try {
+        VerifyPgpSignature(signature, digest, result, evaluation.Text(), &check.reason);
+    } catch (const std::exception& e) {
+        check.state = RpmCheck::Bad;
+        check.reason = e.what();
+        evaluation.Record(std::move(check));
+        if (!evaluation.Decided()) throw;
+        return ResultInternalError;
+    }
+    if (result != ResultSigned) check.state = RpmCheck::Bad;
+    evaluation.Record(std::move(check));
+    return result;
+}
 
+bool RpmSignature::CheckHeaderSignature(Evaluation& evaluation) const {
     if (headerSignature_ == nullptr) {
-        record({RpmCheck::HeaderSignature, RpmCheck::NotFound, "Header signature", "", ""});
-        if (!fail(ResultNotSigned, nullptr)) return verdict;
-    } else {
-        const int result = checkSignature(RpmCheck::HeaderSignature, headerSignature_.get(), GetDigest(1));
-        if (result != ResultSigned && !fail(result, nullptr)) return verdict;
+        evaluation.Record({RpmCheck::HeaderSignature, RpmCheck::NotFound, "Header signature", "", ""});
+        return evaluation.Fail(ResultNotSigned, nullptr);
     }
+    const int result = CheckSignature(evaluation, RpmCheck::HeaderSignature, headerSignature_.get(), GetDigest(1));
+    return result == ResultSigned || evaluation.Fail(result, nullptr);
+}
 
+void RpmSignature::CheckPackageSignatures(Evaluation& evaluation) const {
     if (packageSignatures_.empty()) {
-        record({RpmCheck::PackageSignature, RpmCheck::NotFound, "Header and payload signature", "", ""});
-        fail(ResultHeaderOnlySigned, "The package does not contain PGP signature over its header and payload.");
-        return verdict;
+        evaluation.Record({RpmCheck::PackageSignature, RpmCheck::NotFound, "Header and payload signature", "", ""});
+        evaluation.Fail(ResultHeaderOnlySigned,
+                        "The package does not contain PGP signature over its header and payload.");
+        return;
     }
     // Every signature is checked; any one valid signature makes the package valid.
     bool anyValid = false;
     for (const std::unique_ptr<PgpSignature>& signature : packageSignatures_) {
         anyValid =
-            checkSignature(RpmCheck::PackageSignature, signature.get(), GetDigest(4)) == ResultSigned || anyValid;
+            CheckSignature(evaluation, RpmCheck::PackageSignature, signature.get(), GetDigest(4)) == ResultSigned ||
+            anyValid;
     }
-    if (!anyValid && !decided) {
-        message = "PGP signature is not valid: " + message;
-        verdict = ResultInvalidSignature;
+    if (!anyValid && !evaluation.Decided()) {
+        evaluation.Text() = "PGP signature is not valid: " + evaluation.Text();
+        evaluation.Fail(ResultInvalidSignature, nullptr);
     }
-    return verdict;
 }
 
 unsigned int RpmSignature::BoundaryAlign(RpmDataType type, unsigned int& offset) {

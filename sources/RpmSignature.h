@@ -102,6 +102,12 @@ public:
     static void CreateStorage(RpmDataType type, unsigned char* dest, unsigned char* src, unsigned int& size);
 
 private:
+    class Evaluation;
+    bool CheckHeaderDigest(Evaluation& evaluation) const;
+    bool CheckPackageDigest(Evaluation& evaluation) const;
+    int CheckSignature(Evaluation& evaluation, RpmCheck::Kind kind, PgpSignature* signature, DigestBase* digest) const;
+    bool CheckHeaderSignature(Evaluation& evaluation) const;
+    void CheckPackageSignatures(Evaluation& evaluation) const;
     // The tags the index walk reads, how long their values are and where they are kept: one row
     // per tag (RpmSignature.cpp).
     enum class Extent;
