@@ -128,6 +128,40 @@ unsigned int PgpSignature::GetSize() const {
     }
 }
 
+// The body of a version 3 packet: version, hashed length 5, type and time, issuer, algorithms, the
+// left 16 bits, the value's bit count and the value (octets 3 to 23 of the packet, then the value).
+void PgpSignature::WriteVersion3Body(unsigned char* p, const unsigned char* left16, unsigned int keyBits,
+                                     const unsigned char* value) const {
+    p[0] = 3;
+    p[1] = 5;
+    std::memcpy(p + 2, data_->GetHashedData(), 5);
+    std::memcpy(p + 7, data_->GetIssuerId(), 8);
+    p[15] = data_->GetPublicKeyAlgorithm();
+    p[16] = data_->GetHashAlgorithm();
+    std::memcpy(p + 17, left16, 2);
+    PutUInt16(p + 19, keyBits);
+    std::memcpy(p + 21, value, keyBits / 8);
+}
+
+// The body of a version 4 packet: version, type, algorithms, the hashed area (at most 6 octets), an
+// unhashed area holding the issuer subpacket, the left 16 bits, the bit count and the value.
+void PgpSignature::WriteVersion4Body(unsigned char* p, const unsigned char* left16, unsigned int keyBits,
+                                     const unsigned char* value) const {
+    p[0] = 4;
+    p[1] = data_->GetSignatureType();
+    p[2] = data_->GetPublicKeyAlgorithm();
+    p[3] = data_->GetHashAlgorithm();
+    PutUInt16(p + 4, data_->GetHashedLength());
+    std::memcpy(p + 6, data_->GetHashedData(), std::min<unsigned int>(data_->GetHashedLength(), 6));
+    PutUInt16(p + 12, data_->GetUnhashedLength());
+    p[14] = 9;
+    p[15] = 16;
+    std::memcpy(p + 16, data_->GetIssuerId(), 8);
+    std::memcpy(p + 24, left16, 2);
+    PutUInt16(p + 26, keyBits);
+    std::memcpy(p + 28, value, keyBits / 8);
+}
+
 int PgpSignature::Sign(soapWrap::Binary* out, const soapWrap::Binary* in, std::string& /*message*/) {
     DigestBase* digest = GetDigest(0);
     if (digest == nullptr) {
@@ -155,29 +189,9 @@ int PgpSignature::Sign(soapWrap::Binary* out, const soapWrap::Binary* in, std::s
     p[0] = 0x89;  // old format, tag 2, two-octet length
     PutUInt16(p + 1, size - 3);
     if (version == 3) {
-        p[3] = 3;
-        p[4] = 5;
-        std::memcpy(p + 5, data_->GetHashedData(), 5);
-        std::memcpy(p + 10, data_->GetIssuerId(), 8);
-        p[18] = data_->GetPublicKeyAlgorithm();
-        p[19] = data_->GetHashAlgorithm();
-        std::memcpy(p + 20, left16, 2);
-        PutUInt16(p + 22, keyBits);
-        std::memcpy(p + 24, in->data, valueLength);
+        WriteVersion3Body(p + 3, left16, keyBits, in->data);
     } else {
-        p[3] = 4;
-        p[4] = data_->GetSignatureType();
-        p[5] = data_->GetPublicKeyAlgorithm();
-        p[6] = data_->GetHashAlgorithm();
-        PutUInt16(p + 7, data_->GetHashedLength());
-        std::memcpy(p + 9, data_->GetHashedData(), std::min<unsigned int>(data_->GetHashedLength(), 6));
-        PutUInt16(p + 15, data_->GetUnhashedLength());
-        p[17] = 9;
-        p[18] = 16;
-        std::memcpy(p + 19, data_->GetIssuerId(), 8);
-        std::memcpy(p + 27, left16, 2);
-        PutUInt16(p + 29, keyBits);
-        std::memcpy(p + 31, in->data, valueLength);
+        WriteVersion4Body(p + 3, left16, keyBits, in->data);
     }
     return 1;
 }

@@ -34,5 +34,11 @@ public:
     PgpSignatureData* GetSignatureData() const { return data_; }
 
 private:
+    // Write the packet body after its 3-octet header into p.
+    void WriteVersion3Body(unsigned char* p, const unsigned char* left16, unsigned int keyBits,
+                           const unsigned char* value) const;
+    void WriteVersion4Body(unsigned char* p, const unsigned char* left16, unsigned int keyBits,
+                           const unsigned char* value) const;
+
     PgpSignatureData* data_;
 };
