@@ -39,7 +39,7 @@ Certificate* CertificateManager::LoadCertificateFromFile(const std::string& path
         FileHelper file(path);
         size = FileHelper::GetSize(file.GetPath());
         // A file that shrank since its size was taken leaves zeros, never stale memory.
-        buffer.reset(new char[size ? size : 1]());
+        buffer = std::make_unique<char[]>(size ? size : 1);
         if (size > 0) {
             file.Read(buffer.get(), 0, size);
         }

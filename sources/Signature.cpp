@@ -30,7 +30,7 @@ void Signature::SetDigest(int index, DigestBase* digest) {
             singleDigest_ = digest;
             return;
         }
-        digests_.reset(new std::map<int, DigestBase*>());
+        digests_ = std::make_unique<std::map<int, DigestBase*>>();
         (*digests_)[singleIndex_] = singleDigest_;
         singleDigest_ = nullptr;
     }
