@@ -53,7 +53,7 @@ bool Replay(const std::filesystem::path& path) {
     if (size < 0) return false;
     std::unique_ptr<uint8_t[]> data(new uint8_t[static_cast<size_t>(size)]);
     file.seekg(0);
-    if (!file.read(reinterpret_cast<char*>(data.get()), size)) return false;
+    if (!file.read(reinterpret_cast<char*>(data.get()), static_cast<std::streamsize>(size))) return false;
     const std::string name = path.string();
     current = name.c_str();
     LLVMFuzzerTestOneInput(data.get(), static_cast<size_t>(size));

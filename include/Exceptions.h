@@ -14,6 +14,8 @@
 #include <stdexcept>
 #include <string>
 
+// The macros' parameters are class names, which cannot be put in parentheses.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 // A class whose message is "prefix: detail".
 #define SIGNING_PREFIXED_EXCEPTION(Name, Parent)  \
     class Name : public Parent {                  \
@@ -21,7 +23,7 @@
         static const char* const Prefix;          \
         Name();                                   \
         explicit Name(const std::string& detail); \
-        virtual ~Name();                          \
+        ~Name() override;                         \
     }
 
 // A class whose message is the detail alone.
@@ -29,8 +31,9 @@
     class Name : public std::runtime_error {      \
     public:                                       \
         explicit Name(const std::string& detail); \
-        virtual ~Name();                          \
+        ~Name() override;                         \
     }
+// NOLINTEND(bugprone-macro-parentheses)
 
 class FileIoException : public std::runtime_error {
 public:
@@ -38,7 +41,7 @@ public:
     FileIoException();
     explicit FileIoException(const std::string& detail);
     explicit FileIoException(const char* detail);
-    virtual ~FileIoException();
+    ~FileIoException() override;
 };
 
 class DigestException : public std::runtime_error {
@@ -47,7 +50,7 @@ public:
     DigestException();
     explicit DigestException(const std::string& detail);
     explicit DigestException(const char* detail);
-    virtual ~DigestException();
+    ~DigestException() override;
 };
 
 SIGNING_PREFIXED_EXCEPTION(NotImplementedException, std::runtime_error);       // "Not implemented"

@@ -45,7 +45,7 @@ unsigned int EncodeInto(const unsigned char* in, unsigned int length, char* out)
 }
 
 // The wrappers of both codecs: a Binary in, text out, and text in, a new Binary out.
-typedef char* (*RawCodec)(const char*, unsigned int, unsigned int&);
+using RawCodec = char* (*)(const char*, unsigned int, unsigned int&);
 
 std::string EncodeBinary(RawCodec encode, const soapWrap::Binary* data) {
     unsigned int length = 0;
@@ -101,7 +101,7 @@ char* Base64::Decode(const char* text, unsigned int length, unsigned int& outLen
     if (count % 4 != 0 || padding > (count / 4) * 3) {
         throw Base64OperationException("Base64 data decoding error: wrong data length");
     }
-    for (unsigned int group = 0; group < count / 4; ++group) {
+    for (size_t group = 0; group < count / 4; ++group) {
         const unsigned char* s = symbols + group * 4;
         const unsigned char s0 = s[0], s1 = s[1], s2 = s[2], s3 = s[3];
         symbols[group * 3] = static_cast<unsigned char>((s0 << 2) + (s1 >> 4));

@@ -334,7 +334,7 @@ std::string FileHelper::GetFullName(const std::string& path, bool relativeToExec
         name = name.empty() ? base : base + "/" + name;
     }
     if (IsExist(name)) {
-        const std::string resolved = GetSystemFullPath(name);
+        std::string resolved = GetSystemFullPath(name);
         if (!resolved.empty()) {
             return resolved;
         }

@@ -13,7 +13,7 @@ const long kMaxSteps = 2000000;  // backtracking budget of one call
 const int kMaxDepth = 2000;      // nesting of groups and repetitions of groups
 
 struct Node;
-typedef std::vector<Node> Sequence;
+using Sequence = std::vector<Node>;
 
 struct Node {
     enum Kind { Set, Begin, End, Group } kind = Set;
@@ -212,7 +212,7 @@ private:
     int groups_ = 0;
 };
 
-typedef std::function<bool(int)> Continuation;
+using Continuation = std::function<bool(int)>;
 
 class Matcher {
 public:

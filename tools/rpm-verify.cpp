@@ -368,9 +368,9 @@ int main(int argc, char** argv) {
             PrintText(outcome, options.verbose);
         }
     }
-    for (const Worker& worker : workers) {
-        if (worker.fd >= 0) close(worker.fd);
-        if (worker.pid > 0) waitpid(worker.pid, nullptr, 0);
+    for (const Worker& started : workers) {
+        if (started.fd >= 0) close(started.fd);
+        if (started.pid > 0) waitpid(started.pid, nullptr, 0);
     }
     if (options.json) std::printf("%s\n", Dump(outcomes).c_str());
     return allSigned ? 0 : 1;

@@ -41,12 +41,14 @@ enum {
 
 /* message is malloc-ed and released by the caller with free(), except for the static text
  * "Internal error." that is returned when that allocation fails. */
+/* NOLINTNEXTLINE(modernize-use-using): C has no alias declarations. */
 typedef struct RpmVerifyResult {
     RPM_STATUS status;
     char* message;
 } RpmVerifyResult;
 
 /* The host's installation session; opaque to the module. */
+/* NOLINTNEXTLINE(modernize-use-using): C has no alias declarations. */
 typedef struct session_t session_t;
 
 /* The prerequisite check the host installer runs: obtains and screens the publisher's key, verifies

@@ -39,7 +39,7 @@ std::string OpenSsl(const Args& a) {
 std::string DigestOf(const Args& a) {  // digest | name | input | times; digest | number: made only
     if (a.size() == 1) return Digest(Type(a[0])).GetTypeName();
     Digest digest(ByName(a[0]));
-    for (int i = std::stoi(a[2]); i > 0; --i) digest.Update(a[1].data(), a[1].size());
+    for (int i = std::stoi(a[2]); i > 0; --i) digest.Update(a[1].data(), static_cast<unsigned int>(a[1].size()));
     return Value(digest);
 }
 // copy | name: "ab", then a copy; "c" to the first, "cd" to the copy. Answers the first's value,
@@ -73,15 +73,16 @@ std::string Rsa(const Args& a) {
     if (changes.count(a[3])) changes.at(a[3])();
     Bytes n = KeyComponent(key, OSSL_PKEY_PARAM_RSA_N), e = KeyComponent(key, OSSL_PKEY_PARAM_RSA_E);
     n.insert(n.begin(), a[2] == "padded" ? 3 : 0, 0);
-    std::unique_ptr<BIGNUM, decltype(&BN_free)> bn(BN_bin2bn(n.data(), n.size(), nullptr), BN_free),
-        be(BN_bin2bn(e.data(), e.size(), nullptr), BN_free);
+    const int nLength = static_cast<int>(n.size()), eLength = static_cast<int>(e.size());
+    std::unique_ptr<BIGNUM, decltype(&BN_free)> bn(BN_bin2bn(n.data(), nLength, nullptr), BN_free),
+        be(BN_bin2bn(e.data(), eLength, nullptr), BN_free);
     std::unique_ptr<RsaCsp> csp(a[2] == "numbers"   ? new RsaCsp(bn.get(), be.get())
                                 : a[2] == "adopted" ? new RsaCsp(EVP_PKEY_get1_RSA(key))
                                 : a[2] == "none"    ? new RsaCsp(nullptr, 0, nullptr, 0)
-                                                    : new RsaCsp(n.data(), n.size(), e.data(), e.size()));
+                                                    : new RsaCsp(n.data(), nLength, e.data(), eLength));
     const int nid = EVP_MD_get_type(md), other = nid == NID_sha1 ? NID_sha256 : NID_sha1;
-    const int result = csp->Verify(a[3] == "nid" ? other : nid, digest.data(), digest.size(), value.data(),
-                                   value.size());
+    const int result = csp->Verify(a[3] == "nid" ? other : nid, digest.data(), static_cast<unsigned int>(digest.size()),
+                                   value.data(), static_cast<unsigned int>(value.size()));
     ERR_clear_error();
     return Number(result) + (csp->GetLastErrorMessage() ? "+text" : "");
 }
@@ -92,10 +93,10 @@ std::string Pss(const Args& a) {
     static std::string last;
     EVP_PKEY* key = TestKey(2048);
     static const Bytes n = KeyComponent(key, OSSL_PKEY_PARAM_RSA_N), e = KeyComponent(key, OSSL_PKEY_PARAM_RSA_E);
-    static RsaCsp csp(n.data(), n.size(), e.data(), e.size());
+    static RsaCsp csp(n.data(), static_cast<int>(n.size()), e.data(), static_cast<int>(e.size()));
     const Bytes digest = HashOf(EVP_sha256(), "pss");
     Bytes value = SignDigest(key, EVP_sha256(), digest, RSA_PKCS1_PSS_PADDING, std::stoi(a[0]));
-    value[10] ^= a[2] == "flip" ? 1 : 0;
+    if (a[2] == "flip") value[10] ^= 1;
     const bool valid = csp.Verify_PSS(Type(a[1]), digest.data(), 32, value.data(), a[2] == "short" ? 5 : 256) != 0;
     const std::string text = csp.GetLastErrorMessage() ? csp.GetLastErrorMessage() : "";
     return Number(valid) + (text.empty() ? "" : "+text") + (std::exchange(last, text) != text ? "+new" : "");
@@ -112,7 +113,7 @@ const Operations kOperations = {
     {"oid-text", [](const Args& a) { return std::string(Digest::GetAlgorithmIdentifier(Type(a[0]))); }},
     {"pgp-of", [](const Args& a) { return Number(PgpSignature::GetPgpHashAlgorithm(Type(a[0]))); }},
     {"pgp-id", [](const Args& a) { return Digest::GetTypeName(PgpSignature::GetHashAlgorithm(std::stoi(a[0]))); }},
-    {"by-nid", [](const Args& a) { return Number(Digest::GetTypeByNid(std::stoul(a[0]))); }},
+    {"by-nid", [](const Args& a) { return Number(Digest::GetTypeByNid(static_cast<unsigned int>(std::stoul(a[0])))); }},
     {"by-oid", [](const Args& a) {
          Bytes oid = Unhex(a[0]);
          const soapWrap::Binary binary{oid.empty() ? nullptr : oid.data(), static_cast<uint32_t>(oid.size())};

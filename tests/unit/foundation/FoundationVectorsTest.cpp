@@ -71,6 +71,10 @@ std::list<std::string> Split(const std::string& text) {
 
 const unsigned char* Bytes(const std::string& text) { return reinterpret_cast<const unsigned char*>(text.data()); }
 unsigned long long N(const std::string& text) { return std::stoull(text, nullptr, 0); }
+// A number of a table as the type of the parameter it is passed to (wrapping as a conversion does).
+template <typename T>
+T As(const std::string& text) { return static_cast<T>(N(text)); }
+uint32_t Size(const std::string& text) { return static_cast<uint32_t>(text.size()); }
 std::string Bool(bool value) { return value ? "true" : "false"; }
 std::string Hex(unsigned long long v) { char t[24]; std::snprintf(t, sizeof t, "0x%llx", v); return t; }
 // The test's own system calls answer nothing when they work.
@@ -118,12 +122,13 @@ const std::map<std::string, Operation> kOperations = {
          return std::string(dynamic_cast<const FileIoException*>(&e) ? "FileIoException," : "") +
                 (dynamic_cast<const std::runtime_error*>(&e) ? "runtime_error" : "");
      } return "<nothing thrown>";)},
-    {"align", IS(std::to_string(Base::AlignUp(N(a[0]), N(a[1]))))},
-    {"roundup", IS(std::to_string(Base::RoundUp(N(a[0]), N(a[1]) & 0xFF)))},
-    {"rfind", IS(std::to_string(Base::RFind(a[0].data(), a[0].size(), a[1].data(), a[1].size())))},
-    {"swap", OP(std::string b = a[0]; Base::SwapEndian(reinterpret_cast<unsigned char*>(&b[0]), b.size()); return b;)},
+    {"align", IS(std::to_string(Base::AlignUp(As<uint32_t>(a[0]), As<uint32_t>(a[1]))))},
+    {"roundup", IS(std::to_string(Base::RoundUp(As<uint32_t>(a[0]), N(a[1]) & 0xFF)))},
+    {"rfind", IS(std::to_string(Base::RFind(a[0].data(), Size(a[0]), a[1].data(), Size(a[1]))))},
+    {"swap", OP(std::string b = a[0]; Base::SwapEndian(reinterpret_cast<unsigned char*>(&b[0]), Size(b)); return b;)},
     {"trim", IS(Base::StrTrim(a[0]))},
-    {"replace", OP(std::string t = a[0]; if (&Base::Replace(t, N(a[1]), N(a[2]), a[3], a[4]) != &t) return "<a copy>";
+    {"replace", OP(std::string t = a[0];
+                   if (&Base::Replace(t, As<uint32_t>(a[1]), As<uint32_t>(a[2]), a[3], a[4]) != &t) return "<a copy>";
                    return t.size() > 80 ? std::to_string(t.size()) + " bytes ending " + t.substr(t.size() - 4) : t;)},
     {"hex", IS(Base::DumpBufferToString(Bytes(a[0]), a[0].size(), a[1] == "upper"))},
     {"dump", OP(testing::internal::CaptureStdout(); Base::DumpBuffer(Bytes(a[0]), a[0].size());
@@ -135,10 +140,11 @@ const std::map<std::string, Operation> kOperations = {
                return std::to_string(mktime_utc(&t));)},
     {"leap", IS(Bool(is_leap_year(std::stoi(a[0]))))},
     {"leapsec", IS(std::to_string(leap_seconds(std::stoi(a[0]))))},
-    {"re", IS(std::to_string(slre_match(a[0].c_str(), a[1].data(), a[1].size(), nullptr, 0,
+    {"re", IS(std::to_string(slre_match(a[0].c_str(), a[1].data(), static_cast<int>(a[1].size()), nullptr, 0,
                                         a.size() > 2 && a[2] == "i" ? SLRE_IGNORE_CASE : 0)))},
     {"cap", OP(slre_cap caps[4]; std::list<std::string> texts;
-               const int n = N(a[2]), end = slre_match(a[0].c_str(), a[1].data(), a[1].size(), caps, n, 0);
+               const int n = As<int>(a[2]);
+               const int end = slre_match(a[0].c_str(), a[1].data(), static_cast<int>(a[1].size()), caps, n, 0);
                for (int i = 0; end >= 0 && i < n; ++i)
                    texts.push_back(caps[i].ptr ? std::string(caps[i].ptr, caps[i].len) : "-");
                return std::to_string(end) + ":" + Join(texts);)},
@@ -162,7 +168,7 @@ const std::map<std::string, Operation> kOperations = {
     // The test's own steps.
     {"make-file", DO(std::filesystem::create_directories(std::filesystem::path(a[0]).parent_path());
                      std::ofstream(a[0], std::ios::binary) << (a.size() > 1 ? a[1] : ""))},
-    {"make-dir", IS(Sys(mkdir(a[0].c_str(), 0) + chmod(a[0].c_str(), N(a[1]))))},
+    {"make-dir", IS(Sys(mkdir(a[0].c_str(), 0) + chmod(a[0].c_str(), As<mode_t>(a[1]))))},
     {"make-link", IS(Sys(symlink(a[0].c_str(), a[1].c_str())))},
     {"make-fifo", IS(Sys(mkfifo(a[0].c_str(), 0600)))},
     {"make-socket", OP(const int fd = socket(AF_UNIX, SOCK_STREAM, 0); sockaddr_un address = {};
@@ -170,13 +176,13 @@ const std::map<std::string, Operation> kOperations = {
                        std::strncpy(address.sun_path, a[0].c_str(), sizeof address.sun_path - 1);
                        const int result = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
                        return Sys(result + close(fd));)},
-    {"chmod", IS(Sys(chmod(a[0].c_str(), N(a[1]))))},
+    {"chmod", IS(Sys(chmod(a[0].c_str(), As<mode_t>(a[1]))))},
     {"set-size", IS(Sys(truncate(a[0].c_str(), N(a[1]))))},
     {"set-mtime", OP(const timeval times[2] = {{static_cast<time_t>(N(a[1])), 0}, {static_cast<time_t>(N(a[1])), 0}};
                      return Sys(utimes(a[0].c_str(), times));)},
     {"unlink", IS(Sys(unlink(a[0].c_str())))},
     {"chdir", IS(Sys(chdir(a[0].c_str())))},
-    {"umask", DO(umask(N(a[0])))},
+    {"umask", DO(umask(As<mode_t>(a[0])))},
     {"mode", OP(struct stat st = {}; char text[8]; if (stat(a[0].c_str(), &st) != 0) return Sys(-1);
                 std::snprintf(text, sizeof text, "%04o", st.st_mode & 07777u); return text;)},
     {"content", OP(std::ifstream in(a[0], std::ios::binary);
@@ -200,21 +206,21 @@ const std::map<std::string, Operation> kOperations = {
                             catch (const std::logic_error& e) { return e.what(); })},
     {"remove", DO(s[a[0]].Remove())},
     {"pos", IS(std::to_string(s[a[0]].SetPosition(N(a[1]))))},
-    {"read", OP(std::vector<char> buffer(N(a[2]));
+    {"read", OP(std::vector<char> buffer(As<size_t>(a[2]));
                 return std::to_string(s[a[0]].Read(buffer.data(), N(a[1]), buffer.size()));)},
     {"u8", IS(Hex(s[a[0]].GetUInt8(N(a[1]))))},
     {"u16", IS(Hex(s[a[0]].GetUInt16(N(a[1]))))},
     {"u32", IS(Hex(s[a[0]].GetUInt32(N(a[1]))))},
     {"u64", IS(Hex(s[a[0]].GetUInt64(N(a[1]))))},
-    {"write", DO(s[a[0]].WriteBlock(a[1].data(), a[1].size()))},
-    {"blank", DO(s[a[0]].AddBlankArea(N(a[1])))},
-    {"copy", DO(s[a[0]].CopyData(&s[a[1]], N(a[2]), N(a[3])))},
+    {"write", DO(s[a[0]].WriteBlock(a[1].data(), Size(a[1])))},
+    {"blank", DO(s[a[0]].AddBlankArea(As<uint32_t>(a[1])))},
+    {"copy", DO(s[a[0]].CopyData(&s[a[1]], As<uint32_t>(a[2]), As<uint32_t>(a[3])))},
     {"attrs", DO(s[a[0]].CopyAttributesFrom(s[a[1]]))},
     {"group", DO(s[a[0]].CopyGroupFrom(s[a[1]]))},
     {"rename", DO(s[a[0]].Rename(a[1]))},
     {"xlist", OP(std::list<std::string> names = s[a[0]].ListXAttrs(); names.sort(); return Join(names);)},
     {"xread", OP(char* value = nullptr; long long size = -1; s[a[0]].ReadXAttr(a[1], value, size);
-                 return std::string(std::unique_ptr<char[]>(value).get(), size);)},
+                 return std::string(std::unique_ptr<char[]>(value).get(), static_cast<size_t>(size));)},
     {"xwrite", DO(s[a[0]].WriteXAttr(a[1], a[2].data(), a.size() > 3 ? std::stoll(a[3]) : a[2].size()))},
     {"xremove", DO(s[a[0]].RemoveXAttr(a[1]))},
     // Path queries and folder operations.
@@ -296,7 +302,7 @@ TEST_P(FoundationVectors, EveryRowGivesItsResult) {
 
 INSTANTIATE_TEST_SUITE_P(Tables, FoundationVectors,
                          testing::Values("exceptions", "base", "utc", "slre", "wildcards", "files", "folders", "xattr"),
-                         [](const testing::TestParamInfo<const char*>& info) { return std::string(info.param); });
+                         [](const testing::TestParamInfo<const char*>& table) { return std::string(table.param); });
 
 }  // namespace
 

@@ -21,7 +21,10 @@ TempFolder temp;
 // A copy of exactly the given bytes (or hex), so that a read past them is caught by the sanitizers.
 std::vector<char> Exact(const std::string& text) { return std::vector<char>(text.begin(), text.end()); }
 std::vector<char> Raw(const std::string& hex) { return Exact(Text(Unhex(hex))); }
-std::string Value(const MPI* mpi) { return Hex(mpi->GetValue(), mpi->GetLengthInBytes()); }
+// The size of a buffer made here as the length the module's interfaces take.
+template <typename Buffer>
+unsigned int Length(const Buffer& buffer) { return static_cast<unsigned int>(buffer.size()); }
+std::string Value(const MPI* mpi) { return Hex(mpi->GetValue(), static_cast<size_t>(mpi->GetLengthInBytes())); }
 int Number(const std::string& text) { return std::stoi(text); }
 std::string Number(uint64_t value) { return std::to_string(value); }
 PgpSignatureVersion Version(const std::string& text) { return PgpSignatureVersion(Number(text)); }
@@ -31,7 +34,7 @@ CertificateManager& Manager() { return *CertificateManager::Instance(); }
 // "key BITS N E; sig vV tTYPE aALG hHASH H/U issuer ID left BITS value V", or "-".
 std::string Summary(const std::string& input) {
     const std::vector<char> bytes = Exact(input);
-    const PgpMessage message(bytes.data(), bytes.size());
+    const PgpMessage message(bytes.data(), Length(bytes));
     std::string text;
     if (const PgpPublicKey* key = message.GetPublicKey())
         text = "key " + std::to_string(key->GetModulus()->GetLengthInBits()) + " " + Value(key->GetModulus()) + " " +
@@ -49,7 +52,7 @@ std::string Summary(const std::string& input) {
 std::string Coded(char* (*codec)(const char*, unsigned int, unsigned int&), const std::string& input, bool encode) {
     const std::vector<char> bytes = Exact(encode ? Text(Unhex(input)) : input);
     unsigned int length = 0;
-    std::unique_ptr<char[]> out(codec(bytes.data(), bytes.size(), length));
+    std::unique_ptr<char[]> out(codec(bytes.data(), Length(bytes), length));
     return encode ? std::string(out.get(), length) : Hex(reinterpret_cast<unsigned char*>(out.get()), length);
 }
 // Key files made here: an armored, binary and CRLF-armored key block (issuer 11..), a
@@ -96,7 +99,7 @@ std::string Verify(const Args& a) {
         signer = w == "key3072" ? TestKey(3072) : signer;
     }
     const std::string packet = Text(SignaturePacket(signer, "payload", o));
-    return Check(packet.data(), packet.size(), a[0]);
+    return Check(packet.data(), Length(packet), a[0]);
 }
 // sign | version: a packet the module builds, hashes (UpdateHash) and writes around an RSA value
 // (Sign, its quick check from digest 0 holding that hash) => written/expected size, its check.
@@ -169,7 +172,7 @@ const Operations kOperations = {
     {"unbase64", [](const Args& a) { return Coded(Base64::Decode, a[0], false); }},
     {"radix64", [](const Args& a) { return Coded(Radix64::Encode, a[0], true); }},
     {"unradix64", [](const Args& a) { return Coded(Radix64::Decode, a[0], false); }},
-    {"crc24", [](const Args& a) { return std::to_string(Radix64::Crc24(Raw(a[0]).data(), Unhex(a[0]).size())); }},
+    {"crc24", [](const Args& a) { return std::to_string(Radix64::Crc24(Raw(a[0]).data(), Length(Unhex(a[0])))); }},
     {"packets", [](const Args& a) { return Summary(Text(Unhex(a[0]))); }},
     {"packets-text", [](const Args& a) { return Summary(a[0]); }},
     {"cursor", Cursor},
@@ -209,7 +212,7 @@ const Operations kOperations = {
     {"load-key", [](const Args&) { return Certificate(Manager().LoadPgpPublicKey()); }},
     {"kept", [](const Args& a) { return Certificate(Manager().GetCertificate(Format(a[0]))); }},
     {"create", [](const Args& a) {
-         return Certificate(Manager().CreateCertificate(Raw(a[1]).data(), Unhex(a[1]).size(), Format(a[0])));
+         return Certificate(Manager().CreateCertificate(Raw(a[1]).data(), Length(Unhex(a[1])), Format(a[0])));
      }},
     {"null-certificate", [](const Args&) { return Certificate(std::make_unique<PgpCertificate>(nullptr).get()); }},
     {"pem", [](const Args& a) { return Text(*der_to_pem(std::make_shared<binary>(Number(a[0]), 0))); }}};
