@@ -62,7 +62,8 @@ Certificate* CertificateManager::GetCertificate(soapWrap::CertificateFileFormat 
     return found == certificates_.end() ? nullptr : found->second.get();
 }
 
-std::shared_ptr<binary> der_to_pem(std::shared_ptr<binary> der) {
+// The buffer is taken by value, as the interface hands it over.
+std::shared_ptr<binary> der_to_pem(std::shared_ptr<binary> der) {  // NOLINT(performance-unnecessary-value-param)
     static const char kBegin[] = "-----BEGIN CERTIFICATE-----\n";
     static const char kEnd[] = "-----END CERTIFICATE-----\n";
     soapWrap::Binary input{der && !der->empty() ? der->data() : nullptr, der ? static_cast<uint32_t>(der->size()) : 0};

@@ -36,7 +36,7 @@ protected:
 };
 
 // A byte buffer that owns its bytes, as der_to_pem takes and returns it.
-typedef std::vector<unsigned char> binary;
+using binary = std::vector<unsigned char>;
 
 class CertificateManager : public Singleton<CertificateManager> {
 public:

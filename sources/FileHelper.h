@@ -21,7 +21,7 @@ public:
     };
 
     // Lists the files below folder, appending their paths relative to it (as GetFolderContent does).
-    typedef std::function<void(std::list<std::string>* list, const std::string& folder)> FolderLister;
+    using FolderLister = std::function<void(std::list<std::string>* list, const std::string& folder)>;
 
     // Opens an existing file for reading. A directory is accepted: the object is then a folder
     // with no descriptor, whose reads return 0 and whose writes do nothing.

@@ -19,7 +19,7 @@ struct BignumFree {
     void operator()(BIGNUM* number) const;
 };
 
-typedef std::unique_ptr<EVP_MD_CTX, EvpMdCtxFree> EvpMdCtxHandle;
-typedef std::unique_ptr<RSA, RsaFree> RsaHandle;
-typedef std::unique_ptr<BIO, BioFree> BioHandle;
-typedef std::unique_ptr<BIGNUM, BignumFree> BignumHandle;
+using EvpMdCtxHandle = std::unique_ptr<EVP_MD_CTX, EvpMdCtxFree>;
+using RsaHandle = std::unique_ptr<RSA, RsaFree>;
+using BioHandle = std::unique_ptr<BIO, BioFree>;
+using BignumHandle = std::unique_ptr<BIGNUM, BignumFree>;

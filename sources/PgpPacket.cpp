@@ -138,7 +138,8 @@ void PgpSignatureData::ParseVersion3(ByteCursor& body, unsigned int remaining) {
     // The hashed material is the type and the creation time, and nothing else (RFC 4880, 5.2.2:
     // the length MUST be 5). A longer one could carry the end of the signed data, so that a
     // shortened payload would still hash to the signed value.
-    const int hashed = static_cast<signed char>(body.ReadUInt8());
+    const unsigned char octet = body.ReadUInt8();
+    const int hashed = octet < 0x80 ? octet : octet - 0x100;  // read as a signed octet
     if (hashed != 5) {
         throw DataFormatException("Version 3 signature packet has a hashed material length of " +
                                   std::to_string(hashed) + "; it must be 5");

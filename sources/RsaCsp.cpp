@@ -24,8 +24,8 @@ namespace {
 // Attaches n and e to rsa, which owns them from then on; numbers it could not take are freed here.
 void AttachKey(RSA* rsa, BignumHandle n, BignumHandle e) {
     if (rsa != nullptr && n != nullptr && e != nullptr && RSA_set0_key(rsa, n.get(), e.get(), nullptr) == 1) {
-        n.release();
-        e.release();
+        static_cast<void>(n.release());
+        static_cast<void>(e.release());
     }
 }
 

@@ -33,11 +33,11 @@ public:
     // The signer owns the files it is given. Setting a file lets go of the one set before without
     // deleting it: passing null gives up the reference without deleting.
     void SetInputFile(FileHelper* file) {
-        inputFile_.release();
+        static_cast<void>(inputFile_.release());
         inputFile_.reset(file);
     }
     void SetOutputFile(FileHelper* file) {
-        outputFile_.release();
+        static_cast<void>(outputFile_.release());
         outputFile_.reset(file);
     }
     FileHelper* GetInputFile() const { return inputFile_.get(); }
