@@ -39,7 +39,8 @@ inline void ReleaseCertificates() {
 // rpm_verify must answer every input with a status in range and a message it hands over.
 inline void Check(const std::string& file, const std::string& key) {
     RpmVerifyResult result = rpm_verify(file.c_str(), key.c_str());
-    if (result.status < RPM_STATUS_SIGNED || result.status > RPM_STATUS_ERROR || result.message == nullptr) std::abort();
+    if (result.status < RPM_STATUS_SIGNED || result.status > RPM_STATUS_ERROR || result.message == nullptr)
+        std::abort();
     if (std::string(result.message) != "Internal error.") std::free(result.message);
     ReleaseCertificates();
 }

@@ -85,7 +85,8 @@ int main(int argc, char** argv) {
         std::error_code error;
         std::vector<std::filesystem::path> inputs;
         if (std::filesystem::is_directory(argument, error)) {
-            for (std::filesystem::directory_iterator it(argument, error), end; !error && it != end; it.increment(error)) {
+            for (std::filesystem::directory_iterator it(argument, error), end; !error && it != end;
+                 it.increment(error)) {
                 if (it->is_regular_file(error)) inputs.push_back(it->path());
             }
             std::sort(inputs.begin(), inputs.end());

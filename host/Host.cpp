@@ -153,7 +153,8 @@ std::string expand_operand(session_t* session, const std::string& text, bool) {
         if (end == std::string::npos) {
             return expanded + text.substr(position);
         }
-        expanded += text.substr(position, start - position) + env_get_string(session, text.substr(start + 2, end - start - 2).c_str());
+        expanded += text.substr(position, start - position) +
+                    env_get_string(session, text.substr(start + 2, end - start - 2).c_str());
         position = end + 1;
     }
 }

@@ -68,7 +68,9 @@ std::unique_ptr<session_t> LoadSessionFile(const std::string& path) {
             const std::string at = where + ".components[" + std::to_string(c) + "]";
             const json& item = components[c];
             if (!item.is_object()) throw std::runtime_error(at + " must be an object");
-            auto field = [&](const char* name) { return item.contains(name) ? TextOf(item.at(name), at + "." + name) : ""; };
+            auto field = [&](const char* name) {
+                return item.contains(name) ? TextOf(item.at(name), at + "." + name) : "";
+            };
             HostComponent& component = product.AddComponent(field("id"), field("folder"), field("file"), field("type"));
             ReadEntries(Member(item, "environment", json::value_t::object, at), component.Settings().entries,
                         at + ".environment");

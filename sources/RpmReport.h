@@ -36,4 +36,3 @@ struct RpmKey {
     unsigned long long bits;
 };
 RpmKey rpm_read_key(const std::string& path);
-

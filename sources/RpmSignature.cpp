@@ -253,7 +253,9 @@ std::string Mismatch(const std::string& expected, const std::string& computed) {
 std::string AlgorithmsOf(const PgpSignatureData& data) {
     std::string text;
     switch (data.GetPublicKeyAlgorithm()) {
-        case 1: case 2: case 3: text = "RSA"; break;
+        case 1:
+        case 2:
+        case 3: text = "RSA"; break;
         case 17: text = "DSA"; break;
         default: text = "algorithm " + std::to_string(data.GetPublicKeyAlgorithm()); break;
     }
@@ -338,7 +340,10 @@ bool RpmSignature::CheckHeaderDigest(Evaluation& evaluation) const {
     std::unique_ptr<DigestBase> copy(GetDigest(0)->Copy());
     const std::string sha1 = HexOf(copy->GetValue(), copy->GetLength());
     const bool good = sha1_ != nullptr && sha1 == sha1_;
-    evaluation.Record({RpmCheck::HeaderSha1, good ? RpmCheck::Ok : sha1_ == nullptr ? RpmCheck::NotFound : RpmCheck::Bad,
+    evaluation.Record({RpmCheck::HeaderSha1,
+                       good               ? RpmCheck::Ok
+                       : sha1_ == nullptr ? RpmCheck::NotFound
+                                          : RpmCheck::Bad,
                        "Header SHA1 digest", good || sha1_ == nullptr ? "" : Mismatch(sha1_, sha1), ""});
     return good || evaluation.Fail(ResultInvalidHash, "Invalid value of SHA1 header hash");
 }
@@ -360,7 +365,9 @@ bool RpmSignature::CheckPackageDigest(Evaluation& evaluation) const {
         reason = Mismatch(HexOf(md5_, packageMd5->GetLength()), md5);
     }
     evaluation.Record({RpmCheck::Md5,
-                       good && payloadLength_ != 0 ? RpmCheck::Ok : md5_ == nullptr ? RpmCheck::NotFound : RpmCheck::Bad,
+                       good && payloadLength_ != 0 ? RpmCheck::Ok
+                       : md5_ == nullptr           ? RpmCheck::NotFound
+                                                   : RpmCheck::Bad,
                        "MD5 digest", reason, ""});
     return good || evaluation.Fail(ResultInvalidHash, "Invalid value of MD5 hash");
 }

@@ -50,10 +50,10 @@ class RpmSignature : public Signature {
 public:
     // The signature tags this object picks out of the index.
     enum Tag : uint32_t {
-        TagHeaderSignature = 268,   // OpenPGP signature over the main header
-        TagSha1 = 269,              // hexadecimal SHA-1 text of the main header
-        TagPackageSignature = 1002, // OpenPGP signature over header and payload
-        TagMd5 = 1004,              // MD5 of header and payload, 16 bytes
+        TagHeaderSignature = 268,    // OpenPGP signature over the main header
+        TagSha1 = 269,               // hexadecimal SHA-1 text of the main header
+        TagPackageSignature = 1002,  // OpenPGP signature over header and payload
+        TagMd5 = 1004,               // MD5 of header and payload, 16 bytes
     };
     // The largest index the signature-header walk supports.
     static const uint32_t MaxEntries = 255;

@@ -202,8 +202,7 @@ void RpmSigner::DigestPackage(RpmSignature& signature, uint64_t headerOffset, ui
     FileHelper& input = Input();
     std::unique_ptr<DigestBase> md5 = std::make_unique<Digest>(soapWrap::Md5);
     std::unique_ptr<DigestBase> signed_ = std::make_unique<Digest>(hash);
-    std::unique_ptr<DigestBase> sha1Extra =
-        hash != soapWrap::Sha1 ? std::make_unique<Digest>(soapWrap::Sha1) : nullptr;
+    std::unique_ptr<DigestBase> sha1Extra = hash != soapWrap::Sha1 ? std::make_unique<Digest>(soapWrap::Sha1) : nullptr;
     input.AdviseSequential(headerOffset);
     const uint32_t blockSize = input.GetBufferSize();
     std::unique_ptr<char[]> block = std::make_unique<char[]>(blockSize);

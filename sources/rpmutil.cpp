@@ -17,8 +17,8 @@
 #include <memory>
 
 #include "CertificateManager.h"
-#include "FileHelper.h"
 #include "Exceptions.h"
+#include "FileHelper.h"
 #include "PgpCertificate.h"
 #include "RpmReport.h"
 #include "RpmSigner.h"
@@ -40,8 +40,7 @@ RpmVerifyResult ResultOf(int processingResult, const std::string& file) {
         case ResultInvalidSignature: return response(RPM_STATUS_INVALID_SIGNATURE, file + " has invalid signature.");
         case ResultInvalidHash: return response(RPM_STATUS_INVALID_HASH, file + " has invalid hash.");
         case ResultInvalidStructure: return response(RPM_STATUS_INVALID_STRUCTURE, file + " has invalid structure.");
-        case ResultInternalError:
-            return response(RPM_STATUS_ERROR, "Internal error occured while verifying " + file);
+        case ResultInternalError: return response(RPM_STATUS_ERROR, "Internal error occured while verifying " + file);
         default: return response(RPM_STATUS_ERROR, "Unknown error");
     }
 }
@@ -240,8 +239,9 @@ bool IsOwnRegularFile(const std::string& path, unsigned long long limit) {
 // that is not absolute ("~" and "#" mean something to the shell) or whose folder others can change.
 bool IsSafeDownload(const std::string& url, const std::string& outputFile) {
     if (!StartsWith(url, "http://") && !StartsWith(url, "https://")) {
-        print_log("_signing_get_command: refused to download from [%s]: the address must begin with http:// or https://",
-                  url.c_str());
+        print_log(
+            "_signing_get_command: refused to download from [%s]: the address must begin with http:// or https://",
+            url.c_str());
         return false;
     }
     if (!StartsWith(outputFile, "/")) {
@@ -249,9 +249,10 @@ bool IsSafeDownload(const std::string& url, const std::string& outputFile) {
         return false;
     }
     if (!IsPrivateFolder(FolderOf(outputFile))) {
-        print_log("_signing_get_command: refused to write to [%s]: its folder must belong to this user and be "
-                  "writable by nobody else",
-                  outputFile.c_str());
+        print_log(
+            "_signing_get_command: refused to write to [%s]: its folder must belong to this user and be "
+            "writable by nobody else",
+            outputFile.c_str());
         return false;
     }
     return true;
@@ -323,8 +324,8 @@ bool CallWebService(const std::string& command, const std::string& outputFile) {
             print_log("_signing_call_webservice: web service call ran past %u seconds and was stopped", limits.seconds);
         }
         if (status != -1 && WIFSIGNALED(status)) {
-            print_log("_signing_call_webservice: signing web service call failed by signal %d - %s.\n", WTERMSIG(status),
-                      strsignal(WTERMSIG(status)));
+            print_log("_signing_call_webservice: signing web service call failed by signal %d - %s.\n",
+                      WTERMSIG(status), strsignal(WTERMSIG(status)));
         } else if (status != 0) {
             print_log("_signing_call_webservice: web service call failed with status %d", status);
         } else {
@@ -469,9 +470,10 @@ std::string _signing_get_public_key(session_t* session) {
         return "";
     }
     if (!IsOwnRegularFile(outputFile, _signing_download_limits().bytes)) {
-        print_log("signing_get_public_key: refused the downloaded key [%s]: not a regular file of this user of at "
-                  "most %llu bytes",
-                  outputFile.c_str(), _signing_download_limits().bytes);
+        print_log(
+            "signing_get_public_key: refused the downloaded key [%s]: not a regular file of this user of at "
+            "most %llu bytes",
+            outputFile.c_str(), _signing_download_limits().bytes);
         return "";
     }
     print_log("signing_get_public_key: public key obtained successfully [%s]", outputFile.c_str());
@@ -543,8 +545,8 @@ bool VerifyComponents(session_t* session, const std::string& key) {
         for (Component* component : product->components()) {
             progress += 100;
             env_set_string(session, "operation_progress", inttostr(progress / total).c_str());
-            const std::string path = expand_operand(session, component->packageFolder(), true) + "/" +
-                                     component->packageFile();
+            const std::string path =
+                expand_operand(session, component->packageFolder(), true) + "/" + component->packageFile();
             if (file_exists(path, false) == 0 || component->type() != "rpm") {
                 print_log("signing_validate_package_list: component '%s' is not verified because it is not available",
                           component->id().c_str());

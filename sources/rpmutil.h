@@ -32,8 +32,7 @@ SigningDownloadLimits _signing_download_limits();
 // Runs command with /bin/sh -f -c (no pathname expansion) in a process group of its own, its file size limited to
 // limits.bytes, and kills the group when it runs past limits.seconds (then *stopped is true).
 // Returns the wait status (as pclose would), or -1 when the command could not be run or waited for.
-int _signing_run_command(const std::string& command, const SigningDownloadLimits& limits,
-                         bool* stopped = nullptr);
+int _signing_run_command(const std::string& command, const SigningDownloadLimits& limits, bool* stopped = nullptr);
 // Adds a warning entry about the key to the session's prerequisite lists: code 4 selects the
 // "download" message keys, every other code the "validate" keys.
 void _signing_set_optional_prerequisite_status(session_t* session, int code);

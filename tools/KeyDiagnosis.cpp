@@ -21,7 +21,7 @@ struct KeyBlock {
     int primaryAlgorithm = -1;
     bool hasSignature = false;
     bool notKey = false;  // the first packet is not a key
-    std::string issuer;  // of the first signature packet that names one
+    std::string issuer;   // of the first signature packet that names one
 };
 
 const unsigned int kLargestKeyFile = 1024 * 1024;
@@ -73,14 +73,18 @@ void ReadSubpackets(const std::vector<unsigned char>& body, KeyBlock& block) {
         const size_t end = std::min(at + 2 + (size_t(body[at]) << 8 | body[at + 1]), body.size());
         for (at += 2; at < end;) {
             size_t length = body[at], header = 1;
-            if (length >= 192 && length < 255 && at + 1 < end) length = ((length - 192) << 8) + body[at + 1] + 192, header = 2;
+            if (length >= 192 && length < 255 && at + 1 < end)
+                length = ((length - 192) << 8) + body[at + 1] + 192, header = 2;
             else if (length == 255 && at + 4 < end)
-                length = size_t(body[at + 1]) << 24 | size_t(body[at + 2]) << 16 | size_t(body[at + 3]) << 8 | body[at + 4], header = 5;
+                length =
+                    size_t(body[at + 1]) << 24 | size_t(body[at + 2]) << 16 | size_t(body[at + 3]) << 8 | body[at + 4],
+                header = 5;
             if (length == 0 || at + header + length > end) break;
             const unsigned char type = body[at + header] & 0x7F;
             const unsigned char* value = &body[at + header + 1];
             if (type == 27 && length > 1 && body[1] == 0x18 && (value[0] & 0x02) != 0) block.signingSubkey = true;
-            if (type == 16 && length == 9 && block.issuer.empty()) block.issuer = Base::DumpBufferToString(value, 8, true);
+            if (type == 16 && length == 9 && block.issuer.empty())
+                block.issuer = Base::DumpBufferToString(value, 8, true);
             at += header + length;
         }
         at = end;
@@ -102,9 +106,11 @@ KeyBlock Describe(const std::string& path) {
             if (at + 1 >= data.size() || (data[at + 1] >= 224 && data[at + 1] != 255)) break;
             const unsigned char first = data[at + 1];
             if (first < 192) header = 2, length = first;
-            else if (first < 224 && at + 2 < data.size()) header = 3, length = ((first - 192) << 8) + data[at + 2] + 192;
+            else if (first < 224 && at + 2 < data.size())
+                header = 3, length = ((first - 192) << 8) + data[at + 2] + 192;
             else if (at + 5 < data.size())
-                header = 6, length = size_t(data[at + 2]) << 24 | size_t(data[at + 3]) << 16 | size_t(data[at + 4]) << 8 | data[at + 5];
+                header = 6, length = size_t(data[at + 2]) << 24 | size_t(data[at + 3]) << 16 |
+                                     size_t(data[at + 4]) << 8 | data[at + 5];
             else break;
         } else {
             tag = (octet >> 2) & 0x0F;
@@ -119,9 +125,11 @@ KeyBlock Describe(const std::string& path) {
             block.notKey = true;
             break;
         }
-        const std::vector<unsigned char> body(data.begin() + long(at + header), data.begin() + long(at + header + length));
+        const std::vector<unsigned char> body(data.begin() + long(at + header),
+                                              data.begin() + long(at + header + length));
         if (tag == 5 || tag == 7) block.secret = true;
-        if (tag == 6 && !body.empty()) block.primaryAlgorithm = body[0] == 4 && body.size() > 5 ? body[5] : body.size() > 7 ? body[7] : -1;
+        if (tag == 6 && !body.empty())
+            block.primaryAlgorithm = body[0] == 4 && body.size() > 5 ? body[5] : body.size() > 7 ? body[7] : -1;
         if (tag == 2) {
             block.hasSignature = true;
             if (!body.empty() && body[0] == 4) ReadSubpackets(body, block);
@@ -143,7 +151,8 @@ void Explain(const KeyBlock& block, KeyDiagnosis& diagnosis) {
         diagnosis.hint = "give the public key: gpg --export --armor " + id;
     } else if (block.newFormat) {
         kind = "the key block uses the new OpenPGP packet format";
-        diagnosis.hint = "export the key with GnuPG, which writes the format the verifier reads: gpg --export --armor " + id;
+        diagnosis.hint =
+            "export the key with GnuPG, which writes the format the verifier reads: gpg --export --armor " + id;
     } else if (block.primaryAlgorithm > 3) {
         kind = "the primary key is " + AlgorithmName(block.primaryAlgorithm) + ", not RSA";
         diagnosis.hint = "the verifier checks RSA signatures only: sign the packages with an RSA key and give that key";
@@ -151,7 +160,8 @@ void Explain(const KeyBlock& block, KeyDiagnosis& diagnosis) {
         kind = "the key block holds a signing subkey";
         diagnosis.hint = "sign with the primary key (rpmsign --addsign --rpmv3 --define '_gpg_name " + id +
                          "!') and give the key without its signing subkey: gpg --export --armor --export-filter "
-                         "drop-subkey='usage =~ s' " + id;
+                         "drop-subkey='usage =~ s' " +
+                         id;
     } else if (block.primaryAlgorithm >= 0 && !block.hasSignature) {
         kind = "the key block has no signature packet that names its key";
         diagnosis.hint = "export the key with its self-signature: gpg --export --armor " + id;

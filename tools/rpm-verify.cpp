@@ -173,7 +173,8 @@ std::string HintOf(const std::string& reason, const RpmReport& report, const std
     if (reason == "wrong-key") {
         std::string signers;
         for (const RpmCheck& check : report.checks) {
-            if (check.state == RpmCheck::Bad && !check.keyId.empty() && signers.find(check.keyId) == std::string::npos) {
+            if (check.state == RpmCheck::Bad && !check.keyId.empty() &&
+                signers.find(check.keyId) == std::string::npos) {
                 signers += (signers.empty() ? "" : ", ") + check.keyId;
             }
         }
@@ -272,7 +273,8 @@ std::vector<Worker> StartWorkers(const Options& options, const std::string& keyI
             close(ends[0]);
             for (const Worker& other : workers) close(other.fd);
             std::vector<std::uint8_t> frames;
-            for (size_t i = begin; i < end; ++i) AppendOutcome(frames, Outcome(options.packages[i], options.key, keyId));
+            for (size_t i = begin; i < end; ++i)
+                AppendOutcome(frames, Outcome(options.packages[i], options.key, keyId));
             _exit(WriteAll(ends[1], frames.data(), frames.size()) ? 0 : 1);
         }
         if (ends[1] >= 0) close(ends[1]);
@@ -293,7 +295,8 @@ std::string Text(const json& value) {
 std::string VerdictLine(const json& outcome, bool withDetail) {
     const std::string file = Text(outcome["file"]), message = Text(outcome["message"]);
     std::string line = message.find(file) == std::string::npos ? file + ": " + message : message;
-    if (withDetail && outcome["status"] != 0 && outcome.contains("detail")) line += " (" + Text(outcome["detail"]) + ")";
+    if (withDetail && outcome["status"] != 0 && outcome.contains("detail"))
+        line += " (" + Text(outcome["detail"]) + ")";
     return line;
 }
 

@@ -93,12 +93,10 @@ std::string DefaultModule() {
 
 // -1 when the arguments are good, else the exit status to end with.
 int ParseArguments(int argc, char** argv, Options& options) {
-    static const struct option kLong[] = {{"module", required_argument, nullptr, 'm'},
-                                          {"set", required_argument, nullptr, 's'},
-                                          {"json", no_argument, nullptr, 'J'},
-                                          {"help", no_argument, nullptr, 'h'},
-                                          {"version", no_argument, nullptr, 'V'},
-                                          {nullptr, 0, nullptr, 0}};
+    static const struct option kLong[] = {
+        {"module", required_argument, nullptr, 'm'}, {"set", required_argument, nullptr, 's'},
+        {"json", no_argument, nullptr, 'J'},         {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},      {nullptr, 0, nullptr, 0}};
     opterr = 0;
     for (int option; (option = getopt_long(argc, argv, ":m:s:hV", kLong, nullptr)) != -1;) {
         switch (option) {
@@ -106,7 +104,8 @@ int ParseArguments(int argc, char** argv, Options& options) {
             case 's': {
                 const std::string value = optarg;
                 const size_t equals = value.find('=');
-                if (equals == std::string::npos || equals == 0) return UsageError("--set wants KEY=VALUE, not '" + value + "'");
+                if (equals == std::string::npos || equals == 0)
+                    return UsageError("--set wants KEY=VALUE, not '" + value + "'");
                 options.settings.emplace_back(value.substr(0, equals), value.substr(equals + 1));
                 break;
             }
@@ -134,7 +133,9 @@ nlohmann::ordered_json ComponentOutcomes(session_t& session) {
         for (const Component* component : product->components()) {
             const std::string package =
                 expand_operand(&session, component->packageFolder(), true) + "/" + component->packageFile();
-            nlohmann::ordered_json outcome = {{"id", component->id()}, {"package", package}, {"status", nullptr},
+            nlohmann::ordered_json outcome = {{"id", component->id()},
+                                              {"package", package},
+                                              {"status", nullptr},
                                               {"message", "not verified: the check ended before it"}};
             const std::string passed =
                 "component '" + component->id() + "' is not verified because it is not available";

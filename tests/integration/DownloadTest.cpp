@@ -14,8 +14,9 @@ const std::string kData = SIGNING_TEST_DATA, kCases = kData + "/../integration/c
 // python3's http.server on 127.0.0.1 and a free port, serving one folder; its request log is kept.
 struct LoopbackServer {
     LoopbackServer(const std::string& folder, const std::string& log)
-        : pipe(popen(("echo $$; exec python3 -u -m http.server 0 --bind 127.0.0.1 --directory " + folder + " 2>" +
-                      log).c_str(), "r")) {
+        : pipe(popen(("echo $$; exec python3 -u -m http.server 0 --bind 127.0.0.1 --directory " + folder + " 2>" + log)
+                         .c_str(),
+                     "r")) {
         char line[256] = {};  // the pid, then "Serving HTTP on 127.0.0.1 port 40123 (http://127.0.0.1:40123/) ..."
         if (pipe != nullptr && fgets(line, sizeof line, pipe) != nullptr) pid = atoi(line);
         if (pid > 0 && fgets(line, sizeof line, pipe) != nullptr) sscanf(line, "Serving HTTP on %*s port %d", &port);
@@ -42,19 +43,29 @@ TEST(Commands, OutputAndExitStatusOfEachCase) {
     ASSERT_GT(server.port, 0);
     // Fake tools (see check.txt); o: the output file, the last argument.
     const std::string last = "for a; do o=$a; done; ", curl = "[ $1 = curl ] && echo /usr/bin/curl\n";
-    for (const auto& fake : std::map<std::string, std::string>{
-             {"none/.keep", ""}, {"wget/which", "echo /usr/bin/$1\n"}, {"wget-cp/which", "echo /usr/bin/$1\n"},
-             {"wget/wget", last + "[ -e \"$o\" ] && exit 5; exit 4\n"}, {"curl-hup/which", curl},
-             {"wget-cp/wget", last + "/bin/cp $DATA/keys/publisher-2048.asc \"$o\"\n"}, {"curl-ln/which", curl},
-             {"curl-hup/curl", "kill -HUP $PPID; kill -HUP $$\n"}, {"killing/which", "kill $PPID; kill $$\n"},
-             {"curl-ln/curl", last + "/bin/ln -s /dev/null \"$o\"\n"}}) {
+    for (const auto& fake :
+         std::map<std::string, std::string>{{"none/.keep", ""},
+                                            {"wget/which", "echo /usr/bin/$1\n"},
+                                            {"wget-cp/which", "echo /usr/bin/$1\n"},
+                                            {"wget/wget", last + "[ -e \"$o\" ] && exit 5; exit 4\n"},
+                                            {"curl-hup/which", curl},
+                                            {"wget-cp/wget", last + "/bin/cp $DATA/keys/publisher-2048.asc \"$o\"\n"},
+                                            {"curl-ln/which", curl},
+                                            {"curl-hup/curl", "kill -HUP $PPID; kill -HUP $$\n"},
+                                            {"killing/which", "kill $PPID; kill $$\n"},
+                                            {"curl-ln/curl", last + "/bin/ln -s /dev/null \"$o\"\n"}}) {
         chmod(fakes.Write(fake.first, "#!/bin/sh\n" + fake.second).c_str(), 0700);
     }
-    std::map<std::string, std::string> names = {
-        {"DATA", kData}, {"EXAMPLES", SIGNING_EXAMPLES}, {"CASES", kCases}, {"RPM_VERIFY", RPM_VERIFY_TOOL},
-        {"SIGNING_CHECK", SIGNING_CHECK_TOOL}, {"CHECK", std::string(SIGNING_CHECK_TOOL) + " --set DATA=" + kData},
-        {"FAKES", fakes.Path()}, {"SERVER", "http://127.0.0.1:" + std::to_string(server.port)},
-        {"SERVER_LOG", fakes / "requests.log"}, {"PRIVATE", ""}};
+    std::map<std::string, std::string> names = {{"DATA", kData},
+                                                {"EXAMPLES", SIGNING_EXAMPLES},
+                                                {"CASES", kCases},
+                                                {"RPM_VERIFY", RPM_VERIFY_TOOL},
+                                                {"SIGNING_CHECK", SIGNING_CHECK_TOOL},
+                                                {"CHECK", std::string(SIGNING_CHECK_TOOL) + " --set DATA=" + kData},
+                                                {"FAKES", fakes.Path()},
+                                                {"SERVER", "http://127.0.0.1:" + std::to_string(server.port)},
+                                                {"SERVER_LOG", fakes / "requests.log"},
+                                                {"PRIVATE", ""}};
     int count = 0;
     for (const char* file : {"/commands.txt", "/check.txt"}) {
         std::ifstream cases(kCases + file);

@@ -43,7 +43,7 @@ TEST(RpmFixtures, EveryFixtureGetsItsStatusAndMessage) {
         const std::string message = result.message;
         std::free(result.message);
         EXPECT_EQ(result.status, f.status) << f.file << " with " << f.key << ": " << message;
-        EXPECT_EQ(message, f.status < 4 ? path + texts[f.status]
+        EXPECT_EQ(message, f.status < 4                  ? path + texts[f.status]
                            : f.file == "header-only.rpm" ? "Unknown error"
                                                          : "Internal error occured while verifying " + path);
     }
@@ -72,6 +72,7 @@ TEST(RpmFixtures, AgreeWithRpmkeysWhereBothJudge) {
         // rpmkeys accepts a header-only signature; this module wants one over header and payload too.
         // It also reads key blocks with a signing subkey, which this module refuses (keys.txt).
         EXPECT_TRUE(!ok || oracle.second.find("signatures OK") == std::string::npos || f.file == "header-only.rpm" ||
-                    rejected.find(f.key + " ") != std::string::npos || f.status == 0) << context;
+                    rejected.find(f.key + " ") != std::string::npos || f.status == 0)
+            << context;
     }
 }

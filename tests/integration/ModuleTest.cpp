@@ -21,7 +21,7 @@ TEST(PluginModule, ExportedNamesWorkThroughDlopen) {
     const std::string data = SIGNING_TEST_DATA, key = data + "/keys/publisher-2048.asc";
     const std::string other = data + "/rpm/other-key.rpm";
     const std::pair<const char*, std::string> calls[] = {{other.c_str(), other + " has invalid signature."},
-                                                          {nullptr, "rpm_verify: no package file was given"}};
+                                                         {nullptr, "rpm_verify: no package file was given"}};
     for (const auto& call : calls) {
         const RpmVerifyResult result = verify(call.first, call.first == nullptr ? nullptr : key.c_str());
         EXPECT_EQ(std::string(result.message), call.second);

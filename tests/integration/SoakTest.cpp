@@ -44,9 +44,12 @@ const bool kSanitized = false;
 }  // namespace
 
 TEST(Soak, TenThousandCallsKeepDescriptorsAndMemoryFlat) {
-    const std::vector<std::string> packages = {"signed-sha256.rpm", "unsigned.rpm", "tampered-payload.rpm",
-                                               "other-key.rpm", "truncated-signature.rpm", "header-only.rpm"};
-    auto run = [&](int n) { for (int i = 0; i < n; ++i) Verify(kData + "/rpm/" + packages[i % 6], kKey); };
+    const std::vector<std::string> packages = {"signed-sha256.rpm",       "unsigned.rpm",
+                                               "tampered-payload.rpm",    "other-key.rpm",
+                                               "truncated-signature.rpm", "header-only.rpm"};
+    auto run = [&](int n) {
+        for (int i = 0; i < n; ++i) Verify(kData + "/rpm/" + packages[i % 6], kKey);
+    };
     auto descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
     run(1000);  // warm-up: allocator pools, OpenSSL's tables
     const auto open = descriptors();
@@ -90,8 +93,10 @@ TEST(SpecialFiles, FifosDevicesFoldersAndSocketsAreAnsweredPromptly) {
         EXPECT_EQ(Verify(special, kKey), std::make_pair(5, special + " is not an RPM file.")) << special;
     }
     // A FIFO cannot be read at a position, a socket cannot be opened: the reason names the file.
-    EXPECT_EQ(Verify(fifo, kKey), std::make_pair(5, "Could not recognise " + fifo + " - File operation error: Error on "
-                                                    "positioning file '" + fifo + "': Illegal seek"));
+    EXPECT_EQ(Verify(fifo, kKey), std::make_pair(5, "Could not recognise " + fifo +
+                                                        " - File operation error: Error on "
+                                                        "positioning file '" +
+                                                        fifo + "': Illegal seek"));
     EXPECT_EQ(Verify(socketPath, kKey), std::make_pair(5, "File operation error: Cannot open file " + socketPath +
                                                               ": No such device or address"));
     // As keys, each of them leaves the signature check without a key: an internal error.

@@ -35,7 +35,9 @@ inline Bytes PublicKey(EVP_PKEY* key, unsigned char version = 4, unsigned char a
     return Packet(6, Concat({{version}, Be(0x5F000000, 4), {algorithm}, n, e}));
 }
 
-inline Bytes UserId(const std::string& text) { return Packet(13, Bytes(text.begin(), text.end()), 0); }
+inline Bytes UserId(const std::string& text) {
+    return Packet(13, Bytes(text.begin(), text.end()), 0);
+}
 
 // The digest of an OpenPGP hash id (RFC 4880, 9.4); SHA-256 for ids the module refuses.
 inline const EVP_MD* MdOf(int hashId) {
@@ -59,7 +61,10 @@ inline Bytes SignatureHash(const std::string& data, const SignatureOptions& o) {
     const Bytes area = Concat({{5, 2}, Be(o.created, 4)});
     const Bytes fields = o.version == 3 ? Concat({{o.type}, Be(o.created, 4)})
                                         : Concat({{4, o.type, 1, static_cast<unsigned char>(o.hashId)},
-                                                  Be(area.size(), 2), area, {4, 0xFF}, Be(area.size() + 6, 4)});
+                                                  Be(area.size(), 2),
+                                                  area,
+                                                  {4, 0xFF},
+                                                  Be(area.size() + 6, 4)});
     return HashOf(MdOf(o.hashId), data + std::string(fields.begin(), fields.end()));
 }
 // With leadingZero the creation time moves on one second at a time until the value starts with a
@@ -78,8 +83,13 @@ inline Bytes SignaturePacket(EVP_PKEY* key, const std::string& data, SignatureOp
     if (o.version == 3) {
         return Packet(2, Concat({{3, 5, o.type}, Be(o.created, 4), o.issuer, {1, hashId}, left16, Mpi(value)}));
     }
-    return Packet(2, Concat({{4, o.type, 1, hashId, 0, 6, 5, 2}, Be(o.created, 4), Be(o.issuer.size() + 2, 2),
-                             {9, 16}, o.issuer, left16, Mpi(value)}));
+    return Packet(2, Concat({{4, o.type, 1, hashId, 0, 6, 5, 2},
+                             Be(o.created, 4),
+                             Be(o.issuer.size() + 2, 2),
+                             {9, 16},
+                             o.issuer,
+                             left16,
+                             Mpi(value)}));
 }
 // A key block: public key, user ID and a self-signature naming issuer.
 inline Bytes KeyBlock(EVP_PKEY* key, const Bytes& issuer) {

@@ -8,8 +8,12 @@ namespace rpm {
 
 using pgp::Be, pgp::Concat;
 
-inline std::string Text(const Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); }
-inline Bytes BytesOf(const std::string& text) { return Bytes(text.begin(), text.end()); }
+inline std::string Text(const Bytes& bytes) {
+    return std::string(bytes.begin(), bytes.end());
+}
+inline Bytes BytesOf(const std::string& text) {
+    return Bytes(text.begin(), text.end());
+}
 
 // An index entry and its value: type 6 is a string (the value without its NUL), 7 binary.
 struct Entry {
@@ -46,7 +50,9 @@ struct PackageOptions {
 };
 
 // The main header: a name; its contents do not matter to the signature check.
-inline Bytes MainHeader() { return HeaderStructure({{1000, 6, BytesOf("hello")}}); }
+inline Bytes MainHeader() {
+    return HeaderStructure({{1000, 6, BytesOf("hello")}});
+}
 
 // The signature header's entries: region tag 62 first, then 269 (lower-case hex), 1004, 268, the 1002s.
 inline std::vector<Entry> SignatureEntries(const PackageOptions& o) {

@@ -13,11 +13,19 @@
 using soapWrap::HashAlgorithm;
 
 namespace {
-HashAlgorithm Type(const std::string& number) { return HashAlgorithm(std::stoi(number)); }
-std::string Number(int value) { return std::to_string(value); }
-std::string Value(DigestBase& digest) { return Hex(digest.GetValue(), digest.GetLength()); }
+HashAlgorithm Type(const std::string& number) {
+    return HashAlgorithm(std::stoi(number));
+}
+std::string Number(int value) {
+    return std::to_string(value);
+}
+std::string Value(DigestBase& digest) {
+    return Hex(digest.GetValue(), digest.GetLength());
+}
 
-HashAlgorithm ByName(const std::string& n) { return Digest::GetTypeByNid(EVP_MD_nid(EVP_get_digestbyname(n.c_str()))); }
+HashAlgorithm ByName(const std::string& n) {
+    return Digest::GetTypeByNid(EVP_MD_nid(EVP_get_digestbyname(n.c_str())));
+}
 
 std::string Hash(const Args& a) {  // the catalogue's entry, read through a digest object
     const Digest d(Type(a[0]));
@@ -66,10 +74,14 @@ std::string Rsa(const Args& a) {
     for (int& i = zeroAt[a[0] + a[1]]; zero && (value[0] != 0 || value[1] == 0); ++i)
         value = SignDigest(key, md, digest = HashOf(md, "payload " + std::to_string(i)));
     const std::map<std::string, std::function<void()>> changes = {
-        {"digest", [&] { digest[0] ^= 1; }}, {"flip", [&] { value[value.size() / 2] ^= 0x40; }},
-        {"cut", [&] { value.pop_back(); }},  {"short", [&] { value.erase(value.begin()); }},
-        {"long", [&] { value.insert(value.begin(), 0); }}, {"lone-zero", [&] { value = Bytes(1, 0); }},
-        {"shorter", [&] { value.erase(value.begin(), value.begin() + 2); }}, {"empty", [&] { value.clear(); }}};
+        {"digest", [&] { digest[0] ^= 1; }},
+        {"flip", [&] { value[value.size() / 2] ^= 0x40; }},
+        {"cut", [&] { value.pop_back(); }},
+        {"short", [&] { value.erase(value.begin()); }},
+        {"long", [&] { value.insert(value.begin(), 0); }},
+        {"lone-zero", [&] { value = Bytes(1, 0); }},
+        {"shorter", [&] { value.erase(value.begin(), value.begin() + 2); }},
+        {"empty", [&] { value.clear(); }}};
     if (changes.count(a[3])) changes.at(a[3])();
     Bytes n = KeyComponent(key, OSSL_PKEY_PARAM_RSA_N), e = KeyComponent(key, OSSL_PKEY_PARAM_RSA_E);
     n.insert(n.begin(), a[2] == "padded" ? 3 : 0, 0);
@@ -105,7 +117,11 @@ std::string Pss(const Args& a) {
 const Operations kOperations = {
     {"pss", Pss},
     {"errors", [](const Args&) { return std::string(std::unique_ptr<char[]>(RsaCsp::GetErrorMessage()).get()); }},
-    {"hash", Hash}, {"openssl", OpenSsl}, {"digest", DigestOf}, {"copy", Copy}, {"rsa", Rsa},
+    {"hash", Hash},
+    {"openssl", OpenSsl},
+    {"digest", DigestOf},
+    {"copy", Copy},
+    {"rsa", Rsa},
     {"name", [](const Args& a) { return Digest::GetTypeName(Type(a[0])); }},
     {"length", [](const Args& a) { return Number(Digest::GetLength(Type(a[0]))); }},
     {"md", [](const Args& a) { return Number(EVP_MD_get_type(Digest::GetMd(Type(a[0])))); }},

@@ -13,8 +13,12 @@
 typedef std::vector<std::string> Args;
 typedef std::map<std::string, std::function<std::string(const Args&)>> Operations;
 
-inline std::string Hex(const unsigned char* data, size_t size) { return Base::DumpBufferToString(data, size, false); }
-inline std::string Text(const Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); }
+inline std::string Hex(const unsigned char* data, size_t size) {
+    return Base::DumpBufferToString(data, size, false);
+}
+inline std::string Text(const Bytes& bytes) {
+    return std::string(bytes.begin(), bytes.end());
+}
 
 inline Bytes Unhex(const std::string& hex) {  // blanks between octets are skipped
     Bytes bytes;

@@ -69,16 +69,32 @@ std::list<std::string> Split(const std::string& text) {
     return items;
 }
 
-const unsigned char* Bytes(const std::string& text) { return reinterpret_cast<const unsigned char*>(text.data()); }
-unsigned long long N(const std::string& text) { return std::stoull(text, nullptr, 0); }
+const unsigned char* Bytes(const std::string& text) {
+    return reinterpret_cast<const unsigned char*>(text.data());
+}
+unsigned long long N(const std::string& text) {
+    return std::stoull(text, nullptr, 0);
+}
 // A number of a table as the type of the parameter it is passed to (wrapping as a conversion does).
 template <typename T>
-T As(const std::string& text) { return static_cast<T>(N(text)); }
-uint32_t Size(const std::string& text) { return static_cast<uint32_t>(text.size()); }
-std::string Bool(bool value) { return value ? "true" : "false"; }
-std::string Hex(unsigned long long v) { char t[24]; std::snprintf(t, sizeof t, "0x%llx", v); return t; }
+T As(const std::string& text) {
+    return static_cast<T>(N(text));
+}
+uint32_t Size(const std::string& text) {
+    return static_cast<uint32_t>(text.size());
+}
+std::string Bool(bool value) {
+    return value ? "true" : "false";
+}
+std::string Hex(unsigned long long v) {
+    char t[24];
+    std::snprintf(t, sizeof t, "0x%llx", v);
+    return t;
+}
 // The test's own system calls answer nothing when they work.
-std::string Sys(int result) { return result == 0 ? "" : "<failed: " + std::string(std::strerror(errno)) + ">"; }
+std::string Sys(int result) {
+    return result == 0 ? "" : "<failed: " + std::string(std::strerror(errno)) + ">";
+}
 
 // The dynamic class of what was thrown: the mangled name of a global class is its length and name.
 std::string ClassOf(const std::exception& e) {
@@ -86,14 +102,28 @@ std::string ClassOf(const std::exception& e) {
     return name.substr(name.find_first_not_of("0123456789"));
 }
 
-#define PREFIXED(C) {#C, [](const Args& a) { if (a.size() < 2) throw C(); throw C(a[1]); }}
-#define PLAIN(C) {#C, [](const Args& a) { throw C(a.at(1)); }}
+#define PREFIXED(C)                                                   \
+    {                                                                 \
+#C, [](const Args& a) { if (a.size() < 2) throw C(); throw C(a[1]); } \
+    }
+#define PLAIN(C)                                    \
+    {                                               \
+#C, [](const Args& a) { throw C(a.at(1)); } \
+    }
 const std::map<std::string, std::function<void(const Args&)>> kThrowers = {
-    PREFIXED(FileIoException), PREFIXED(DigestException), PREFIXED(NotImplementedException),
-    PREFIXED(FileNotFoundException), PREFIXED(InvalidFileStructureException),
-    PREFIXED(NotSupportedFileFormatException), PREFIXED(ArgumentException), PREFIXED(DataFormatException),
-    PREFIXED(Pkcs7InnerException), PLAIN(NotSupportedException), PLAIN(NotDefinedException),
-    PLAIN(Base64OperationException), PLAIN(InternalErrorException),
+    PREFIXED(FileIoException),
+    PREFIXED(DigestException),
+    PREFIXED(NotImplementedException),
+    PREFIXED(FileNotFoundException),
+    PREFIXED(InvalidFileStructureException),
+    PREFIXED(NotSupportedFileFormatException),
+    PREFIXED(ArgumentException),
+    PREFIXED(DataFormatException),
+    PREFIXED(Pkcs7InnerException),
+    PLAIN(NotSupportedException),
+    PLAIN(NotDefinedException),
+    PLAIN(Base64OperationException),
+    PLAIN(InternalErrorException),
     {"FileIoException/char", [](const Args& a) { throw FileIoException(a.at(1).c_str()); }},
     {"DigestException/char", [](const Args& a) { throw DigestException(a.at(1).c_str()); }}};
 
@@ -112,16 +142,23 @@ std::string Matches(int count, const std::list<std::string>& found) {
 }
 
 // An operation reads its arguments a and the script s; OP gives its answer, DO answers nothing.
-#define OP(...) [](Script & s, const Args & a) -> std::string { (void)s, (void)a; __VA_ARGS__ }
+#define OP(...)                                   \
+    [](Script& s, const Args& a) -> std::string { \
+        (void)s, (void)a;                         \
+        __VA_ARGS__                               \
+    }
 #define DO(...) OP(__VA_ARGS__; return std::string();)
 #define IS(...) OP(return __VA_ARGS__;)
 const std::map<std::string, Operation> kOperations = {
     // Exceptions, Base, UTC time, slre.
     {"throw", OP(kThrowers.at(a[0])(a); return "<nothing thrown>";)},
-    {"family", OP(try { kThrowers.at(a[0])(Args{a[0], "d"}); } catch (const std::exception& e) {
-         return std::string(dynamic_cast<const FileIoException*>(&e) ? "FileIoException," : "") +
-                (dynamic_cast<const std::runtime_error*>(&e) ? "runtime_error" : "");
-     } return "<nothing thrown>";)},
+    {"family", OP(
+                   try {
+                       kThrowers.at(a[0])(Args{a[0], "d"});
+                   } catch (const std::exception& e) {
+                       return std::string(dynamic_cast<const FileIoException*>(&e) ? "FileIoException," : "") +
+                              (dynamic_cast<const std::runtime_error*>(&e) ? "runtime_error" : "");
+                   } return "<nothing thrown>";)},
     {"align", IS(std::to_string(Base::AlignUp(As<uint32_t>(a[0]), As<uint32_t>(a[1]))))},
     {"roundup", IS(std::to_string(Base::RoundUp(As<uint32_t>(a[0]), N(a[1]) & 0xFF)))},
     {"rfind", IS(std::to_string(Base::RFind(a[0].data(), Size(a[0]), a[1].data(), Size(a[1]))))},
@@ -135,32 +172,32 @@ const std::map<std::string, Operation> kOperations = {
                 return testing::internal::GetCapturedStdout();)},
     {"utc", OP(struct tm t = {}; long long year = 0;
                EXPECT_EQ(std::sscanf(a[0].c_str(), "%lld-%d-%d %d:%d:%d", &year, &t.tm_mon, &t.tm_mday, &t.tm_hour,
-                                     &t.tm_min, &t.tm_sec), 6);
+                                     &t.tm_min, &t.tm_sec),
+                         6);
                t.tm_year = static_cast<int>(year - 1900), t.tm_mon -= 1, t.tm_wday = 5, t.tm_yday = 300;  // ignored
                return std::to_string(mktime_utc(&t));)},
     {"leap", IS(Bool(is_leap_year(std::stoi(a[0]))))},
     {"leapsec", IS(std::to_string(leap_seconds(std::stoi(a[0]))))},
     {"re", IS(std::to_string(slre_match(a[0].c_str(), a[1].data(), static_cast<int>(a[1].size()), nullptr, 0,
                                         a.size() > 2 && a[2] == "i" ? SLRE_IGNORE_CASE : 0)))},
-    {"cap", OP(slre_cap caps[4]; std::list<std::string> texts;
-               const int n = As<int>(a[2]);
+    {"cap", OP(slre_cap caps[4]; std::list<std::string> texts; const int n = As<int>(a[2]);
                const int end = slre_match(a[0].c_str(), a[1].data(), static_cast<int>(a[1].size()), caps, n, 0);
                for (int i = 0; end >= 0 && i < n; ++i)
                    texts.push_back(caps[i].ptr ? std::string(caps[i].ptr, caps[i].len) : "-");
                return std::to_string(end) + ":" + Join(texts);)},
     // Wildcards: a lister over a made-up file system (it records the folder it is asked for).
     {"listed", DO(s.listed = Split(a[0]))},
-    {"glob", OP(auto lister = [&s](std::list<std::string>* list, const std::string& folder) {
-         s.asked = folder;
-         const std::string prefix = folder.back() == '/' ? folder : folder + "/";
-         for (const std::string& path : s.listed)
-             if (path.compare(0, prefix.size(), prefix) == 0) list->push_back(path.substr(prefix.size()));
-     };
-     std::list<std::string> found{"earlier"};
-     const int count = FileHelper::ParseWildcards(a[0], found, lister);
-     if (found.front() != "earlier") return "<earlier entries lost>";
-     found.pop_front();
-     return s.asked + " -> " + Matches(count, found);)},
+    {"glob",
+     OP(auto lister =
+            [&s](std::list<std::string>* list, const std::string& folder) {
+                s.asked = folder;
+                const std::string prefix = folder.back() == '/' ? folder : folder + "/";
+                for (const std::string& path : s.listed)
+                    if (path.compare(0, prefix.size(), prefix) == 0) list->push_back(path.substr(prefix.size()));
+            };
+        std::list<std::string> found{"earlier"}; const int count = FileHelper::ParseWildcards(a[0], found, lister);
+        if (found.front() != "earlier") return "<earlier entries lost>"; found.pop_front();
+        return s.asked + " -> " + Matches(count, found);)},
     {"fsglob", OP(std::list<std::string> found; const int count = FileHelper::ParseWildcards(a[0], found);
                   return Matches(count, found);)},
     {"stubs", OP(std::list<std::string> f; const int n = FileHelper::GetFileList(a[0], f);
@@ -171,11 +208,11 @@ const std::map<std::string, Operation> kOperations = {
     {"make-dir", IS(Sys(mkdir(a[0].c_str(), 0) + chmod(a[0].c_str(), As<mode_t>(a[1]))))},
     {"make-link", IS(Sys(symlink(a[0].c_str(), a[1].c_str())))},
     {"make-fifo", IS(Sys(mkfifo(a[0].c_str(), 0600)))},
-    {"make-socket", OP(const int fd = socket(AF_UNIX, SOCK_STREAM, 0); sockaddr_un address = {};
-                       address.sun_family = AF_UNIX;
-                       std::strncpy(address.sun_path, a[0].c_str(), sizeof address.sun_path - 1);
-                       const int result = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-                       return Sys(result + close(fd));)},
+    {"make-socket",
+     OP(const int fd = socket(AF_UNIX, SOCK_STREAM, 0); sockaddr_un address = {}; address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, a[0].c_str(), sizeof address.sun_path - 1);
+        const int result = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        return Sys(result + close(fd));)},
     {"chmod", IS(Sys(chmod(a[0].c_str(), As<mode_t>(a[1]))))},
     {"set-size", IS(Sys(truncate(a[0].c_str(), N(a[1]))))},
     {"set-mtime", OP(const timeval times[2] = {{static_cast<time_t>(N(a[1])), 0}, {static_cast<time_t>(N(a[1])), 0}};
@@ -185,25 +222,34 @@ const std::map<std::string, Operation> kOperations = {
     {"umask", DO(umask(As<mode_t>(a[0])))},
     {"mode", OP(struct stat st = {}; char text[8]; if (stat(a[0].c_str(), &st) != 0) return Sys(-1);
                 std::snprintf(text, sizeof text, "%04o", st.st_mode & 07777u); return text;)},
-    {"content", OP(std::ifstream in(a[0], std::ios::binary);
-                   return std::string(std::istreambuf_iterator<char>(in), {});)},
+    {"content",
+     OP(std::ifstream in(a[0], std::ios::binary); return std::string(std::istreambuf_iterator<char>(in), {});)},
     // FileHelper objects.
     {"open", DO(s.files[a[0]].reset(new FileHelper(a[1])))},
     {"open2", DO(s.files[a[0]].reset(new FileHelper(a[1], a[2], a[3] == "r")))},
-    {"info", OP(FileHelper& f = s[a[0]];
-                return std::string(f.IsFolder() ? "folder" : "file") + (f.IsReadOnly() ? " read-only " : " ") +
-                       std::to_string(f.GetBufferSize()) + " " + f.GetPath();)},
+    {"info", OP(FileHelper& f = s[a[0]]; return std::string(f.IsFolder() ? "folder" : "file") +
+                                                (f.IsReadOnly() ? " read-only " : " ") +
+                                                std::to_string(f.GetBufferSize()) + " " + f.GetPath();)},
     {"close", DO(s[a[0]].Close())},
     // Closes the object's descriptor behind its back, so that its own close fails.
-    {"steal", DO(for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
+    {"steal", DO(for (const auto& fd
+                      : std::filesystem::directory_iterator("/proc/self/fd")) {
          std::error_code error;
          if (std::filesystem::read_symlink(fd.path(), error) == s[a[0]].GetPath())
              close(std::stoi(fd.path().filename()));
      })},
     {"delete", DO(delete s.files.at(a[0]).release())},
-    {"delete-unwinding", OP(struct Deleter { FileHelper* f; ~Deleter() { delete f; } };
-                            try { Deleter d{s.files.at(a[0]).release()}; throw std::logic_error("unwound"); }
-                            catch (const std::logic_error& e) { return e.what(); })},
+    {"delete-unwinding", OP(
+                             struct Deleter {
+                                 FileHelper* f;
+                                 ~Deleter() {
+                                     delete f;
+                                 }
+                             };
+                             try {
+                                 Deleter d{s.files.at(a[0]).release()};
+                                 throw std::logic_error("unwound");
+                             } catch (const std::logic_error& e) { return e.what(); })},
     {"remove", DO(s[a[0]].Remove())},
     {"pos", IS(std::to_string(s[a[0]].SetPosition(N(a[1]))))},
     {"read", OP(std::vector<char> buffer(As<size_t>(a[2]));
@@ -239,8 +285,8 @@ const std::map<std::string, Operation> kOperations = {
     {"cwd", IS(FileHelper::GetWorkingDirectory())},
     {"exedir", IS(FileHelper::GetExecutableDirectory())},
     {"inherit", DO(FileHelper::InheritParentPermissions(a[0]))},
-    {"list", OP(std::list<std::string> found; FileHelper::GetFolderContent(&found, a[0]); found.sort();
-                return Join(found);)},
+    {"list",
+     OP(std::list<std::string> found; FileHelper::GetFolderContent(&found, a[0]); found.sort(); return Join(found);)},
     {"walk", OP(std::list<std::string> found; const int action = std::stoi(a[2]);
                 FileHelper::ProcessFolder(&found, a[0], a[1], static_cast<FileHelper::FolderAction>(action));
                 found.sort(); return Join(found);)},
@@ -262,10 +308,14 @@ TEST_P(FoundationVectors, EveryRowGivesItsResult) {
     struct Restore {
         const std::string cwd = std::filesystem::current_path().string();
         const mode_t mask = umask(022);
-        ~Restore() { umask(mask); EXPECT_EQ(chdir(cwd.c_str()), 0); }
+        ~Restore() {
+            umask(mask);
+            EXPECT_EQ(chdir(cwd.c_str()), 0);
+        }
     } restore;
     const std::map<std::string, std::string> places = {
-        {"{T}", script.temp.Path()}, {"{CWD}", restore.cwd},
+        {"{T}", script.temp.Path()},
+        {"{CWD}", restore.cwd},
         {"{EXE}", std::filesystem::read_symlink("/proc/self/exe").parent_path().string()}};
     int rows = 0;
     std::string line;

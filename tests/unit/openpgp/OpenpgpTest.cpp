@@ -19,17 +19,35 @@ const Bytes kIssuer(8, 0x11);  // the writer's default issuer
 TempFolder temp;
 
 // A copy of exactly the given bytes (or hex), so that a read past them is caught by the sanitizers.
-std::vector<char> Exact(const std::string& text) { return std::vector<char>(text.begin(), text.end()); }
-std::vector<char> Raw(const std::string& hex) { return Exact(Text(Unhex(hex))); }
+std::vector<char> Exact(const std::string& text) {
+    return std::vector<char>(text.begin(), text.end());
+}
+std::vector<char> Raw(const std::string& hex) {
+    return Exact(Text(Unhex(hex)));
+}
 // The size of a buffer made here as the length the module's interfaces take.
 template <typename Buffer>
-unsigned int Length(const Buffer& buffer) { return static_cast<unsigned int>(buffer.size()); }
-std::string Value(const MPI* mpi) { return Hex(mpi->GetValue(), static_cast<size_t>(mpi->GetLengthInBytes())); }
-int Number(const std::string& text) { return std::stoi(text); }
-std::string Number(uint64_t value) { return std::to_string(value); }
-PgpSignatureVersion Version(const std::string& text) { return PgpSignatureVersion(Number(text)); }
-soapWrap::CertificateFileFormat Format(const std::string& t) { return soapWrap::CertificateFileFormat(Number(t)); }
-CertificateManager& Manager() { return *CertificateManager::Instance(); }
+unsigned int Length(const Buffer& buffer) {
+    return static_cast<unsigned int>(buffer.size());
+}
+std::string Value(const MPI* mpi) {
+    return Hex(mpi->GetValue(), static_cast<size_t>(mpi->GetLengthInBytes()));
+}
+int Number(const std::string& text) {
+    return std::stoi(text);
+}
+std::string Number(uint64_t value) {
+    return std::to_string(value);
+}
+PgpSignatureVersion Version(const std::string& text) {
+    return PgpSignatureVersion(Number(text));
+}
+soapWrap::CertificateFileFormat Format(const std::string& t) {
+    return soapWrap::CertificateFileFormat(Number(t));
+}
+CertificateManager& Manager() {
+    return *CertificateManager::Instance();
+}
 
 // "key BITS N E; sig vV tTYPE aALG hHASH H/U issuer ID left BITS value V", or "-".
 std::string Summary(const std::string& input) {
@@ -66,7 +84,9 @@ std::string KeyFile(const std::string& name) {
         mine.type = theirs.type = 0x13, theirs.issuer = Bytes(8, 0x99);
         const Bytes block = KeyBlock(key, kIssuer), own = SignaturePacket(key, "key", mine),
                     foreign = SignaturePacket(key, "key", theirs);
-        files = {{"armored", Armor(block)}, {"binary", Text(block)}, {"bare", Armor(PublicKey(key))},
+        files = {{"armored", Armor(block)},
+                 {"binary", Text(block)},
+                 {"bare", Armor(PublicKey(key))},
                  {"crlf", Armor(block, "\r\n", "Version: 1\r\nComment: x\r\n")},
                  {"foreign-last", Text(Concat({PublicKey(key), own, UserId("u"), foreign}))},
                  {"own-last", Text(Concat({PublicKey(key), foreign, own}))}};
@@ -126,7 +146,11 @@ std::string Cursor(const Args& a) {
     const std::vector<char> bytes = Raw(a[0]);
     ByteCursor cursor(bytes.data(), bytes.size(), "Test data");
     std::istringstream words(a[1]);
-    auto n = [&] { std::string w; words >> w; return std::stoull(w); };
+    auto n = [&] {
+        std::string w;
+        words >> w;
+        return std::stoull(w);
+    };
     auto step = [&](const std::string& op) -> std::string {
         char text[16];
         if (op[0] == 'u') {
@@ -176,25 +200,29 @@ const Operations kOperations = {
     {"packets", [](const Args& a) { return Summary(Text(Unhex(a[0]))); }},
     {"packets-text", [](const Args& a) { return Summary(a[0]); }},
     {"cursor", Cursor},
-    {"armor", [](const Args& a) {
+    {"armor",
+     [](const Args& a) {
          const std::vector<char> text = Exact(a[0]);
          char* body = nullptr;
          unsigned int n = 0;
          const bool found = PgpMessage::SkipHeader(text.data(), text.size(), &body, n);
          return found ? "[" + std::string(body, n) + "]" : "not found";
      }},
-    {"mpi", [](const Args& a) {
+    {"mpi",
+     [](const Args& a) {
          const std::vector<char> bytes = Raw(a[0]);
          std::unique_ptr<MPI> m(a.size() == 2 ? new MPI(bytes.data(), std::stoull(a[1]))
                                               : new MPI(bytes.data(), std::stoull(a[1]), std::stoull(a[2])));
          return Number(m->GetLengthInBits()) + "/" + Number(m->GetLengthInBytes()) + ":" + Value(m.get());
      }},
-    {"length-tag", [](const Args& a) {
+    {"length-tag",
+     [](const Args& a) {
          unsigned int header = 0;
          const uint32_t length = PgpPacket::ParseLengthTag(Raw(a[0]).data(), header);
          return Number(length) + "/" + Number(header);
      }},
-    {"build", [](const Args& a) {
+    {"build",
+     [](const Args& a) {
          const PgpSignatureData d(Version(a[0]), "12345678", 2048, PgpSignatureType(Number(a[1])),
                                   PgpHashAlgorithm(Number(a[2])));
          return Number(d.GetHashedLength()) + "/" + Number(d.GetUnhashedLength()) + " " + Hex(d.GetHashedData(), 1);
@@ -204,14 +232,16 @@ const Operations kOperations = {
     {"verify", Verify},
     {"sign", Sign},
     {"load", [](const Args& a) { return Certificate(Manager().LoadCertificateFromFile(KeyFile(a[0]), Format("2"))); }},
-    {"key-file", [](const Args& a) {  // copied to one path, which the manager reads again on each load
+    {"key-file",
+     [](const Args& a) {  // copied to one path, which the manager reads again on each load
          if (!a[0].empty()) remove((temp / "key").c_str()), std::filesystem::copy_file(KeyFile(a[0]), temp / "key");
          Manager().SetPgpPublicKeyFilePath(a[0].empty() ? "" : temp / "key");
          return "";
      }},
     {"load-key", [](const Args&) { return Certificate(Manager().LoadPgpPublicKey()); }},
     {"kept", [](const Args& a) { return Certificate(Manager().GetCertificate(Format(a[0]))); }},
-    {"create", [](const Args& a) {
+    {"create",
+     [](const Args& a) {
          return Certificate(Manager().CreateCertificate(Raw(a[1]).data(), Length(Unhex(a[1])), Format(a[0])));
      }},
     {"null-certificate", [](const Args&) { return Certificate(std::make_unique<PgpCertificate>(nullptr).get()); }},

@@ -40,9 +40,10 @@ TEST(PrerequisiteStatus, WarningEntriesByCode) {
         session["SIGNIFICANCE"] = "1";
         _signing_set_optional_prerequisite_status(session.get(), row.first);
         const std::string key = ";SIGNING_prereq_war_signing_check_" + row.second;
-        EXPECT_EQ(session->assignments, (std::vector<std::pair<std::string, std::string>>{
-                                            {"SIGNIFICANCE", "1;0"}, {"SHORT_DESC", key + "_short_desc"},
-                                            {"FULL_DESC", key + "_full_desc"}}));
+        EXPECT_EQ(
+            session->assignments,
+            (std::vector<std::pair<std::string, std::string>>{
+                {"SIGNIFICANCE", "1;0"}, {"SHORT_DESC", key + "_short_desc"}, {"FULL_DESC", key + "_full_desc"}}));
         EXPECT_EQ(session->log, Lines{"_signing_set_optional_prerequisite_status: 1;0"});
     }
 }
@@ -60,13 +61,13 @@ TEST(PrerequisiteCheck, PackageWalkProgressLogAndOneErrorEntry) {
     auto unavailable = [](const std::string& id) {
         return "signing_validate_package_list: component '" + id + "' is not verified because it is not available";
     };
-    EXPECT_EQ(session->log,
-              (Lines{"signing_validate_package_list: started", "signing_get_public_key: public key specified by user " +
-                     kKey, Result(0, "signed-sha256.rpm", " is signed."), unavailable("missing.rpm"),
-                     Result(3, "tampered-payload.rpm", " has invalid hash."), unavailable("signed-sha1.rpm"),
-                     Result(2, "other-key.rpm", " has invalid signature."),
-                     Result(0, "signed-sha512.rpm", " is signed."), "signing_validate_package_list: 0;1",
-                     "signing_validate_package_list: finished"}));
+    EXPECT_EQ(
+        session->log,
+        (Lines{"signing_validate_package_list: started", "signing_get_public_key: public key specified by user " + kKey,
+               Result(0, "signed-sha256.rpm", " is signed."), unavailable("missing.rpm"),
+               Result(3, "tampered-payload.rpm", " has invalid hash."), unavailable("signed-sha1.rpm"),
+               Result(2, "other-key.rpm", " has invalid signature."), Result(0, "signed-sha512.rpm", " is signed."),
+               "signing_validate_package_list: 0;1", "signing_validate_package_list: finished"}));
     EXPECT_EQ(session["SHORT_DESC"], ";SIGNING_prereq_err_signing_check_short_desc");
     EXPECT_EQ(session["FULL_DESC"], ";SIGNING_prereq_err_signing_check_full_desc");
 }

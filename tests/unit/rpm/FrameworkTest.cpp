@@ -47,10 +47,10 @@ TEST(RpmSignerFramework, CreatorSignerAndEntry) {
     auto* rpm = dynamic_cast<RpmSigner*>(signer.get());
     ASSERT_NE(rpm, nullptr);
     EXPECT_TRUE(signer->GetInputFile() == nullptr && signer->GetOutputFile() == nullptr && !signer->GetDigest());
-    EXPECT_EQ(std::make_tuple(signer->GetSettingA(), signer->GetCreationArgument(), signer->GetSettingB(),
-                              rpm->GetSettingC(), rpm->GetSignatureEntryCount(), signer->GetFileType(),
-                              signer->IsCatSpecificContentInfo()),
-              std::make_tuple(1, 7u, true, 1, 0u, 4, false));
+    EXPECT_EQ(
+        std::make_tuple(signer->GetSettingA(), signer->GetCreationArgument(), signer->GetSettingB(), rpm->GetSettingC(),
+                        rpm->GetSignatureEntryCount(), signer->GetFileType(), signer->IsCatSpecificContentInfo()),
+        std::make_tuple(1, 7u, true, 1, 0u, 4, false));
     EXPECT_EQ(MessageOf<NotImplementedException>([&] { signer->BuildContentInfo(true); }),
               "Not implemented: RpmSigner::BuildContentInfo() is not implemented");
     EXPECT_EQ(MessageOf<NotImplementedException>([&] { signer->BuildContentInfo(soapWrap::Sha1, true); }),
@@ -73,8 +73,10 @@ TEST(RpmSignerFramework, CreatorSignerAndEntry) {
         {missing, key, "5 " + notFound},
         // Each call sets its own key path: the same package, another key, another verdict.
         {package, key, "0 " + package + " is signed."},
-        {package, otherKey, "2 " + package + " has invalid signature. | RSA signature is not valid.  The file was "
-                                             "signed with a different PGP certificate"},
+        {package, otherKey,
+         "2 " + package +
+             " has invalid signature. | RSA signature is not valid.  The file was "
+             "signed with a different PGP certificate"},
         {package, key, "0 " + package + " is signed."},
         {package, missing, "5 Internal error occured while verifying " + package + " | " + notFound}};
     for (const auto& row : rows) EXPECT_EQ(Verify(row[0], row[1]), row[2]);

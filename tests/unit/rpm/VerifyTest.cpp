@@ -9,7 +9,9 @@ namespace {
 
 using Sig = pgp::SignatureOptions;
 
-bool Known(const std::string& list, const std::string& w) { return (" " + list + " ").find(" " + w + " ") != -1ul; }
+bool Known(const std::string& list, const std::string& w) {
+    return (" " + list + " ").find(" " + w + " ") != -1ul;
+}
 
 Sig Kind(Sig s, const std::string& kind) {
     EXPECT_TRUE(Known("good bits foreign broken zero none", kind)) << kind;
@@ -81,7 +83,10 @@ TEST(RpmVerify, Verdicts) {
 // and SHA-1 again when that is not SHA-1. The payload is read in blocks of 65536 bytes.
 TEST(RpmVerify, DigestSlotsAcrossPayloadBlocks) {
     TempFolder temp;
-    struct Case { int hashId; size_t total; };  // total: main header and payload; hash 0: no header signature
+    struct Case {
+        int hashId;
+        size_t total;
+    };  // total: main header and payload; hash 0: no header signature
     for (const Case& c : {Case{0, 65536}, Case{2, 65535}, Case{8, 2 * 65536}, Case{1, 65537}, Case{10, 2 * 65536 + 1},
                           Case{9, 3 * 65536}, Case{11, 100}}) {
         PackageOptions o;
