@@ -51,7 +51,7 @@ struct SignatureOptions {
     unsigned char type = 0x00;
     Bytes issuer = Bytes(8, 0x11);
     uint32_t created = 0x60000000;  // creation time (version 4: the one hashed subpacket)
-    bool breakLeft16 = false;       // wrong quick-check bits
+    int breakLeft16 = 0;            // wrong quick-check bits: 1 the first octet, 2 the second
     bool breakValue = false;        // an RSA value that does not verify
     bool leadingZero = false;       // a value whose first octet is zero (an MPI shorter than the key)
 };
@@ -78,7 +78,8 @@ inline Bytes SignaturePacket(EVP_PKEY* key, const std::string& data, SignatureOp
     }
     if (o.breakValue) value[value.size() / 2] ^= 0x01;
     Bytes left16(digest.begin(), digest.begin() + 2);
-    if (o.breakLeft16) left16[0] ^= 0xFF;
+    if (o.breakLeft16 & 1) left16[0] ^= 0xFF;
+    if (o.breakLeft16 & 2) left16[1] ^= 0xFF;
     const unsigned char hashId = static_cast<unsigned char>(o.hashId);
     if (o.version == 3) {
         return Packet(2, Concat({{3, 5, o.type}, Be(o.created, 4), o.issuer, {1, hashId}, left16, Mpi(value)}));

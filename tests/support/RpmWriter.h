@@ -2,6 +2,8 @@
 // A test-side RPM package writer: lead, signature header, main header and payload, byte by byte. It
 // reaches what no tool makes: version 3 packets, several or duplicated entries, missing digest tags.
 
+#include <optional>
+
 #include "PgpWriter.h"
 
 namespace rpm {
@@ -19,13 +21,14 @@ inline Bytes BytesOf(const std::string& text) {
 struct Entry {
     uint32_t tag, type;
     Bytes value;
+    std::optional<uint32_t> count = std::nullopt;  // the index count, when not the value's own
 };
 
 // A header structure: 8E AD E8 01, reserved, index count, data size, the index, the store.
 inline Bytes HeaderStructure(const std::vector<Entry>& entries) {
     Bytes index, store;
     for (const Entry& e : entries) {
-        const size_t count = e.type == 7 ? e.value.size() : 1;
+        const size_t count = e.count ? *e.count : e.type == 7 ? e.value.size() : 1;
         index = Concat({index, Be(e.tag, 4), Be(e.type, 4), Be(store.size(), 4), Be(count, 4)});
         store = Concat({store, e.value});
         if (e.type == 6) store.push_back(0);

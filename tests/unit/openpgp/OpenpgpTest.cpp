@@ -107,7 +107,8 @@ std::string Check(const char* packet, unsigned int size, const std::string& keyF
     return std::to_string(result) + text;
 }
 // verify | key file | words: the words name the signature's options (vN version, hN hash id, foreign
-// issuer, left or value broken, zero: a value with a leading zero octet, key3072: another key).
+// issuer, near: the issuer's last octet changed, left or left2: the first or second quick-check octet
+// broken, value broken, zero: a value with a leading zero octet, key3072: another key).
 std::string Verify(const Args& a) {
     SignatureOptions o;
     EVP_PKEY* signer = TestKey(2048);
@@ -115,7 +116,9 @@ std::string Verify(const Args& a) {
     for (std::string w; words >> w;) {
         if (w.size() < 4) (w[0] == 'v' ? o.version : o.hashId) = std::stoi(w.substr(1));  // v3, h10
         o.issuer = w == "foreign" ? Bytes(8, 0x99) : o.issuer;
-        o.breakLeft16 |= w == "left", o.breakValue |= w == "value", o.leadingZero |= w == "zero";
+        if (w == "near") o.issuer.back() ^= 0x01;
+        o.breakLeft16 |= (w == "left" ? 1 : 0) | (w == "left2" ? 2 : 0);
+        o.breakValue |= w == "value", o.leadingZero |= w == "zero";
         signer = w == "key3072" ? TestKey(3072) : signer;
     }
     const std::string packet = Text(SignaturePacket(signer, "payload", o));

@@ -14,9 +14,10 @@ bool Known(const std::string& list, const std::string& w) {
 }
 
 Sig Kind(Sig s, const std::string& kind) {
-    EXPECT_TRUE(Known("good bits foreign broken zero none", kind)) << kind;
+    EXPECT_TRUE(Known("good bits foreign broken zero text standalone none", kind)) << kind;
     s.breakLeft16 = kind == "bits", s.breakValue = kind == "broken", s.leadingZero = kind == "zero";
     if (kind == "foreign") s.issuer = Bytes(8, 0x77);
+    if (kind == "text" || kind == "standalone") s.type = kind == "text" ? 0x01 : 0x02;
     return s;
 }
 
@@ -45,11 +46,12 @@ std::string Write(const std::string& changes) {
     }
     std::vector<Entry> entries = SignatureEntries(o);
     while (in >> name >> tag) {  // after ";": changes to the signature header's entries
-        EXPECT_TRUE(Known("flip upper longer shorter before after moved", name)) << name;
+        EXPECT_TRUE(Known("flip upper longer shorter before after moved count", name)) << name;
         auto entry = std::find_if(entries.begin(), entries.end(), [&](const Entry& e) { return e.tag == tag; });
         Entry second = *entry;
         second.value[0] ^= 1;
         if (name == "flip" && in >> number) entry->value[number] ^= 1;
+        if (name == "count" && in >> number) entry->count = number;
         if (name == "upper") std::transform(entry->value.begin(), entry->value.end(), entry->value.begin(), ::toupper);
         if (name == "longer") entry->value.push_back('0');
         if (name == "shorter") entry->value.pop_back();
