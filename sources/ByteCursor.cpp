@@ -7,8 +7,9 @@
 
 void ByteCursor::Read(void* out, uint64_t count, const char* what) {
     const unsigned char* first = Peek(count, what);
-    if (count != 0) {  // an empty view may have no first byte at all
-        std::memcpy(out, first, count);
+    // An empty view may have no first byte at all; a count within the view fits in memory sizes.
+    if (count != 0) {
+        std::memcpy(out, first, static_cast<size_t>(count));
     }
     position_ += count;
 }

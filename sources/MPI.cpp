@@ -33,8 +33,9 @@ void MPI::Read(const char* data, unsigned long long bufferLength) {
     if (bytes_ > bufferLength) {
         throw DataFormatException("Size of the multi-precision integers is greater than the buffer length");
     }
-    value_ = std::make_unique<unsigned char[]>(bytes_ ? bytes_ : 1);
-    std::memcpy(value_.get(), data + 2, bytes_);
+    const size_t bytes = static_cast<size_t>(bytes_);  // at most 8192: the bit count has 16 bits
+    value_ = std::make_unique<unsigned char[]>(bytes ? bytes : 1);
+    std::memcpy(value_.get(), data + 2, bytes);
 }
 
 // The caller's bound is judged first, with its own message (Read); an integer within it must also

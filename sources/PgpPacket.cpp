@@ -149,7 +149,7 @@ void PgpSignatureData::ParseVersion3(ByteCursor& body, unsigned int remaining) {
     // issuer, the two algorithms and the left 16 bits.
     body.Need(l + sizeof issuer_ + 2 + sizeof left16_);
     hashedLength_ = static_cast<uint16_t>(l);
-    hashed_ = std::make_unique<unsigned char[]>(l ? l : 1);
+    hashed_ = std::make_unique<unsigned char[]>(static_cast<size_t>(l ? l : 1));
     body.Read(hashed_.get(), l);
     body.Read(issuer_, sizeof issuer_);
     const uint8_t algorithm = body.ReadUInt8();

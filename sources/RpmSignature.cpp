@@ -106,7 +106,7 @@ ByteCursor RpmSignature::ValueFor(const TagRule& rule, const SignatureEntry& ent
     const void* end = nullptr;
     if (text.Has(entry.offset)) {
         text.Skip(entry.offset);
-        end = std::memchr(text.Here(), '\0', text.Remaining());
+        end = std::memchr(text.Here(), '\0', static_cast<size_t>(text.Remaining()));
     }
     if (end == nullptr) {
         ValueOf(entry, 1);  // outside the store: says so

@@ -178,7 +178,9 @@ RpmSignature* RpmSigner::PassDigestsToSignature(RpmSignature* signature, unsigne
 // 1 (the signature's hash) and 2 (SHA-1 as well, when the signature's hash is another).
 void RpmSigner::DigestMainHeader(RpmSignature& signature, uint64_t headerOffset, uint64_t headerSize,
                                  soapWrap::HashAlgorithm hash) const {
-    std::vector<char> buffer(headerSize);
+    // The header lies inside the file, whose size FileHelper::GetSize keeps below 2^31: its size
+    // fits in memory sizes and in one read's count.
+    std::vector<char> buffer(static_cast<size_t>(headerSize));
     if (Input().Read(buffer.data(), headerOffset, headerSize) != static_cast<int32_t>(headerSize)) {
         throw InvalidFileStructureException("Header section: the header could not be read");
     }

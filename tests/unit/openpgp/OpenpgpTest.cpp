@@ -168,7 +168,7 @@ std::string Cursor(const Args& a) {
         }
         if (op == "take") {
             const ByteCursor view = cursor.Take(n());
-            return "[" + Hex(view.Here(), view.Size()) + "] ";
+            return "[" + Hex(view.Here(), static_cast<size_t>(view.Size())) + "] ";
         }
         if (op == "has") return cursor.Has(n()) ? "yes " : "no ";
         const uint64_t offset = n();
