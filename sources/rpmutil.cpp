@@ -33,7 +33,9 @@ namespace {
 // The text returned when even the message cannot be allocated; static, never freed.
 char kInternalError[] = "Internal error.";
 
-RpmVerifyResult ResultOf(int processingResult, const std::string& file) {
+}  // namespace
+
+RpmVerifyResult _rpm_result_response(int processingResult, const std::string& file) {
     switch (processingResult) {
         case ResultNotSigned: return response(RPM_STATUS_NOT_SIGNED, file + " is not signed.");
         case ResultSigned: return response(RPM_STATUS_SIGNED, file + " is signed.");
@@ -44,6 +46,8 @@ RpmVerifyResult ResultOf(int processingResult, const std::string& file) {
         default: return response(RPM_STATUS_ERROR, "Unknown error");
     }
 }
+
+namespace {
 
 // Verifies file with key; with recordChecks every check is made and kept in report (the verdict
 // stays the first failure's), without it the verification stops at the first failure.
@@ -78,7 +82,7 @@ RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmRepor
     signer.reset();
     if (result != ResultInternalError) report.stage = RpmStage::Checked;
     report.result = result;
-    return ResultOf(result, file);
+    return _rpm_result_response(result, file);
 }
 
 }  // namespace

@@ -87,5 +87,15 @@ TEST(RpmSignerFramework, CreatorSignerAndEntry) {
                   results[1].message + std::to_string(results[2].status) + std::string(results[2].message, 4),
               "5rpm_verify: no package file was given5rpm_verify: no key file was given3" + std::string("a\0b\0", 4));
     for (RpmVerifyResult& result : results) std::free(result.message);
+    // Every signer result and its status and text; 8 (signed over the header only) is one of the others.
+    std::string answers;
+    for (int result : {0, 1, 2, 3, 4, 5, 8, -1}) {
+        RpmVerifyResult answer = _rpm_result_response(result, "f");
+        answers += std::to_string(answer.status) + " " + answer.message + "|";
+        std::free(answer.message);
+    }
+    EXPECT_EQ(answers,
+              "1 f is not signed.|0 f is signed.|2 f has invalid signature.|3 f has invalid hash.|"
+              "4 f has invalid structure.|5 Internal error occured while verifying f|5 Unknown error|5 Unknown error|");
     EXPECT_STREQ(FILE_PATTERN, "^[a-zA-Z0-9()+._ \\/\\-\\[\\]\\\\]*$");
 }
