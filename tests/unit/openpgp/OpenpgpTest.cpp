@@ -89,7 +89,8 @@ std::string KeyFile(const std::string& name) {
                  {"bare", Armor(PublicKey(key))},
                  {"crlf", Armor(block, "\r\n", "Version: 1\r\nComment: x\r\n")},
                  {"foreign-last", Text(Concat({PublicKey(key), own, UserId("u"), foreign}))},
-                 {"own-last", Text(Concat({PublicKey(key), foreign, own}))}};
+                 {"own-last", Text(Concat({PublicKey(key), foreign, own}))},
+                 {"key-last", Text(Concat({own, PublicKey(key)}))}};
         for (auto& file : files) file.second = temp.Write(file.first, file.second);
     }
     return files.count(name) ? files.at(name) : std::string(SIGNING_TEST_DATA) + "/keys/" + name;
