@@ -35,7 +35,7 @@ char kInternalError[] = "Internal error.";
 
 }  // namespace
 
-RpmVerifyResult _rpm_result_response(int processingResult, const std::string& file) {
+RpmVerifyResult rpm_result_response(int processingResult, const std::string& file) {
     switch (processingResult) {
         case ResultNotSigned: return response(RPM_STATUS_NOT_SIGNED, file + " is not signed.");
         case ResultSigned: return response(RPM_STATUS_SIGNED, file + " is signed.");
@@ -82,7 +82,7 @@ RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmRepor
     signer.reset();
     if (result != ResultInternalError) report.stage = RpmStage::Checked;
     report.result = result;
-    return _rpm_result_response(result, file);
+    return rpm_result_response(result, file);
 }
 
 }  // namespace

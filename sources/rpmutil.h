@@ -41,4 +41,4 @@ void _signing_set_optional_prerequisite_status(session_t* session, int code);
 RpmVerifyResult response(RPM_STATUS status, const std::string& text);
 // The status and message of a signer's result for file (0 not signed, 1 signed, 2 invalid signature,
 // 3 invalid hash, 4 invalid structure, 5 internal error; any other result is "Unknown error").
-RpmVerifyResult _rpm_result_response(int processingResult, const std::string& file);
+RpmVerifyResult rpm_result_response(int processingResult, const std::string& file);

@@ -90,7 +90,7 @@ TEST(RpmSignerFramework, CreatorSignerAndEntry) {
     // Every signer result and its status and text; 8 (signed over the header only) is one of the others.
     std::string answers;
     for (int result : {0, 1, 2, 3, 4, 5, 8, -1}) {
-        RpmVerifyResult answer = _rpm_result_response(result, "f");
+        RpmVerifyResult answer = rpm_result_response(result, "f");
         answers += std::to_string(answer.status) + " " + answer.message + "|";
         std::free(answer.message);
     }
