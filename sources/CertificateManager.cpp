@@ -32,19 +32,9 @@ Certificate* CertificateManager::LoadPgpPublicKey() {
 
 Certificate* CertificateManager::LoadCertificateFromFile(const std::string& path,
                                                          soapWrap::CertificateFileFormat format) {
-    std::unique_ptr<char[]> buffer;
-    uint32_t size = 0;
-    {
-        // A local object, not a smart pointer: a failing close may throw from its destructor.
-        FileHelper file(path);
-        size = FileHelper::GetSize(file.GetPath());
-        // A file that shrank since its size was taken leaves zeros, never stale memory.
-        buffer = std::make_unique<char[]>(size ? size : 1);
-        if (size > 0) {
-            file.Read(buffer.get(), 0, size);
-        }
-    }
-    return CreateCertificate(buffer.get(), size, format);
+    const std::vector<char> bytes = PgpKey::ReadFile(path);
+    static const char kNothing[1] = {0};
+    return CreateCertificate(bytes.empty() ? kNothing : bytes.data(), static_cast<unsigned int>(bytes.size()), format);
 }
 
 Certificate* CertificateManager::CreateCertificate(const char* data, unsigned int length,
@@ -60,6 +50,14 @@ Certificate* CertificateManager::CreateCertificate(const char* data, unsigned in
 Certificate* CertificateManager::GetCertificate(soapWrap::CertificateFileFormat format) const {
     const auto found = certificates_.find(format);
     return found == certificates_.end() ? nullptr : found->second.get();
+}
+
+const PgpKey& ManagerKey::Key() {
+    const PgpCertificate* certificate = dynamic_cast<PgpCertificate*>(CertificateManager::Instance()->LoadPgpPublicKey());
+    if (certificate == nullptr) {
+        throw DataFormatException("PGP public key is not found");
+    }
+    return certificate->GetKey();
 }
 
 // The buffer is taken by value, as the interface hands it over.

@@ -4,6 +4,7 @@
 
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -11,28 +12,49 @@
 #include "soapWrap.h"
 
 // One instance of T per process, created on first use. _Count counts the uses; nothing decrements
-// it. The instance lives until Destroy() (the module calls it when it is unloaded).
+// it. The instance lives until Destroy() (the module calls it when it is unloaded). Creating,
+// counting and destroying are guarded, so threads that ask at once share one instance; what the
+// instance holds is its own callers' to share.
 template <typename T>
 class Singleton {
 public:
-    virtual ~Singleton() { _Self = nullptr; }
+    virtual ~Singleton() {
+        const std::lock_guard<std::mutex> lock(_Guard);
+        if (_Self != nullptr && static_cast<Singleton*>(_Self) == this) _Self = nullptr;
+    }
 
     static T* Instance() {
+        const std::lock_guard<std::mutex> lock(_Guard);
         if (_Self == nullptr) {
             _Self = new T();
         }
         ++_Count;
         return _Self;
     }
-    static bool HasInstance() { return _Self != nullptr; }
-    static unsigned int Count() { return _Count; }
-    static void Destroy() { delete _Self; }
+    static bool HasInstance() {
+        const std::lock_guard<std::mutex> lock(_Guard);
+        return _Self != nullptr;
+    }
+    static unsigned int Count() {
+        const std::lock_guard<std::mutex> lock(_Guard);
+        return _Count;
+    }
+    static void Destroy() {
+        T* self = nullptr;
+        {
+            const std::lock_guard<std::mutex> lock(_Guard);
+            self = _Self;
+            _Self = nullptr;
+        }
+        delete self;
+    }
 
 protected:
     Singleton() {}
 
     static inline T* _Self = nullptr;
     static inline unsigned int _Count = 0;
+    static inline std::mutex _Guard;
 };
 
 // A byte buffer that owns its bytes, as der_to_pem takes and returns it.
@@ -65,6 +87,13 @@ private:
     // certificate however many verifications the process runs.
     std::map<soapWrap::CertificateFileFormat, std::unique_ptr<Certificate>> certificates_;
     std::map<soapWrap::CertificateFileFormat, soapWrap::Binary*> binaries_;  // never filled here
+};
+
+// The key of the manager's key file, loaded (read again) at every call: the key source of the
+// framework's signature objects.
+class ManagerKey : public KeySource {
+public:
+    const PgpKey& Key() override;
 };
 
 // A DER certificate as PEM text: the BEGIN line, the Base64 text in lines of 64, the END line.

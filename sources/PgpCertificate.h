@@ -1,10 +1,11 @@
 #pragma once
-// A certificate made from an OpenPGP public key block: the RSA verification service built from the
-// key packet, and the message it came from (whose last signature packet names the key's issuer).
+// A certificate made from an OpenPGP public key block: the key (PgpKey.h) as the certificate
+// manager keeps it.
 
 #include <cstdint>
 #include <memory>
 
+#include "PgpKey.h"
 #include "PgpMessage.h"
 #include "RsaCsp.h"
 
@@ -26,12 +27,11 @@ public:
     PgpCertificate(const PgpCertificate&) = delete;
     PgpCertificate& operator=(const PgpCertificate&) = delete;
 
-    RsaCsp* GetCsp() const { return csp_.get(); }
-    PgpMessage* GetMessage() const { return message_.get(); }
-    uint64_t GetKeyLength() const { return keyLength_; }
+    RsaCsp* GetCsp() const { return &key_->Csp(); }
+    PgpMessage* GetMessage() const { return const_cast<PgpMessage*>(&key_->Message()); }
+    uint64_t GetKeyLength() const { return key_->Bits(); }
+    const PgpKey& GetKey() const { return *key_; }
 
 private:
-    std::unique_ptr<RsaCsp> csp_;
-    std::unique_ptr<PgpMessage> message_;
-    uint64_t keyLength_;
+    std::unique_ptr<PgpKey> key_;
 };

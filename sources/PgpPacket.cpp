@@ -88,7 +88,8 @@ PgpPublicKey::PgpPublicKey(const char* packet, unsigned int remaining) {
         throw DataFormatException("This version of OpenPGP public key is not supported");
     }
     body.Skip(4);  // creation time
-    CheckPublicKeyAlgorithm(static_cast<char>(body.ReadUInt8()));
+    algorithm_ = body.ReadUInt8();
+    CheckPublicKeyAlgorithm(static_cast<char>(algorithm_));
     // The format's bound on each integer counts from the packet's first octet, less 5 octets and
     // the value octets of the integer before it, as the format's readers always did: up to a header
     // and a few octets more than the packet holds. The cursor bounds the integers by the bytes there.

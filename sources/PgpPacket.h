@@ -69,8 +69,10 @@ public:
 
     const MPI* GetModulus() const { return modulus_.get(); }
     const MPI* GetExponent() const { return exponent_.get(); }
+    uint8_t GetAlgorithm() const { return algorithm_; }
 
 private:
+    uint8_t algorithm_ = 0;
     std::unique_ptr<MPI> exponent_;
     std::unique_ptr<MPI> modulus_;
 };

@@ -8,6 +8,7 @@
 #include "Digest.h"
 #include "Exceptions.h"
 #include "PgpCertificate.h"
+#include "PgpVerification.h"
 
 namespace {
 
@@ -23,15 +24,7 @@ PgpSignature::PgpSignature(PgpSignatureData* data) : data_(data) {}
 PgpSignature::~PgpSignature() {}
 
 soapWrap::HashAlgorithm PgpSignature::GetHashAlgorithm(int pgpHashId) {
-    switch (pgpHashId) {
-        case PgpHashMd5: return soapWrap::Md5;
-        case PgpHashSha1: return soapWrap::Sha1;
-        case PgpHashSha256: return soapWrap::Sha256;
-        case PgpHashSha384: return soapWrap::Sha384;
-        case PgpHashSha512: return soapWrap::Sha512;
-        case PgpHashSha224: return soapWrap::Sha224;
-        default: throw NotSupportedException("Not supported hash algorithm in PGP signature");
-    }
+    return HashAlgorithmOf(pgpHashId);
 }
 
 PgpHashAlgorithm PgpSignature::GetPgpHashAlgorithm(soapWrap::HashAlgorithm algorithm) {
@@ -52,64 +45,13 @@ DigestBase* PgpSignature::UpdateHash() const {
     if (signed_ == nullptr) {
         throw ArgumentException("PgpSignature has no digest of the signed data");
     }
-    std::unique_ptr<DigestBase> digest(signed_->Copy());
-    const uint16_t hashedLength = data_->GetHashedLength();
-    if (data_->GetVersion() == 3) {
-        digest->Update(data_->GetHashedData(), hashedLength);
-    } else if (data_->GetVersion() == 4) {
-        const unsigned char fields[6] = {data_->GetVersion(),
-                                         data_->GetSignatureType(),
-                                         data_->GetPublicKeyAlgorithm(),
-                                         data_->GetHashAlgorithm(),
-                                         static_cast<unsigned char>(hashedLength >> 8),
-                                         static_cast<unsigned char>(hashedLength)};
-        digest->Update(fields, sizeof fields);
-        digest->Update(data_->GetHashedData(), hashedLength);
-        // RFC 4880, 5.2.4: 0x04 0xFF and the length of the hashed part, as 32 bits.
-        const uint32_t hashedPart = hashedLength + 6u;
-        const unsigned char trailer[6] = {0x04,
-                                          0xFF,
-                                          static_cast<unsigned char>(hashedPart >> 24),
-                                          static_cast<unsigned char>(hashedPart >> 16),
-                                          static_cast<unsigned char>(hashedPart >> 8),
-                                          static_cast<unsigned char>(hashedPart)};
-        digest->Update(trailer, sizeof trailer);
-    }
-    return digest.release();
+    return FinishSignatureHash(*data_, *signed_).release();
 }
 
+// The key comes from the certificate manager, which reads the key file again for each check.
 int PgpSignature::Verify(std::string& message) const {
-    std::unique_ptr<DigestBase> digest(UpdateHash());
-    const unsigned int length = digest->GetLength();
-    const unsigned char* value = digest->GetValue();
-
-    PgpCertificate* certificate = dynamic_cast<PgpCertificate*>(CertificateManager::Instance()->LoadPgpPublicKey());
-    if (certificate == nullptr) {
-        throw DataFormatException("PGP public key is not found");
-    }
-    if (std::memcmp(data_->GetLeft16(), value, 2) != 0) {
-        message += " Digest does not correspond to the signature";
-        return ResultInvalidSignature;
-    }
-    // The key's identity is the issuer of the key block's (last) signature packet.
-    const PgpSignatureData* keySignature = certificate->GetMessage()->GetSignatureData();
-    if (keySignature == nullptr) {
-        message += " The PGP certificate holds no signature packet that names its key";
-        return ResultInvalidSignature;
-    }
-    if (std::memcmp(data_->GetIssuerId(), keySignature->GetIssuerId(), 8) != 0) {
-        message += " The file was signed with a different PGP certificate";
-        return ResultInvalidSignature;
-    }
-    const MPI* signature = data_->GetSignatureValue();
-    if (certificate->GetCsp()->Verify(Digest::GetNID(digest->GetType()), value, length, signature->GetValue(),
-                                      static_cast<unsigned int>(signature->GetLengthInBytes())) != 0) {
-        return ResultSigned;
-    }
-    // The reason would be built from the RSA service's error text, which a PKCS#1 check never
-    // sets: building a string from that null pointer is what ends this check. Kept as that very
-    // logic error, raised explicitly.
-    throw std::logic_error("basic_string::_S_construct NULL not valid");
+    ManagerKey key;
+    return CheckPgpSignature(*data_, key, GetDigest(0), message);
 }
 
 unsigned int PgpSignature::GetSize(PgpSignatureVersion version, unsigned int keyBits) {

@@ -1,7 +1,6 @@
 #pragma once
 // The Signature of one OpenPGP signature packet. Digest 0 holds the hash of the signed data;
-// Verify finishes the OpenPGP hash over the packet's own hashed fields and trailer, checks the
-// quick-check bits and the issuer against the loaded key block, and has RSA check the value.
+// Verify checks the packet (PgpVerification.h) against the key the certificate manager loads.
 
 #include "PgpPacket.h"
 #include "Signature.h"

@@ -1,62 +1,32 @@
 #pragma once
-// The signature header of an RPM package, in memory: the entries that verification needs (the
-// SHA-1 text of the main header, the MD5 of header and payload, the OpenPGP signature over the
-// header and those over header and payload), the digests computed over the package, and the
-// verdict. The static helpers are the building blocks of a signature-header writer.
-//
-// The index entries live in a buffer that the RpmSigner owns: the constructor converts their
-// offsets, counts and types to host order in place, so one buffer serves exactly one object. Given
-// as a shared buffer, the object keeps its share, so the buffer lives as long as either user.
+// The signature header of an RPM package as a Signature of the framework: the parsed header
+// (SignatureHeader.h), one PgpSignature over each of its OpenPGP packets, and the package digests
+// in the numbered store (0: SHA-1 of the main header, 1: the main header in the header signature's
+// hash, 2: SHA-1 of the main header when that hash is another, 3: MD5 of header and payload, 4:
+// header and payload in the signature's hash, 5: their SHA-1 when that hash is another). Verify
+// takes the key from the certificate manager. The static helpers are the building blocks of a
+// signature-header writer.
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "ByteCursor.h"
-#include "PgpMessage.h"
 #include "PgpSignature.h"
 #include "RpmCheck.h"
 #include "Signature.h"
-
-// The type field of an index entry, as stored in the file.
-enum RpmDataType : uint32_t {
-    RpmInt16 = 3,
-    RpmInt32 = 4,
-    RpmInt64 = 5,
-    RpmString = 6,
-    RpmBinary = 7,
-};
-
-// The 16 bytes that open every header structure: magic 8E AD E8, version 1, four reserved bytes,
-// then the index count and the data size (big-endian in the file).
-struct HeaderStructureHeader {
-    unsigned char magic[4];
-    unsigned char reserved[4];
-    uint32_t indexCount;
-    uint32_t dataSize;
-};
-static_assert(sizeof(HeaderStructureHeader) == 16, "a header structure header is 16 bytes");
-
-// One 16-byte index entry: tag, type, offset into the data store, count.
-struct SignatureEntry {
-    uint32_t tag;
-    uint32_t type;
-    uint32_t offset;
-    uint32_t count;
-};
-static_assert(sizeof(SignatureEntry) == 16, "an index entry is 16 bytes");
+#include "SignatureHeader.h"
 
 class RpmSignature : public Signature {
 public:
     // The signature tags this object picks out of the index.
     enum Tag : uint32_t {
-        TagHeaderSignature = 268,    // OpenPGP signature over the main header
-        TagSha1 = 269,               // hexadecimal SHA-1 text of the main header
-        TagPackageSignature = 1002,  // OpenPGP signature over header and payload
-        TagMd5 = 1004,               // MD5 of header and payload, 16 bytes
+        TagHeaderSignature = SignatureHeader::TagHeaderSignature,
+        TagSha1 = SignatureHeader::TagSha1,
+        TagPackageSignature = SignatureHeader::TagPackageSignature,
+        TagMd5 = SignatureHeader::TagMd5,
     };
     // The largest index the signature-header walk supports.
-    static const uint32_t MaxEntries = 255;
+    static const uint32_t MaxEntries = SignatureHeader::MaxEntries;
 
     // entries: the index (header.indexCount entries) followed by the store (header.dataSize bytes),
     // with the counts of header already in host order. Throws DataFormatException when an entry
@@ -86,12 +56,12 @@ public:
     void VerifyPgpSignature(PgpSignature* pgp, DigestBase* digest, int& result, std::string& message,
                             std::string* reason = nullptr) const;
 
-    const char* GetSha1Value() const { return sha1_; }
-    const unsigned char* GetMd5Value() const { return md5_; }
+    const char* GetSha1Value() const { return header_.Sha1Text(); }
+    const unsigned char* GetMd5Value() const { return header_.Md5Value(); }
     PgpSignature* GetHeaderSignature() const { return headerSignature_.get(); }
     const std::vector<std::unique_ptr<PgpSignature>>& GetPackageSignatures() const { return packageSignatures_; }
-    uint32_t GetEntryCount() const { return entryCount_; }
-    uint32_t GetDataSize() const { return dataSize_; }
+    uint32_t GetEntryCount() const { return header_.EntryCount(); }
+    uint32_t GetDataSize() const { return header_.DataSize(); }
 
     // Pads offset for the alignment of type (2, 4 or 8 bytes for types 3, 4, 5); returns the padding.
     static unsigned int BoundaryAlign(RpmDataType type, unsigned int& offset);
@@ -102,45 +72,11 @@ public:
     static void CreateStorage(RpmDataType type, unsigned char* dest, unsigned char* src, unsigned int& size);
 
 private:
-    class Evaluation;
-    bool CheckHeaderDigest(Evaluation& evaluation) const;
-    bool CheckPackageDigest(Evaluation& evaluation) const;
-    int CheckSignature(Evaluation& evaluation, RpmCheck::Kind kind, PgpSignature* signature, DigestBase* digest) const;
-    bool CheckHeaderSignature(Evaluation& evaluation) const;
-    void CheckPackageSignatures(Evaluation& evaluation) const;
-    // The tags the index walk reads, how long their values are and where they are kept: one row
-    // per tag (RpmSignature.cpp).
-    enum class Extent;
-    struct TagRule;
-    static const TagRule kTagRules[];
+    // One PgpSignature over each packet of the parsed header.
+    void WrapParsedSignatures();
 
-    void ParseEntries();
-    // The data store after the index.
-    ByteCursor Store() const;
-    // The value of entry, as long as rule makes it.
-    ByteCursor ValueFor(const TagRule& rule, const SignatureEntry& entry);
-    // The value of entry, checked to lie inside the store with at least length bytes; length is
-    // counted against the bytes all values read so far may take.
-    ByteCursor ValueOf(const SignatureEntry& entry, uint64_t length);
-    void KeepHeaderSignature(const SignatureEntry& entry, const ByteCursor& value);
-    void KeepSha1(const SignatureEntry& entry, const ByteCursor& value);
-    void KeepPackageSignature(const SignatureEntry& entry, const ByteCursor& value);
-    void KeepMd5(const SignatureEntry& entry, const ByteCursor& value);
-    // The OpenPGP signature in entry's value, with the message that holds its packet.
-    std::unique_ptr<PgpSignature> ParsePgpSignature(const SignatureEntry& entry, const ByteCursor& value,
-                                                    std::unique_ptr<PgpMessage>& message);
-
-    std::shared_ptr<char[]> share_;  // keeps a shared buffer alive; empty for a borrowed one
-    SignatureEntry* entries_;        // not owned
-    uint32_t entryCount_;
-    uint32_t dataSize_;
-    uint64_t valueBytes_;  // bytes of the values read so far
+    SignatureHeader header_;
     unsigned long long payloadLength_;
-    const char* sha1_;
-    const unsigned char* md5_;
     std::unique_ptr<PgpSignature> headerSignature_;
     std::vector<std::unique_ptr<PgpSignature>> packageSignatures_;
-    // The messages that hold the signature packets, one per signature above, in the same order.
-    std::unique_ptr<PgpMessage> headerMessage_;
-    std::vector<std::unique_ptr<PgpMessage>> packageMessages_;
 };

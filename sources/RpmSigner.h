@@ -1,13 +1,7 @@
 #pragma once
-// The signer of RPM packages. It verifies only: Process reads the lead and the signature header,
-// hashes the main header and the payload in one pass and asks the signature header for its verdict.
-//
-// Layout of a package (all integers big-endian):
-//   lead               96 bytes at offset 0; the signature type at offset 78 must be 5
-//   signature header   16-byte structure header, 16 bytes per index entry, then the data store
-//   padding            up to the next multiple of 8
-//   main header        a header structure like the signature header
-//   payload            to the end of the file
+// The signer of RPM packages, as the framework knows it. It verifies only: Process reads the lead
+// and the signature header, hashes the main header and the payload in one pass (RpmPackage.h) and
+// asks the signature header for its verdict, with the key the certificate manager loads.
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -50,16 +44,6 @@ private:
     // Reads a header structure header at pos and converts its counts to host order; false when its
     // magic is not 8E AD E8 01.
     bool ReadStructureHeader(unsigned long long pos, HeaderStructureHeader& header) const;
-    // The steps of ParseSignature: the lead (returns the file size), then the index and store of the
-    // signature header (returns where they end in the file).
-    uint64_t CheckLead() const;
-    uint64_t ReadSignatureHeader(const HeaderStructureHeader& header, uint64_t fileSize);
-    // The steps of PassDigestsToSignature: the main header alone (digests 0-2), then header and
-    // payload streamed together (digests 3-5).
-    void DigestMainHeader(RpmSignature& signature, uint64_t headerOffset, uint64_t headerSize,
-                          soapWrap::HashAlgorithm hash) const;
-    void DigestPackage(RpmSignature& signature, uint64_t headerOffset, uint64_t headerEnd, soapWrap::HashAlgorithm hash,
-                       bool copyToOutput) const;
 
     // Index and store of the signature header, shared with the RpmSignature made over it: a
     // second parse replaces the signer's share without pulling the first object's buffer away.

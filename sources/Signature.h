@@ -14,18 +14,8 @@
 
 #include "Base.h"
 #include "DigestBase.h"
+#include "ProcessingResult.h"
 #include "soapWrap.h"
-
-// The verdict of a signer or a signature.
-enum ProcessingResult : int32_t {
-    ResultNotSigned = 0,
-    ResultSigned = 1,
-    ResultInvalidSignature = 2,
-    ResultInvalidHash = 3,
-    ResultInvalidStructure = 4,
-    ResultInternalError = 5,
-    ResultHeaderOnlySigned = 8,  // a header signature without a header-and-payload signature
-};
 
 class Signature : public Base {
 public:

@@ -16,14 +16,12 @@
 #include <exception>
 #include <memory>
 
-#include "CertificateManager.h"
 #include "Exceptions.h"
 #include "FileHelper.h"
-#include "PgpCertificate.h"
+#include "PgpKey.h"
+#include "ProcessingResult.h"
+#include "RpmPackage.h"
 #include "RpmReport.h"
-#include "RpmSigner.h"
-#include "RpmSignerCreator.h"
-#include "Signature.h"
 #include "host.h"
 
 const char* FILE_PATTERN = "^[a-zA-Z0-9()+._ \\/\\-\\[\\]\\\\]*$";
@@ -50,36 +48,30 @@ RpmVerifyResult rpm_result_response(int processingResult, const std::string& fil
 namespace {
 
 // Verifies file with key; with recordChecks every check is made and kept in report (the verdict
-// stays the first failure's), without it the verification stops at the first failure.
+// stays the first failure's), without it the verification stops at the first failure. Everything
+// the verification uses is made here and dropped on return: the key is read at most once, from
+// the first signature check on, and nothing is shared with other calls.
 RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmReport& report, bool recordChecks) {
     std::unique_ptr<FileHelper, FileHelperRelease> package;
     try {
-        CertificateManager::Instance()->SetPgpPublicKeyFilePath(key);
         report.stage = RpmStage::Unreadable;
         package.reset(new FileHelper(file));
     } catch (const std::exception& e) {
         return response(RPM_STATUS_ERROR, e.what());
     }
-
-    std::unique_ptr<RpmSigner> signer;
-    {
-        RpmSignerCreator creator;
-        if (!creator.IsMe(package.get())) {
-            report.stage = RpmStage::NotRpm;
-            return response(RPM_STATUS_ERROR, file + " is not an RPM file.");
-        }
-        signer.reset(static_cast<RpmSigner*>(creator.GetSigner(0)));
+    if (!PackageReader::IsRpm(*package)) {
+        report.stage = RpmStage::NotRpm;
+        return response(RPM_STATUS_ERROR, file + " is not an RPM file.");
     }
     report.stage = RpmStage::Failed;
-    signer->SetInputFile(package.release());  // the signer owns the package file from here on
-    signer->SetCheckRecord(recordChecks ? &report.checks : nullptr);
+    KeyFromFile keyFile(key);
     int result = ResultInternalError;
     try {
-        result = signer->Process(true, false, false, report.detail);
+        result = VerifyPackage(*package, keyFile, report.detail, recordChecks ? &report.checks : nullptr);
     } catch (const std::exception& e) {
         return response(RPM_STATUS_ERROR, "Could not verify " + file + " with key " + key + " - " + e.what());
     }
-    signer.reset();
+    package.reset();
     if (result != ResultInternalError) report.stage = RpmStage::Checked;
     report.result = result;
     return rpm_result_response(result, file);
@@ -138,15 +130,12 @@ RpmVerifyResult rpm_verify(const char* file, const char* key) {
 }
 
 RpmKey rpm_read_key(const std::string& path) {
-    CertificateManager* manager = CertificateManager::Instance();
-    manager->SetPgpPublicKeyFilePath(path);
-    const PgpCertificate* certificate = dynamic_cast<PgpCertificate*>(manager->LoadPgpPublicKey());
-    const PgpSignatureData* keySignature =
-        certificate != nullptr ? certificate->GetMessage()->GetSignatureData() : nullptr;
-    if (keySignature == nullptr) {
+    const std::vector<char> bytes = PgpKey::ReadFile(path);
+    const std::unique_ptr<PgpKey> key = PgpKey::Parse(bytes.data(), static_cast<unsigned int>(bytes.size()));
+    if (key->KeyId() == nullptr) {
         throw DataFormatException("The PGP certificate holds no signature packet that names its key");
     }
-    return RpmKey{Base::DumpBufferToString(keySignature->GetIssuerId(), 8, true), certificate->GetKeyLength()};
+    return RpmKey{Base::DumpBufferToString(key->KeyId(), 8, true), key->Bits()};
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -67,6 +67,8 @@ TEST(RpmSignerFramework, CreatorSignerAndEntry) {
     const std::string text = temp.Write("t.rpm", "not a package");
     const std::string notFound =
         "File operation error: File not found: Cannot get status for '" + missing + "': No such file or directory";
+    // rpm_verify reads its own key: the certificate manager's key path is neither read nor set.
+    CertificateManager::Instance()->SetPgpPublicKeyFilePath(otherKey);
     const std::string rows[][3] = {
         {temp.Path(), key, "5 " + temp.Path() + " is not an RPM file."},
         {text, key, "5 " + text + " is not an RPM file."},
@@ -80,7 +82,7 @@ TEST(RpmSignerFramework, CreatorSignerAndEntry) {
         {package, key, "0 " + package + " is signed."},
         {package, missing, "5 Internal error occured while verifying " + package + " | " + notFound}};
     for (const auto& row : rows) EXPECT_EQ(Verify(row[0], row[1]), row[2]);
-    EXPECT_EQ(CertificateManager::Instance()->GetPgpPublicKeyFilePath(), missing);
+    EXPECT_EQ(CertificateManager::Instance()->GetPgpPublicKeyFilePath(), otherKey);
     RpmVerifyResult results[] = {rpm_verify(nullptr, key.c_str()), rpm_verify(package.c_str(), nullptr),
                                  response(RPM_STATUS_INVALID_HASH, std::string("a\0b", 3))};
     EXPECT_EQ(std::to_string(results[0].status) + results[0].message + std::to_string(results[1].status) +

@@ -1,0 +1,63 @@
+#include "PgpKey.h"
+
+#include <utility>
+
+#include "Exceptions.h"
+#include "FileHelper.h"
+
+PgpKey::PgpKey(std::unique_ptr<PgpMessage> message) : message_(std::move(message)), bits_(0) {
+    const PgpPublicKey* key = message_->GetPublicKey();
+    if (key == nullptr) {
+        throw DataFormatException("PGP public key is not found");
+    }
+    const MPI* modulus = key->GetModulus();
+    const MPI* exponent = key->GetExponent();
+    bits_ = modulus->GetLengthInBits();
+    csp_ = std::make_unique<RsaCsp>(modulus->GetValue(), static_cast<int>(modulus->GetLengthInBytes()),
+                                    exponent->GetValue(), static_cast<int>(exponent->GetLengthInBytes()));
+}
+
+std::unique_ptr<PgpKey> PgpKey::Parse(const char* data, unsigned int length) {
+    static const char kNothing[1] = {0};
+    return std::make_unique<PgpKey>(std::make_unique<PgpMessage>(length > 0 ? data : kNothing, length));
+}
+
+std::vector<char> PgpKey::ReadFile(const std::string& path) {
+    // A local object, not a smart pointer: a failing close may throw from its destructor.
+    FileHelper file(path);
+    const uint32_t size = FileHelper::GetSize(file.GetPath());
+    // A file that shrank since its size was taken leaves zeros, never stale memory.
+    std::vector<char> bytes(size ? size : 1);
+    if (size > 0) {
+        file.Read(bytes.data(), 0, size);
+    }
+    bytes.resize(size);
+    return bytes;
+}
+
+unsigned int PgpKey::Algorithm() const {
+    return message_->GetPublicKey()->GetAlgorithm();
+}
+
+const unsigned char* PgpKey::KeyId() const {
+    const PgpSignatureData* signature = message_->GetSignatureData();
+    return signature != nullptr ? signature->GetIssuerId() : nullptr;
+}
+
+KeySource::~KeySource() {}
+
+const PgpKey& KeyFromFile::Key() {
+    if (!read_) {
+        read_ = true;
+        try {
+            const std::vector<char> bytes = PgpKey::ReadFile(path_);
+            key_ = PgpKey::Parse(bytes.data(), static_cast<unsigned int>(bytes.size()));
+        } catch (...) {
+            error_ = std::current_exception();
+        }
+    }
+    if (error_) {
+        std::rethrow_exception(error_);
+    }
+    return *key_;
+}

@@ -1,0 +1,66 @@
+#pragma once
+// A publisher's OpenPGP key, read and parsed once: the key block's packets, the RSA service made
+// from its public-key packet, the key's size and its identity (the issuer named by the block's last
+// signature packet). A verification takes its key from a KeySource, so it never depends on where
+// the key is kept nor on state shared with other verifications.
+
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "PgpMessage.h"
+#include "RsaCsp.h"
+
+class PgpKey {
+public:
+    // Takes ownership of message. A message without a public-key packet is a DataFormatException
+    // "PGP public key is not found".
+    explicit PgpKey(std::unique_ptr<PgpMessage> message);
+    // The key block in data (armored or binary); the bytes are not kept.
+    static std::unique_ptr<PgpKey> Parse(const char* data, unsigned int length);
+    // The whole file at path, read once.
+    static std::vector<char> ReadFile(const std::string& path);
+
+    PgpKey(const PgpKey&) = delete;
+    PgpKey& operator=(const PgpKey&) = delete;
+
+    const PgpMessage& Message() const { return *message_; }
+    RsaCsp& Csp() const { return *csp_; }
+    // Bits of the RSA modulus.
+    uint64_t Bits() const { return bits_; }
+    // The OpenPGP public-key algorithm of the key packet (1: RSA).
+    unsigned int Algorithm() const;
+    // The 8 octets that name the key: the issuer of the block's last signature packet; null when
+    // the block holds no signature packet.
+    const unsigned char* KeyId() const;
+
+private:
+    std::unique_ptr<PgpMessage> message_;
+    std::unique_ptr<RsaCsp> csp_;
+    uint64_t bits_;
+};
+
+// Where a verification gets its key. Key() throws what reading or parsing the key threw.
+class KeySource {
+public:
+    virtual ~KeySource();
+    virtual const PgpKey& Key() = 0;
+};
+
+// The key file of one verification: read and parsed at the first Key(), after which every call
+// gives the same key, or throws the same error, whatever happens to the file meanwhile. One object
+// serves one verification on one thread.
+class KeyFromFile : public KeySource {
+public:
+    explicit KeyFromFile(std::string path) : path_(std::move(path)) {}
+    const PgpKey& Key() override;
+    const std::string& Path() const { return path_; }
+
+private:
+    std::string path_;
+    bool read_ = false;
+    std::unique_ptr<PgpKey> key_;
+    std::exception_ptr error_;
+};

@@ -1,0 +1,371 @@
+#include "SignatureHeader.h"
+
+#include <arpa/inet.h>
+
+#include <cctype>
+#include <cstring>
+
+#include "Base.h"
+#include "Exceptions.h"
+#include "PgpVerification.h"
+#include "ProcessingResult.h"
+
+namespace {
+
+std::string EntryName(uint32_t tag) {
+    return "RPM signature tag " + std::to_string(tag);
+}
+
+}  // namespace
+
+// How the walk finds the length of a value it reads.
+enum class SignatureHeader::Extent {
+    Count,  // the entry's count, in bytes
+    Text,   // up to and with the first NUL inside the store; the count is not read
+    Fixed,  // the rule's length; the count is not read
+};
+
+// A tag the index walk reads. The type is the one writers store; the walk does not check it, so an
+// entry of the tag is read the same way whatever type it gives.
+struct SignatureHeader::TagRule {
+    uint32_t tag;
+    RpmDataType type;
+    Extent extent;
+    uint32_t length;  // for Extent::Fixed
+    void (SignatureHeader::*keep)(const SignatureEntry& entry, const ByteCursor& value);
+};
+
+// The signature-header tags the module reads; entries of any other tag are neither read nor checked.
+const SignatureHeader::TagRule SignatureHeader::kTagRules[] = {
+    {TagHeaderSignature, RpmBinary, Extent::Count, 0, &SignatureHeader::KeepHeaderSignature},
+    {TagSha1, RpmString, Extent::Text, 0, &SignatureHeader::KeepSha1},
+    {TagPackageSignature, RpmBinary, Extent::Count, 0, &SignatureHeader::KeepPackageSignature},
+    {TagMd5, RpmBinary, Extent::Fixed, 16, &SignatureHeader::KeepMd5},
+};
+
+SignatureHeader::SignatureHeader(std::shared_ptr<char[]> entries, const HeaderStructureHeader& header)
+    : SignatureHeader(static_cast<void*>(entries.get()), header) {
+    share_ = std::move(entries);
+}
+
+SignatureHeader::SignatureHeader(void* entries, const HeaderStructureHeader& header)
+    : entries_(static_cast<SignatureEntry*>(entries)),
+      entryCount_(header.indexCount),
+      dataSize_(header.dataSize),
+      valueBytes_(0),
+      sha1_(nullptr),
+      md5_(nullptr) {
+    if (entryCount_ == 0) {
+        return;
+    }
+    // The reader walks the index with an 8-bit counter, which can never reach a count of 256 or more.
+    if (entryCount_ > MaxEntries) {
+        throw DataFormatException("RPM signature header holds " + std::to_string(entryCount_) +
+                                  " index entries; at most 255 are supported");
+    }
+    ParseEntries();
+}
+
+void SignatureHeader::ParseEntries() {
+    for (uint32_t index = 0; index < entryCount_; ++index) {
+        SignatureEntry& entry = entries_[index];
+        entry.offset = ntohl(entry.offset);
+        entry.count = ntohl(entry.count);
+        entry.type = ntohl(entry.type) & 0xFF;
+        // The tag stays in file order; it is compared with the big-endian form of each tag.
+        for (const TagRule& rule : kTagRules) {
+            if (entry.tag == htonl(rule.tag)) {
+                (this->*rule.keep)(entry, ValueFor(rule, entry));
+                break;
+            }
+        }
+    }
+}
+
+ByteCursor SignatureHeader::Store() const {
+    return ByteCursor(entries_ + entryCount_, dataSize_, "RPM signature store");
+}
+
+ByteCursor SignatureHeader::ValueFor(const TagRule& rule, const SignatureEntry& entry) {
+    switch (rule.extent) {
+        case Extent::Count: return ValueOf(entry, entry.count);
+        case Extent::Fixed: return ValueOf(entry, rule.length);
+        case Extent::Text: break;
+    }
+    ByteCursor text = Store();
+    const void* end = nullptr;
+    if (text.Has(entry.offset)) {
+        text.Skip(entry.offset);
+        end = std::memchr(text.Here(), '\0', static_cast<size_t>(text.Remaining()));
+    }
+    if (end == nullptr) {
+        ValueOf(entry, 1);  // outside the store: says so
+        throw DataFormatException(EntryName(ntohl(entry.tag)) + ": the text is not terminated inside the store");
+    }
+    return ValueOf(entry, static_cast<const unsigned char*>(end) - text.Here() + 1);
+}
+
+ByteCursor SignatureHeader::ValueOf(const SignatureEntry& entry, uint64_t length) {
+    ByteCursor value = Store();
+    if (!value.HasAt(entry.offset, length)) {
+        throw DataFormatException(EntryName(ntohl(entry.tag)) + ": " + std::to_string(length) + " bytes at offset " +
+                                  std::to_string(entry.offset) + " lie outside the store of " +
+                                  std::to_string(dataSize_) + " bytes");
+    }
+    // The values a writer stores never share bytes, so together they fit in the store. Entries
+    // that all point at the same bytes would make each of them parsed and kept again.
+    valueBytes_ += length;
+    if (valueBytes_ > dataSize_) {
+        throw DataFormatException(EntryName(ntohl(entry.tag)) + ": the values read add up to " +
+                                  std::to_string(valueBytes_) + " bytes, more than the store of " +
+                                  std::to_string(dataSize_) + " bytes");
+    }
+    value.Skip(entry.offset);
+    return value.Take(length);
+}
+
+void SignatureHeader::KeepHeaderSignature(const SignatureEntry& entry, const ByteCursor& value) {
+    // A later tag-268 entry replaces the earlier signature.
+    headerMessage_ = ParsePgpSignature(entry, value);
+}
+
+void SignatureHeader::KeepSha1(const SignatureEntry&, const ByteCursor& value) {
+    sha1_ = reinterpret_cast<const char*>(value.Here());
+}
+
+void SignatureHeader::KeepPackageSignature(const SignatureEntry& entry, const ByteCursor& value) {
+    std::unique_ptr<PgpMessage> message = ParsePgpSignature(entry, value);
+    packageMessages_.reserve(packageMessages_.size() + 1);
+    packageSignatures_.reserve(packageSignatures_.size() + 1);
+    packageSignatures_.push_back(message->GetSignatureData());
+    packageMessages_.push_back(std::move(message));
+}
+
+void SignatureHeader::KeepMd5(const SignatureEntry&, const ByteCursor& value) {
+    md5_ = value.Here();
+}
+
+std::unique_ptr<PgpMessage> SignatureHeader::ParsePgpSignature(const SignatureEntry& entry, const ByteCursor& value) {
+    auto message = std::make_unique<PgpMessage>(reinterpret_cast<const char*>(value.Here()),
+                                                static_cast<unsigned int>(value.Size()));
+    const PgpSignatureData* data = message->GetSignatureData();
+    if (data == nullptr) {
+        throw DataFormatException(EntryName(ntohl(entry.tag)) + " holds no OpenPGP signature packet");
+    }
+    // A signature over a package signs a document: type 0x00 (binary) or 0x01 (text). A version 3
+    // signature hashes the data, then only its type and creation time. A version 4 header signature
+    // hashes the header, then its trailer (04, type, algorithms, hashed area, 04 FF and a length):
+    // that trailer less its last 5 octets as the payload, and those 5 octets as a version 3
+    // packet's type and time, would let the header signature pass for a package signature; the
+    // type octet is then 0xFF. A version 4 certification or revocation (0x10 to 0x30) signs a key,
+    // not data.
+    const unsigned int type = data->GetVersion() == 3 ? data->GetHashedData()[0] : data->GetSignatureType();
+    if ((data->GetVersion() == 3 || data->GetVersion() == 4) && type > 0x01) {
+        throw DataFormatException(EntryName(ntohl(entry.tag)) + ": a version " + std::to_string(data->GetVersion()) +
+                                  " signature of type " + std::to_string(type) + " does not sign a document");
+    }
+    return message;
+}
+
+const PgpSignatureData* SignatureHeader::HeaderSignature() const {
+    return headerMessage_ != nullptr ? headerMessage_->GetSignatureData() : nullptr;
+}
+
+soapWrap::HashAlgorithm SignatureHeader::DigestHash() const {
+    const PgpSignatureData* signature = HeaderSignature();
+    return signature != nullptr ? HashAlgorithmOf(signature->GetHashAlgorithm()) : soapWrap::Sha1;
+}
+
+int SignatureHeader::CheckSignature(const PgpSignatureData& signature, KeySource& keys, const DigestBase* signedData,
+                                    std::string& message, std::string* reason) {
+    std::string appended;
+    const int result = CheckPgpSignature(signature, keys, signedData, appended);
+    message += appended;
+    if (reason != nullptr) {
+        *reason = appended.empty() || appended[0] != ' ' ? appended : appended.substr(1);
+    }
+    if (result == ResultInvalidSignature) {
+        message = "RSA signature is not valid. " + message;
+    }
+    return result;
+}
+
+namespace {
+
+std::string HexOf(const unsigned char* bytes, unsigned int length) {
+    return Base::DumpBufferToString(bytes, length, false);
+}
+
+std::string Mismatch(const std::string& expected, const std::string& computed) {
+    return "Expected " + expected + " != " + computed;
+}
+
+// "RSA/SHA256" in the manner of rpmkeys: the public-key and hash algorithms of a signature packet.
+std::string AlgorithmsOf(const PgpSignatureData& data) {
+    std::string text;
+    switch (data.GetPublicKeyAlgorithm()) {
+        case 1:
+        case 2:
+        case 3: text = "RSA"; break;
+        case 17: text = "DSA"; break;
+        default: text = "algorithm " + std::to_string(data.GetPublicKeyAlgorithm()); break;
+    }
+    switch (data.GetHashAlgorithm()) {
+        case PgpHashMd5: return text + "/MD5";
+        case PgpHashSha1: return text + "/SHA1";
+        case PgpHashRipemd160: return text + "/RIPEMD160";
+        case PgpHashSha256: return text + "/SHA256";
+        case PgpHashSha384: return text + "/SHA384";
+        case PgpHashSha512: return text + "/SHA512";
+        case PgpHashSha224: return text + "/SHA224";
+        default: return text + "/hash " + std::to_string(data.GetHashAlgorithm());
+    }
+}
+
+RpmCheck SignatureCheck(RpmCheck::Kind kind, const PgpSignatureData& data) {
+    const std::string keyId = Base::DumpBufferToString(data.GetIssuerId(), 8, true);
+    std::string shortId = keyId.substr(8);
+    for (char& c : shortId) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    std::string label = kind == RpmCheck::HeaderSignature ? "Header V" : "V";
+    label += std::to_string(data.GetVersion()) + " " + AlgorithmsOf(data) + " Signature, key ID " + shortId;
+    return RpmCheck{kind, RpmCheck::Ok, label, "", keyId};
+}
+
+}  // namespace
+
+// The running verdict of an evaluation. The first failure decides the verdict and its message; with a
+// record of checks the evaluation goes on after it and keeps every check.
+class SignatureHeader::Evaluation {
+public:
+    Evaluation(std::string& message, std::vector<RpmCheck>* checks) : message_(message), checks_(checks) {}
+
+    // Takes result as the verdict unless one was taken (text, when given, as its message); says
+    // whether the evaluation goes on.
+    bool Fail(int result, const char* text) {
+        if (!decided_) {
+            verdict_ = result;
+            if (text != nullptr) message_ = text;
+            decided_ = true;
+        }
+        return checks_ != nullptr;
+    }
+    void Record(RpmCheck check) {
+        if (checks_ != nullptr) checks_->push_back(std::move(check));
+    }
+    bool Decided() const { return decided_; }
+    int Verdict() const { return verdict_; }
+    // Where a signature check writes its text: the verdict's message while the verdict is open.
+    std::string& Text() { return decided_ ? scratch_ : message_; }
+
+private:
+    std::string& message_;
+    std::vector<RpmCheck>* checks_;
+    std::string scratch_;
+    int verdict_ = ResultSigned;
+    bool decided_ = false;
+};
+
+int SignatureHeader::Evaluate(KeySource& keys, const PackageDigests& digests, std::string& message,
+                              std::vector<RpmCheck>* checks) const {
+    if (digests.headerSha1 == nullptr || digests.packageMd5 == nullptr) {
+        throw NotDefinedException("The package digests have not been computed.");
+    }
+    Evaluation evaluation(message, checks);
+    if (CheckHeaderDigest(evaluation, digests) && CheckPackageDigest(evaluation, digests) &&
+        CheckHeaderSignature(evaluation, keys, digests)) {
+        CheckPackageSignatures(evaluation, keys, digests);
+    }
+    return evaluation.Verdict();
+}
+
+bool SignatureHeader::CheckHeaderDigest(Evaluation& evaluation, const PackageDigests& digests) const {
+    // The SHA-1 of the main header, as lower-case hexadecimal text. A copy is finished so that the
+    // digest itself stays open.
+    std::unique_ptr<DigestBase> copy(digests.headerSha1->Copy());
+    const std::string sha1 = HexOf(copy->GetValue(), copy->GetLength());
+    const bool good = sha1_ != nullptr && sha1 == sha1_;
+    evaluation.Record({RpmCheck::HeaderSha1,
+                       good               ? RpmCheck::Ok
+                       : sha1_ == nullptr ? RpmCheck::NotFound
+                                          : RpmCheck::Bad,
+                       "Header SHA1 digest", good || sha1_ == nullptr ? "" : Mismatch(sha1_, sha1), ""});
+    return good || evaluation.Fail(ResultInvalidHash, "Invalid value of SHA1 header hash");
+}
+
+bool SignatureHeader::CheckPackageDigest(Evaluation& evaluation, const PackageDigests& digests) const {
+    // With nothing after the main header, the digest of header and payload is the digest of the
+    // header alone, and a signature over the header would pass for one over the whole package.
+    // A package always carries a payload.
+    const bool noPayload = digests.payloadLength == 0;
+    if (noPayload && !evaluation.Fail(ResultInvalidHash, "The package has no payload")) {
+        return false;
+    }
+    std::unique_ptr<DigestBase> packageMd5(digests.packageMd5->Copy());
+    const std::string md5 = HexOf(packageMd5->GetValue(), packageMd5->GetLength());
+    const bool good = md5_ != nullptr && std::memcmp(packageMd5->GetValue(), md5_, packageMd5->GetLength()) == 0;
+    std::string reason;
+    if (noPayload) {
+        reason = "The package has no payload";
+    } else if (!good && md5_ != nullptr) {
+        reason = Mismatch(HexOf(md5_, packageMd5->GetLength()), md5);
+    }
+    evaluation.Record({RpmCheck::Md5,
+                       good && !noPayload ? RpmCheck::Ok
+                       : md5_ == nullptr  ? RpmCheck::NotFound
+                                          : RpmCheck::Bad,
+                       "MD5 digest", reason, ""});
+    return good || evaluation.Fail(ResultInvalidHash, "Invalid value of MD5 hash");
+}
+
+// One signature check: while the verdict is open its text goes into the verdict's message. An
+// exception ends the evaluation unless the verdict was already decided.
+int SignatureHeader::CheckRecorded(Evaluation& evaluation, KeySource& keys, RpmCheck::Kind kind,
+                                   const PgpSignatureData& signature, const DigestBase* digest) const {
+    RpmCheck check = SignatureCheck(kind, signature);
+    int result = ResultInternalError;
+    try {
+        result = CheckSignature(signature, keys, digest, evaluation.Text(), &check.reason);
+    } catch (const std::exception& e) {
+        check.state = RpmCheck::Bad;
+        check.reason = e.what();
+        evaluation.Record(std::move(check));
+        if (!evaluation.Decided()) throw;
+        return ResultInternalError;
+    }
+    if (result != ResultSigned) check.state = RpmCheck::Bad;
+    evaluation.Record(std::move(check));
+    return result;
+}
+
+bool SignatureHeader::CheckHeaderSignature(Evaluation& evaluation, KeySource& keys,
+                                           const PackageDigests& digests) const {
+    const PgpSignatureData* signature = HeaderSignature();
+    if (signature == nullptr) {
+        evaluation.Record({RpmCheck::HeaderSignature, RpmCheck::NotFound, "Header signature", "", ""});
+        return evaluation.Fail(ResultNotSigned, nullptr);
+    }
+    const int result =
+        CheckRecorded(evaluation, keys, RpmCheck::HeaderSignature, *signature, digests.headerSigned.get());
+    return result == ResultSigned || evaluation.Fail(result, nullptr);
+}
+
+void SignatureHeader::CheckPackageSignatures(Evaluation& evaluation, KeySource& keys,
+                                             const PackageDigests& digests) const {
+    if (packageSignatures_.empty()) {
+        evaluation.Record({RpmCheck::PackageSignature, RpmCheck::NotFound, "Header and payload signature", "", ""});
+        evaluation.Fail(ResultHeaderOnlySigned,
+                        "The package does not contain PGP signature over its header and payload.");
+        return;
+    }
+    // Every signature is checked; any one valid signature makes the package valid.
+    bool anyValid = false;
+    for (const PgpSignatureData* signature : packageSignatures_) {
+        anyValid = CheckRecorded(evaluation, keys, RpmCheck::PackageSignature, *signature,
+                                 digests.packageSigned.get()) == ResultSigned ||
+                   anyValid;
+    }
+    if (!anyValid && !evaluation.Decided()) {
+        evaluation.Text() = "PGP signature is not valid: " + evaluation.Text();
+        evaluation.Fail(ResultInvalidSignature, nullptr);
+    }
+}
