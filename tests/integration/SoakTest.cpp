@@ -1,17 +1,21 @@
-// Long runs and special files: many rpm_verify calls in one process leave no descriptor open and
-// keep memory flat; a hostile signature header costs a small multiple of its size; files that are
-// not regular files get an answer at once.
+// Long runs, threads and special files: many rpm_verify calls in one process leave no descriptor
+// open and keep memory flat; calls on several threads with several keys give the answers of lone
+// calls; hostile headers cost little memory and time; files that are not regular files get an
+// answer at once.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "CertificateManager.h"
+#include "RpmWriter.h"
 #include "TestSupport.h"
 #include "rpmutil.h"
 
@@ -77,6 +81,76 @@ TEST(Soak, AHostileSignatureHeaderCostsASmallMultipleOfItsSize) {
     std::printf("hostile header: %ld KiB package, peak memory grew by %ld KiB\n", sizeKiB, grown);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
     EXPECT_TRUE(kSanitized || before <= 0 || grown < 4 * sizeKiB) << grown;
+}
+
+// Two host threads, two keys: each call gives the answer a lone call gives. The same package is
+// signed with one key and refused with the other, so a key that leaks from one call into another
+// shows as a wrong status.
+TEST(Threads, CallsWithTwoKeysOnTwoThreadsGiveTheAnswersOfLoneCalls) {
+    struct Case {
+        std::string package, key;
+        int status;
+    };
+    const std::vector<Case> cases[2] = {
+        {{"signed-sha256.rpm", "publisher-2048", 0}, {"other-key.rpm", "publisher-2048", 2}},
+        {{"signed-sha256.rpm", "other-2048", 2}, {"other-key.rpm", "other-2048", 0}}};
+    std::atomic<int> wrong{0};
+    auto run = [&](const std::vector<Case>& mine) {
+        for (int i = 0; i < 300; ++i) {
+            const Case& c = mine[static_cast<size_t>(i) % mine.size()];
+            if (Verify(kData + "/rpm/" + c.package, kData + "/keys/" + c.key + ".asc").first != c.status) ++wrong;
+        }
+    };
+    std::thread first(run, cases[0]), second(run, cases[1]);
+    first.join();
+    second.join();
+    EXPECT_EQ(wrong.load(), 0);
+}
+
+// Header structures that claim more than rpm's header reader takes, in sparse files as large as the
+// claims: refused at once, with nothing allocated for them. A main header inside the bounds is
+// hashed in blocks, never held whole.
+TEST(Soak, ClaimedSizesCostNeitherMemoryNorTime) {
+    using namespace rpm;
+    using pgp::Be;
+    TempFolder temp;
+    PackageOptions options;
+    const Bytes signatureHeader = HeaderStructure(SignatureEntries(options));
+    const size_t mainOffset = (Lead().size() + signatureHeader.size() + 7) & ~size_t(7);
+    const std::string package = Package(options);
+    struct Claim {
+        const char* name;
+        size_t field;    // offset of the 32-bit size (or count) that is changed
+        uint32_t value;  // the claim
+        bool refused;    // beyond the bounds: refused without reading
+        uint64_t Bytes() const { return std::string(name).find("index") != std::string::npos ? 16ull * value : value; }
+    };
+    const uint32_t kMiB = 1024 * 1024;
+    const Claim claims[] = {{"signature store", Lead().size() + 12, 512 * kMiB, true},
+                            {"signature index", Lead().size() + 8, 0x01000000, true},
+                            {"main header store", mainOffset + 12, 512 * kMiB, true},
+                            {"main header index", mainOffset + 8, 0x00100000, true},
+                            {"main header store within the bounds", mainOffset + 12, 48 * kMiB, false}};
+    Verify(kData + "/rpm/signed-sha256.rpm", kKey);  // warm-up
+    for (const Claim& claim : claims) {
+        std::string bytes = package;
+        bytes.replace(claim.field, 4, Text(Be(claim.value, 4)));
+        const std::string path = temp.Write("claim.rpm", bytes);
+        std::filesystem::resize_file(path, bytes.size() + claim.Bytes());  // sparse
+        std::ofstream("/proc/self/clear_refs") << "5";
+        const long before = StatusKiB("VmHWM");
+        const auto start = std::chrono::steady_clock::now();
+        const std::pair<int, std::string> answer = Verify(path, kKey);
+        const auto took = std::chrono::steady_clock::now() - start;
+        const long grown = StatusKiB("VmHWM") - before;
+        std::printf("%s: %u claimed, status %d in %.3f s, peak memory grew by %ld KiB\n", claim.name, claim.value,
+                    answer.first, std::chrono::duration<double>(took).count(), grown);
+        EXPECT_EQ(answer.first, claim.refused ? 5 : 3) << claim.name << ": " << answer.second;
+        EXPECT_TRUE(kSanitized || before <= 0 || grown < 4 * 1024) << claim.name << ": " << grown;
+        if (claim.refused) {
+            EXPECT_LT(took, std::chrono::milliseconds(kSanitized ? 1000 : 100)) << claim.name;
+        }
+    }
 }
 
 TEST(SpecialFiles, FifosDevicesFoldersAndSocketsAreAnsweredPromptly) {

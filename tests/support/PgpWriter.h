@@ -54,11 +54,12 @@ struct SignatureOptions {
     int breakLeft16 = 0;            // wrong quick-check bits: 1 the first octet, 2 the second
     bool breakValue = false;        // an RSA value that does not verify
     bool leadingZero = false;       // a value whose first octet is zero (an MPI shorter than the key)
+    Bytes hashedExtra;              // version 4: subpackets after the creation time in the hashed area
 };
 // The hash an OpenPGP signature of data covers, finished with the signature's own fields (version 4:
 // the hashed area and the trailer 04 FF with the length of the hashed part).
 inline Bytes SignatureHash(const std::string& data, const SignatureOptions& o) {
-    const Bytes area = Concat({{5, 2}, Be(o.created, 4)});
+    const Bytes area = Concat({{5, 2}, Be(o.created, 4), o.hashedExtra});
     const Bytes fields = o.version == 3 ? Concat({{o.type}, Be(o.created, 4)})
                                         : Concat({{4, o.type, 1, static_cast<unsigned char>(o.hashId)},
                                                   Be(area.size(), 2),
@@ -84,8 +85,11 @@ inline Bytes SignaturePacket(EVP_PKEY* key, const std::string& data, SignatureOp
     if (o.version == 3) {
         return Packet(2, Concat({{3, 5, o.type}, Be(o.created, 4), o.issuer, {1, hashId}, left16, Mpi(value)}));
     }
-    return Packet(2, Concat({{4, o.type, 1, hashId, 0, 6, 5, 2},
+    return Packet(2, Concat({{4, o.type, 1, hashId},
+                             Be(6 + o.hashedExtra.size(), 2),
+                             {5, 2},
                              Be(o.created, 4),
+                             o.hashedExtra,
                              Be(o.issuer.size() + 2, 2),
                              {9, 16},
                              o.issuer,

@@ -7,6 +7,7 @@
 #include "CertificateManager.h"
 #include "Digest.h"
 #include "Exceptions.h"
+#include "PgpKey.h"
 #include "PgpSignature.h"
 #include "PgpWriter.h"
 #include "TestSupport.h"
@@ -256,4 +257,25 @@ const Operations kOperations = {
 TEST(OpenpgpVectors, CodecsPacketsSignaturesAndCertificates) {
     for (const char* name : {"openpgp-base64.vec", "openpgp-packets.vec", "openpgp-verify.vec"})
         RunVectors(name, kOperations);
+}
+
+// A verification reads its key once: the file replaced or removed after the first Key() changes
+// neither the key nor an error already met.
+TEST(OpenpgpKeyFile, TheKeyIsReadOnce) {
+    const std::string path = temp / "once.asc", missing = temp / "once-missing.asc";
+    temp.Write("once.asc", Armor(KeyBlock(TestKey(2048), kIssuer)));
+    KeyFromFile source(path);
+    const PgpKey& key = source.Key();
+    EXPECT_EQ(Hex(key.KeyId(), 8), Hex(kIssuer.data(), 8));
+    EXPECT_EQ(key.Bits(), 2048u);
+    EXPECT_EQ(key.Algorithm(), 1u);
+    temp.Write("once.asc", Armor(KeyBlock(TestKey(3072), Bytes(8, 0x22))));
+    EXPECT_EQ(&source.Key(), &key);
+    EXPECT_EQ(source.Key().Bits(), 2048u);
+
+    KeyFromFile absent(missing);
+    const std::string error = MessageOf<std::exception>([&] { absent.Key(); });
+    temp.Write("once-missing.asc", Armor(KeyBlock(TestKey(2048), kIssuer)));
+    EXPECT_EQ(MessageOf<std::exception>([&] { absent.Key(); }), error);
+    EXPECT_NE(error.find("once-missing.asc"), std::string::npos) << error;
 }

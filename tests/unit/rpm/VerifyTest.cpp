@@ -1,6 +1,7 @@
 // Packages through rpm_verify (rows in tests/data/vectors/rpm-verdicts.vec), then the digest slots
 // across payload blocks and the copy to an output file.
 #include <algorithm>
+#include <map>
 
 #include "Digest.h"
 #include "RpmTestSupport.h"
@@ -14,10 +15,22 @@ bool Known(const std::string& list, const std::string& w) {
 }
 
 Sig Kind(Sig s, const std::string& kind) {
-    EXPECT_TRUE(Known("good bits foreign broken zero text standalone none", kind)) << kind;
+    EXPECT_TRUE(Known("good bits foreign broken zero text standalone certification revocation critical "
+                      "known-critical not-critical cut none",
+                      kind))
+        << kind;
     s.breakLeft16 = kind == "bits", s.breakValue = kind == "broken", s.leadingZero = kind == "zero";
     if (kind == "foreign") s.issuer = Bytes(8, 0x77);
-    if (kind == "text" || kind == "standalone") s.type = kind == "text" ? 0x01 : 0x02;
+    const std::map<std::string, unsigned char> types = {
+        {"text", 0x01}, {"standalone", 0x02}, {"certification", 0x13}, {"revocation", 0x20}};
+    if (types.count(kind)) s.type = types.at(kind);
+    // Hashed subpackets after the creation time: type 100 (private) critical or not, a second
+    // creation time marked critical, a length that runs past the area.
+    const std::map<std::string, Bytes> extra = {{"critical", {2, 0x80 | 100, 0}},
+                                                {"not-critical", {2, 100, 0}},
+                                                {"known-critical", {5, 0x82, 0x60, 0, 0, 0}},
+                                                {"cut", {9, 100, 0}}};
+    if (extra.count(kind)) s.hashedExtra = extra.at(kind);
     return s;
 }
 
