@@ -27,8 +27,7 @@ struct RpmReport {
 // rpm_verify, reporting every check it made (report is reset first).
 RpmVerifyResult rpm_verify_report(const char* file, const char* key, RpmReport& report);
 
-// The public key as verification reads it: the certificate manager is pointed at path and loads
-// it. The key ID is the issuer of the key block's last signature packet, the identity signatures
+// The public key as verification reads it. The key ID is the issuer of the key block's last signature packet, the identity signatures
 // are matched against. Throws the loader's exception when the key cannot be read; a block without
 // a signature packet that names its key is a DataFormatException.
 struct RpmKey {
@@ -36,3 +35,6 @@ struct RpmKey {
     unsigned long long bits;
 };
 RpmKey rpm_read_key(const std::string& path);
+// The same for a key block in memory, and the bytes of a key file as verification reads them.
+RpmKey rpm_key_of(const char* data, size_t length);
+std::vector<char> rpm_read_key_file(const std::string& path);

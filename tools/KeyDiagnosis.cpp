@@ -1,12 +1,11 @@
 #include "KeyDiagnosis.h"
 
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <vector>
 
 #include "Base.h"
 #include "Base64.h"
+#include "ByteCursor.h"
 #include "Exceptions.h"
 #include "RpmReport.h"
 
@@ -21,10 +20,9 @@ struct KeyBlock {
     int primaryAlgorithm = -1;
     bool hasSignature = false;
     bool notKey = false;  // the first packet is not a key
+    bool damagedArmor = false;  // an armor whose Base64 body does not decode
     std::string issuer;   // of the first signature packet that names one
 };
-
-const unsigned int kLargestKeyFile = 1024 * 1024;
 
 std::string AlgorithmName(int id) {
     switch (id) {
@@ -39,13 +37,9 @@ std::string AlgorithmName(int id) {
     }
 }
 
-// The bytes of the key block: the file itself, or the Base64 body of its armor (of whatever kind).
-std::vector<unsigned char> BlockBytes(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::string data;
-    data.resize(kLargestKeyFile);
-    file.read(&data[0], kLargestKeyFile);
-    data.resize(static_cast<size_t>(file.gcount()));
+// The bytes of the key block: the data itself, or the Base64 body of its armor (of whatever kind);
+// nothing (and damaged set) when the armor's body does not decode.
+std::vector<unsigned char> BlockBytes(const std::string& data, bool& damaged) {
     if (!data.empty() && (static_cast<unsigned char>(data[0]) & 0x80) != 0) return {data.begin(), data.end()};
     const size_t begin = data.find("-----BEGIN PGP ");
     size_t body = begin == std::string::npos ? begin : data.find("\n\n", begin);
@@ -59,82 +53,98 @@ std::vector<unsigned char> BlockBytes(const std::string& path) {
         text += line.back() == '\r' ? line.substr(0, line.size() - 1) : line;
         at = end + 1;
     }
-    unsigned int length = 0;
-    std::unique_ptr<char[]> decoded(Base64::Decode(text.data(), static_cast<unsigned int>(text.size()), length));
-    if (!decoded) return {};
-    return {decoded.get(), decoded.get() + length};
+    try {
+        unsigned int length = 0;
+        std::unique_ptr<char[]> decoded(Base64::Decode(text.data(), static_cast<unsigned int>(text.size()), length));
+        if (decoded) return {decoded.get(), decoded.get() + length};
+    } catch (const std::exception&) {
+    }
+    damaged = true;
+    return {};
 }
 
-// Reads the hashed and unhashed subpackets of a version 4 signature body: key flags (27) and the
-// issuer (16).
-void ReadSubpackets(const std::vector<unsigned char>& body, KeyBlock& block) {
-    size_t at = 4;
-    for (int area = 0; area < 2 && at + 2 <= body.size(); ++area) {
-        const size_t end = std::min(at + 2 + (size_t(body[at]) << 8 | body[at + 1]), body.size());
-        for (at += 2; at < end;) {
-            size_t length = body[at], header = 1;
-            if (length >= 192 && length < 255 && at + 1 < end)
-                length = ((length - 192) << 8) + body[at + 1] + 192, header = 2;
-            else if (length == 255 && at + 4 < end)
-                length =
-                    size_t(body[at + 1]) << 24 | size_t(body[at + 2]) << 16 | size_t(body[at + 3]) << 8 | body[at + 4],
-                header = 5;
-            if (length == 0 || at + header + length > end) break;
-            const unsigned char type = body[at + header] & 0x7F;
-            const unsigned char* value = &body[at + header + 1];
-            if (type == 27 && length > 1 && body[1] == 0x18 && (value[0] & 0x02) != 0) block.signingSubkey = true;
-            if (type == 16 && length == 9 && block.issuer.empty())
-                block.issuer = Base::DumpBufferToString(value, 8, true);
-            at += header + length;
+// A subpacket length (RFC 4880, 5.2.3.1): one, two or five octets.
+uint64_t ReadSubpacketLength(ByteCursor& area) {
+    const uint64_t first = area.ReadUInt8();
+    if (first < 192) return first;
+    if (first < 255) return ((first - 192) << 8) + area.ReadUInt8() + 192;
+    return area.ReadUInt32();
+}
+
+// The hashed and unhashed subpackets of a version 4 signature body: key flags (27) and the issuer
+// (16). An area that claims more than the body holds is read as far as it goes.
+void ReadSubpackets(ByteCursor body, KeyBlock& block) {
+    body.Skip(1);  // version
+    const unsigned int type = body.ReadUInt8();
+    body.Skip(2);  // algorithms
+    for (int area = 0; area < 2 && body.Has(2); ++area) {
+        ByteCursor subpackets = body.Take(std::min<uint64_t>(body.ReadUInt16(), body.Remaining()));
+        while (subpackets.Remaining() > 0) {
+            const uint64_t length = ReadSubpacketLength(subpackets);
+            if (length == 0 || !subpackets.Has(length)) break;
+            ByteCursor subpacket = subpackets.Take(length);
+            const unsigned int kind = subpacket.ReadUInt8() & 0x7F;
+            if (kind == 27 && subpacket.Remaining() > 0 && type == 0x18 && (subpacket.ReadUInt8() & 0x02) != 0) {
+                block.signingSubkey = true;
+            }
+            if (kind == 16 && subpacket.Remaining() == 8 && block.issuer.empty()) {
+                block.issuer = Base::DumpBufferToString(subpacket.Here(), 8, true);
+            }
         }
-        at = end;
     }
 }
 
-KeyBlock Describe(const std::string& path) {
+// A packet's length after its tag octet: new format (one, two or five octets; a partial length
+// ends the walk with 0 and false) or old format (its length type: 1, 2 or 4 octets, or to the end).
+bool ReadPacketLength(ByteCursor& data, unsigned int octet, uint64_t& length) {
+    if ((octet & 0x40) != 0) {
+        const uint64_t first = data.ReadUInt8();
+        if (first >= 224 && first != 255) return false;
+        length = first < 192 ? first : first < 224 ? ((first - 192) << 8) + data.ReadUInt8() + 192 : data.ReadUInt32();
+        return true;
+    }
+    switch (octet & 3) {
+        case 0: length = data.ReadUInt8(); break;
+        case 1: length = data.ReadUInt16(); break;
+        case 2: length = data.ReadUInt32(); break;
+        default: length = data.Remaining(); break;
+    }
+    return true;
+}
+
+// Walks the packets for what they are. A block cut short is described by what came before the cut.
+KeyBlock Describe(const std::string& text) {
     KeyBlock block;
-    const std::vector<unsigned char> data = BlockBytes(path);
-    block.notKey = data.empty() || (data[0] & 0x80) == 0;
-    for (size_t at = 0; at < data.size();) {
-        const unsigned char octet = data[at];
-        if ((octet & 0x80) == 0) break;
-        size_t header = 0, length = 0;
-        int tag = 0;
-        if ((octet & 0x40) != 0) {
-            block.newFormat = true;
-            tag = octet & 0x3F;
-            if (at + 1 >= data.size() || (data[at + 1] >= 224 && data[at + 1] != 255)) break;
-            const unsigned char first = data[at + 1];
-            if (first < 192) header = 2, length = first;
-            else if (first < 224 && at + 2 < data.size())
-                header = 3, length = ((first - 192) << 8) + data[at + 2] + 192;
-            else if (at + 5 < data.size())
-                header = 6, length = size_t(data[at + 2]) << 24 | size_t(data[at + 3]) << 16 |
-                                     size_t(data[at + 4]) << 8 | data[at + 5];
-            else break;
-        } else {
-            tag = (octet >> 2) & 0x0F;
-            const int type = octet & 3;
-            header = type == 3 ? 1 : 1 + (size_t(1) << type);
-            if (at + header > data.size()) break;
-            length = type == 3 ? data.size() - at - 1 : 0;
-            for (size_t i = 1; type != 3 && i < header; ++i) length = length << 8 | data[at + i];
+    const std::vector<unsigned char> bytes = BlockBytes(text, block.damagedArmor);
+    block.notKey = bytes.empty() || (bytes[0] & 0x80) == 0;
+    ByteCursor data(bytes.data(), bytes.size(), "key block");
+    try {
+        for (bool first = true; data.Remaining() > 0; first = false) {
+            const unsigned int octet = data.ReadUInt8();
+            if ((octet & 0x80) == 0) break;
+            const unsigned int tag = (octet & 0x40) != 0 ? octet & 0x3F : (octet >> 2) & 0x0F;
+            block.newFormat = block.newFormat || (octet & 0x40) != 0;
+            uint64_t length = 0;
+            if (!ReadPacketLength(data, octet, length) || !data.Has(length)) break;
+            if (first && tag != 5 && tag != 6) {
+                block.notKey = true;
+                break;
+            }
+            ByteCursor body = data.Take(length);
+            if (tag == 5 || tag == 7) block.secret = true;
+            if (tag == 6 && body.Size() > 0) {
+                // Version 4: version, creation time, algorithm; version 3 keeps two octets of
+                // validity before the algorithm.
+                const unsigned char* packet = body.Here();
+                const uint64_t at = packet[0] == 4 ? 5 : 7;
+                block.primaryAlgorithm = body.Size() > at ? packet[at] : -1;
+            }
+            if (tag == 2) {
+                block.hasSignature = true;
+                if (body.Size() > 0 && body.Peek(1)[0] == 4) ReadSubpackets(body, block);
+            }
         }
-        if (at + header + length > data.size()) break;
-        if (at == 0 && tag != 5 && tag != 6) {
-            block.notKey = true;
-            break;
-        }
-        const std::vector<unsigned char> body(data.begin() + long(at + header),
-                                              data.begin() + long(at + header + length));
-        if (tag == 5 || tag == 7) block.secret = true;
-        if (tag == 6 && !body.empty())
-            block.primaryAlgorithm = body[0] == 4 && body.size() > 5 ? body[5] : body.size() > 7 ? body[7] : -1;
-        if (tag == 2) {
-            block.hasSignature = true;
-            if (!body.empty() && body[0] == 4) ReadSubpackets(body, block);
-        }
-        at += header + length;
+    } catch (const std::exception&) {
     }
     return block;
 }
@@ -143,7 +153,10 @@ KeyBlock Describe(const std::string& path) {
 void Explain(const KeyBlock& block, KeyDiagnosis& diagnosis) {
     const std::string id = block.issuer.empty() ? "KEYID" : block.issuer;
     std::string kind;
-    if (block.notKey) {
+    if (block.damagedArmor) {
+        kind = "the armor's Base64 text is damaged";
+        diagnosis.hint = "export the key again, whole: gpg --export --armor KEYID";
+    } else if (block.notKey) {
         kind = "the file holds no OpenPGP public key";
         diagnosis.hint = "give the publisher's public key as gpg --export --armor KEYID writes it";
     } else if (block.secret) {
@@ -169,24 +182,49 @@ void Explain(const KeyBlock& block, KeyDiagnosis& diagnosis) {
     if (!kind.empty()) diagnosis.text = kind + " (" + diagnosis.text + ")";
 }
 
+
+// One line, whatever the text holds.
+std::string OneLine(std::string text) {
+    for (char& c : text) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = ' ';
+    }
+    return text;
+}
+
 }  // namespace
 
-KeyDiagnosis DiagnoseKey(const std::string& path) {
+KeyDiagnosis DiagnoseKeyData(const std::string& data) {
     KeyDiagnosis diagnosis;
     try {
-        const RpmKey key = rpm_read_key(path);
-        diagnosis.usable = true;
-        diagnosis.keyId = key.keyId;
-        diagnosis.bits = key.bits;
-        return diagnosis;
-    } catch (const FileIoException& e) {
-        diagnosis.reason = "unreadable-key";
-        diagnosis.text = e.what();
-        return diagnosis;
-    } catch (const std::exception& e) {
+        try {
+            const RpmKey key = rpm_key_of(data.data(), data.size());
+            diagnosis.usable = true;
+            diagnosis.keyId = key.keyId;
+            diagnosis.bits = key.bits;
+            return diagnosis;
+        } catch (const std::exception& e) {
+            diagnosis.reason = "unsupported-key";
+            diagnosis.text = OneLine(e.what());
+        }
+        Explain(Describe(data), diagnosis);
+    } catch (...) {
+        diagnosis = KeyDiagnosis();
         diagnosis.reason = "unsupported-key";
-        diagnosis.text = e.what();
+        diagnosis.text = "the key block cannot be read";
     }
-    Explain(Describe(path), diagnosis);
     return diagnosis;
+}
+
+KeyDiagnosis DiagnoseKey(const std::string& path) {
+    std::string data;
+    try {
+        const std::vector<char> bytes = rpm_read_key_file(path);
+        data.assign(bytes.begin(), bytes.end());
+    } catch (const std::exception& e) {
+        KeyDiagnosis diagnosis;
+        diagnosis.reason = "unreadable-key";
+        diagnosis.text = OneLine(e.what());
+        return diagnosis;
+    }
+    return DiagnoseKeyData(data);
 }

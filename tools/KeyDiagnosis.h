@@ -12,4 +12,8 @@ struct KeyDiagnosis {
     std::string hint;    // not usable: what to give instead, when that can be told
 };
 
+// The key in the file at path; a file that cannot be read is "unreadable-key". Never throws.
 KeyDiagnosis DiagnoseKey(const std::string& path);
+// The key block in data (armored or binary). Never throws: whatever the block holds, a block the
+// verifier cannot use gets one line of text and the reason "unsupported-key".
+KeyDiagnosis DiagnoseKeyData(const std::string& data);
