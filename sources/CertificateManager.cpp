@@ -53,7 +53,8 @@ Certificate* CertificateManager::GetCertificate(soapWrap::CertificateFileFormat 
 }
 
 const PgpKey& ManagerKey::Key() {
-    const PgpCertificate* certificate = dynamic_cast<PgpCertificate*>(CertificateManager::Instance()->LoadPgpPublicKey());
+    const PgpCertificate* certificate =
+        dynamic_cast<PgpCertificate*>(CertificateManager::Instance()->LoadPgpPublicKey());
     if (certificate == nullptr) {
         throw DataFormatException("PGP public key is not found");
     }

@@ -115,8 +115,7 @@ SignatureStore PackageReader::ReadSignatureStore(const HeaderStructureHeader& he
 }
 
 PackageDigests PackageReader::DigestPackage(uint64_t headerOffset, const HeaderStructureHeader& header,
-                                            soapWrap::HashAlgorithm hash, FileHelper* copy,
-                                            bool signingDigests) const {
+                                            soapWrap::HashAlgorithm hash, FileHelper* copy, bool signingDigests) const {
     RequireBounds("Header section", header, kMainHeaderBounds);
     const Section main{headerOffset, sizeof header + IndexAndStoreSize(header)};
     RequireInFile("Header section", main, header, FileHelper::GetSize(input_.GetPath()));

@@ -27,8 +27,8 @@ struct RpmReport {
 // rpm_verify, reporting every check it made (report is reset first).
 RpmVerifyResult rpm_verify_report(const char* file, const char* key, RpmReport& report);
 
-// The public key as verification reads it. The key ID is the issuer of the key block's last signature packet, the identity signatures
-// are matched against. Throws the loader's exception when the key cannot be read; a block without
+// The public key as verification reads it. The key ID is the issuer of the key block's last signature packet, the
+// identity signatures are matched against. Throws the loader's exception when the key cannot be read; a block without
 // a signature packet that names its key is a DataFormatException.
 struct RpmKey {
     std::string keyId;  // 16 upper-case hexadecimal digits

@@ -90,8 +90,7 @@ RpmSignature* RpmSigner::PassDigestsToSignature(RpmSignature* signature, unsigne
         throw InvalidFileStructureException("Header section: RPM header magic number is not found.");
     }
     const soapWrap::HashAlgorithm hash = SignedHash(*signature);
-    PackageDigests digests =
-        reader.DigestPackage(headerOffset, header, hash, copyToOutput ? &Output() : nullptr, true);
+    PackageDigests digests = reader.DigestPackage(headerOffset, header, hash, copyToOutput ? &Output() : nullptr, true);
     signature->SetPayloadLength(digests.payloadLength);
     signature->SetDigest(0, digests.headerSha1.release());
     signature->SetDigest(1, digests.headerSigned.release());

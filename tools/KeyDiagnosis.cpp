@@ -19,9 +19,9 @@ struct KeyBlock {
     bool signingSubkey = false;
     int primaryAlgorithm = -1;
     bool hasSignature = false;
-    bool notKey = false;  // the first packet is not a key
+    bool notKey = false;        // the first packet is not a key
     bool damagedArmor = false;  // an armor whose Base64 body does not decode
-    std::string issuer;   // of the first signature packet that names one
+    std::string issuer;         // of the first signature packet that names one
 };
 
 std::string AlgorithmName(int id) {
@@ -181,7 +181,6 @@ void Explain(const KeyBlock& block, KeyDiagnosis& diagnosis) {
     }
     if (!kind.empty()) diagnosis.text = kind + " (" + diagnosis.text + ")";
 }
-
 
 // One line, whatever the text holds.
 std::string OneLine(std::string text) {

@@ -53,10 +53,15 @@ typedef struct session_t session_t;
 
 /* The prerequisite check the host installer runs: obtains and screens the publisher's key, verifies
  * the RPM package of every component of the session and reports the outcome through the session.
- * Returns 0 when every available RPM package is signed and valid, 1 otherwise. Never throws. */
+ * Returns 0 when every available RPM package is signed and valid, 1 otherwise. Never throws. Checks
+ * of different sessions may overlap when their TEMP_FOLDERs differ (the key is downloaded there). */
 SIGNING_EXPORT int signing_validate_package_list(session_t* session);
 
-/* Verifies the signatures and digests of the package file against the OpenPGP public key in key. */
+/* Verifies the signatures and digests of the package file against the OpenPGP public key in key.
+ * Thread-safe: calls may overlap, on any threads, with the same or different packages and keys;
+ * each call gives the answer it would give alone. A call reads its key file at most once, so a key
+ * file replaced while a call runs cannot mix two keys in one verdict. The call keeps nothing once it
+ * returns. */
 SIGNING_EXPORT RpmVerifyResult rpm_verify(const char* file, const char* key);
 
 /* The characters a file path may consist of, as a regular expression; published for the host. */

@@ -15,9 +15,10 @@ bool Known(const std::string& list, const std::string& w) {
 }
 
 Sig Kind(Sig s, const std::string& kind) {
-    EXPECT_TRUE(Known("good bits foreign broken zero text standalone certification revocation critical "
-                      "known-critical not-critical cut none",
-                      kind))
+    EXPECT_TRUE(
+        Known("good bits foreign broken zero text standalone certification revocation critical "
+              "known-critical not-critical cut none",
+              kind))
         << kind;
     s.breakLeft16 = kind == "bits", s.breakValue = kind == "broken", s.leadingZero = kind == "zero";
     if (kind == "foreign") s.issuer = Bytes(8, 0x77);
