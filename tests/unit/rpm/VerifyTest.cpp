@@ -17,7 +17,7 @@ bool Known(const std::string& list, const std::string& w) {
 Sig Kind(Sig s, const std::string& kind) {
     EXPECT_TRUE(
         Known("good bits foreign broken zero text standalone certification revocation critical "
-              "known-critical not-critical cut none",
+              "known-critical not-critical long long-critical cut none",
               kind))
         << kind;
     s.breakLeft16 = kind == "bits", s.breakValue = kind == "broken", s.leadingZero = kind == "zero";
@@ -26,10 +26,13 @@ Sig Kind(Sig s, const std::string& kind) {
         {"text", 0x01}, {"standalone", 0x02}, {"certification", 0x13}, {"revocation", 0x20}};
     if (types.count(kind)) s.type = types.at(kind);
     // Hashed subpackets after the creation time: type 100 (private) critical or not, a second
-    // creation time marked critical, a length that runs past the area.
+    // creation time marked critical, lengths of two octets (200) and of five (3), a length that runs
+    // past the area.
     const std::map<std::string, Bytes> extra = {{"critical", {2, 0x80 | 100, 0}},
                                                 {"not-critical", {2, 100, 0}},
                                                 {"known-critical", {5, 0x82, 0x60, 0, 0, 0}},
+                                                {"long", Concat({{192, 8, 100}, Bytes(199, 0)})},
+                                                {"long-critical", {255, 0, 0, 0, 3, 0x80 | 100, 0, 0}},
                                                 {"cut", {9, 100, 0}}};
     if (extra.count(kind)) s.hashedExtra = extra.at(kind);
     return s;
