@@ -8,7 +8,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const KeyDiagnosis diagnosis = DiagnoseKeyData(std::string(reinterpret_cast<const char*>(data), size));
     if (diagnosis.usable) {
-        if (diagnosis.keyId.size() != 16 || diagnosis.bits == 0) std::abort();
+        if (diagnosis.keyId.size() != 16) std::abort();
         return 0;
     }
     if (diagnosis.reason != "unsupported-key" || diagnosis.text.empty()) std::abort();

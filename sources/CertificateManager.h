@@ -19,12 +19,12 @@ template <typename T>
 class Singleton {
 public:
     virtual ~Singleton() {
-        const std::lock_guard<std::mutex> lock(_Guard);
+        const std::lock_guard<std::mutex> lock(guard_);
         if (_Self != nullptr && static_cast<Singleton*>(_Self) == this) _Self = nullptr;
     }
 
     static T* Instance() {
-        const std::lock_guard<std::mutex> lock(_Guard);
+        const std::lock_guard<std::mutex> lock(guard_);
         if (_Self == nullptr) {
             _Self = new T();
         }
@@ -32,17 +32,17 @@ public:
         return _Self;
     }
     static bool HasInstance() {
-        const std::lock_guard<std::mutex> lock(_Guard);
+        const std::lock_guard<std::mutex> lock(guard_);
         return _Self != nullptr;
     }
     static unsigned int Count() {
-        const std::lock_guard<std::mutex> lock(_Guard);
+        const std::lock_guard<std::mutex> lock(guard_);
         return _Count;
     }
     static void Destroy() {
         T* self = nullptr;
         {
-            const std::lock_guard<std::mutex> lock(_Guard);
+            const std::lock_guard<std::mutex> lock(guard_);
             self = _Self;
             _Self = nullptr;
         }
@@ -54,7 +54,7 @@ protected:
 
     static inline T* _Self = nullptr;
     static inline unsigned int _Count = 0;
-    static inline std::mutex _Guard;
+    static inline std::mutex guard_;
 };
 
 // A byte buffer that owns its bytes, as der_to_pem takes and returns it.

@@ -22,8 +22,16 @@
 
 namespace {
 
+// strerror_r comes in two forms: the GNU one returns the text, the XSI one fills the buffer.
+[[maybe_unused]] const char* ErrorTextOf(const char* text, const char*) {
+    return text;
+}
+[[maybe_unused]] const char* ErrorTextOf(int result, const char* buffer) {
+    return result == 0 ? buffer : "Unknown error";
+}
+
 std::string SystemError() {
-    return std::strerror(errno);
+    return SystemErrorText(errno);
 }
 
 // Files are opened without blocking (a FIFO with no writer must not hang the caller) and are not
@@ -41,6 +49,11 @@ struct DirCloser {
 };
 
 }  // namespace
+
+std::string SystemErrorText(int error) {
+    char buffer[256] = {};
+    return ErrorTextOf(strerror_r(error, buffer, sizeof buffer), buffer);
+}
 
 // ---------------------------------------------------------------------------------------------
 // Opening, reading, writing, closing

@@ -142,6 +142,9 @@ private:
 // Deletes a FileHelper that a smart pointer owns. A deleter must not throw: when the file cannot be
 // closed, the object is freed all the same and the failure is dropped (closing a file opened for
 // reading does not fail in practice).
+// The text of a system error number (strerror's), safe on any thread.
+std::string SystemErrorText(int error);
+
 struct FileHelperRelease {
     void operator()(FileHelper* file) const;
 };

@@ -26,6 +26,10 @@ std::vector<char> PgpKey::ReadFile(const std::string& path) {
     // A local object, not a smart pointer: a failing close may throw from its destructor.
     FileHelper file(path);
     const uint32_t size = FileHelper::GetSize(file.GetPath());
+    if (size > LargestFile) {
+        throw DataFormatException("PGP public key file " + path + " holds " + std::to_string(size) +
+                                  " bytes; a key file holds at most " + std::to_string(LargestFile));
+    }
     // A file that shrank since its size was taken leaves zeros, never stale memory.
     std::vector<char> bytes(size ? size : 1);
     if (size > 0) {

@@ -20,7 +20,9 @@ public:
     explicit PgpKey(std::unique_ptr<PgpMessage> message);
     // The key block in data (armored or binary); the bytes are not kept.
     static std::unique_ptr<PgpKey> Parse(const char* data, unsigned int length);
-    // The whole file at path, read once.
+    // The whole file at path, read once. A publisher's key takes a few KiB; a file larger than
+    // LargestFile is refused (DataFormatException) before anything is allocated for it.
+    static const uint32_t LargestFile = 1024 * 1024;
     static std::vector<char> ReadFile(const std::string& path);
 
     PgpKey(const PgpKey&) = delete;

@@ -142,7 +142,7 @@ PackageDigests PackageReader::DigestPackage(uint64_t headerOffset, const HeaderS
     do {
         count = input_.Read(block.get(), position, blockSize);
         if (count < 0) {
-            throw FileIoException("Cannot read file " + input_.GetPath() + ": " + std::strerror(errno));
+            throw FileIoException("Cannot read file " + input_.GetPath() + ": " + SystemErrorText(errno));
         }
         // The part of the block inside the main header goes through the header digests as well.
         if (position < main.End()) {

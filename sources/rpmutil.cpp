@@ -310,7 +310,7 @@ bool CallWebService(const std::string& command, const std::string& outputFile) {
         }
         if (unlink(outputFile.c_str()) != 0 && errno != ENOENT) {
             print_log("_signing_call_webservice: unable to remove the earlier file [%s]: %s", outputFile.c_str(),
-                      std::strerror(errno));
+                      SystemErrorText(errno).c_str());
             std::free(scratch);
             continue;
         }

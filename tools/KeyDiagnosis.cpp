@@ -78,7 +78,8 @@ void ReadSubpackets(ByteCursor body, KeyBlock& block) {
     const unsigned int type = body.ReadUInt8();
     body.Skip(2);  // algorithms
     for (int area = 0; area < 2 && body.Has(2); ++area) {
-        ByteCursor subpackets = body.Take(std::min<uint64_t>(body.ReadUInt16(), body.Remaining()));
+        const uint16_t claimed = body.ReadUInt16();
+        ByteCursor subpackets = body.Take(std::min<uint64_t>(claimed, body.Remaining()));
         while (subpackets.Remaining() > 0) {
             const uint64_t length = ReadSubpacketLength(subpackets);
             if (length == 0 || !subpackets.Has(length)) break;

@@ -278,4 +278,14 @@ TEST(OpenpgpKeyFile, TheKeyIsReadOnce) {
     temp.Write("once-missing.asc", Armor(KeyBlock(TestKey(2048), kIssuer)));
     EXPECT_EQ(MessageOf<std::exception>([&] { absent.Key(); }), error);
     EXPECT_NE(error.find("once-missing.asc"), std::string::npos) << error;
+
+    // At most 1 MiB is read, whatever the file claims (a sparse file of 2 GiB - 1 cost 4 GiB).
+    const std::string large = temp.Write("large.asc", Armor(KeyBlock(TestKey(2048), kIssuer)));
+    std::filesystem::resize_file(large, PgpKey::LargestFile + 1);
+    EXPECT_EQ(MessageOf<DataFormatException>([&] { KeyFromFile(large).Key(); }),
+              "Invalid format of data: PGP public key file " + large +
+                  " holds 1048577 bytes; a key file holds at "
+                  "most 1048576");
+    std::filesystem::resize_file(large, PgpKey::LargestFile);
+    EXPECT_EQ(KeyFromFile(large).Key().Bits(), 2048u);
 }
