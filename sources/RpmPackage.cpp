@@ -95,6 +95,14 @@ bool PackageReader::ReadStructureHeader(uint64_t pos, HeaderStructureHeader& hea
     return true;
 }
 
+HeaderStructureHeader PackageReader::RequireStructureHeader(uint64_t pos, const char* section) const {
+    HeaderStructureHeader header;
+    if (!ReadStructureHeader(pos, header)) {
+        throw InvalidFileStructureException(std::string(section) + ": RPM header magic number is not found.");
+    }
+    return header;
+}
+
 SignatureStore PackageReader::ReadSignatureStore(const HeaderStructureHeader& header, uint64_t fileSize) const {
     input_.GetUInt32(SignatureIndexOffset);  // the first tag; checked below in the buffer
 
@@ -168,18 +176,13 @@ int VerifyPackage(FileHelper& input, KeySource& keys, std::string& message, std:
     try {
         const PackageReader reader(input);
         const uint64_t fileSize = reader.CheckLead();
-        HeaderStructureHeader structure;
-        if (!reader.ReadStructureHeader(PackageReader::LeadSize, structure)) {
-            throw InvalidFileStructureException("Signature section: RPM header magic number is not found.");
-        }
+        const HeaderStructureHeader structure =
+            reader.RequireStructureHeader(PackageReader::LeadSize, "Signature section");
         const SignatureStore store = reader.ReadSignatureStore(structure, fileSize);
         const SignatureHeader signatureHeader(store.entries, structure);
         // The main header starts at the next multiple of 8.
         const uint64_t headerOffset = (store.end + 7) & ~uint64_t(7);
-        HeaderStructureHeader mainHeader;
-        if (!reader.ReadStructureHeader(headerOffset, mainHeader)) {
-            throw InvalidFileStructureException("Header section: RPM header magic number is not found.");
-        }
+        const HeaderStructureHeader mainHeader = reader.RequireStructureHeader(headerOffset, "Header section");
         const PackageDigests digests =
             reader.DigestPackage(headerOffset, mainHeader, signatureHeader.DigestHash(), nullptr, false);
         return signatureHeader.Evaluate(keys, digests, message, checks);

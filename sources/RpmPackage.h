@@ -49,6 +49,9 @@ public:
     // Reads a header structure header at pos and converts its counts to host order; false when its
     // magic is not 8E AD E8 01.
     bool ReadStructureHeader(uint64_t pos, HeaderStructureHeader& header) const;
+    // The same, where a header must begin: InvalidFileStructureException "SECTION: RPM header magic
+    // number is not found." when it does not.
+    HeaderStructureHeader RequireStructureHeader(uint64_t pos, const char* section) const;
     // The index and store of the signature header described by header.
     SignatureStore ReadSignatureStore(const HeaderStructureHeader& header, uint64_t fileSize) const;
     // Main header (described by header, at headerOffset) and payload, read once in blocks: the

@@ -1,9 +1,5 @@
 #include "RpmSigner.h"
 
-#include <cerrno>
-#include <cstring>
-#include <vector>
-
 #include "Exceptions.h"
 #include "RpmPackage.h"
 
@@ -57,18 +53,11 @@ ContentInfo* RpmSigner::BuildContentInfo(bool) {
     throw NotImplementedException("RpmSigner::BuildContentInfo() is not implemented");
 }
 
-bool RpmSigner::ReadStructureHeader(unsigned long long pos, HeaderStructureHeader& header) const {
-    return PackageReader(Input()).ReadStructureHeader(pos, header);
-}
-
 // The lead, the signature header's structure header, then its index and store.
 RpmSignature* RpmSigner::ParseSignature(unsigned int& headerOffset, bool copyToOutput) {
     const PackageReader reader(Input());
     const uint64_t fileSize = reader.CheckLead();
-    HeaderStructureHeader header;
-    if (!reader.ReadStructureHeader(LeadSize, header)) {
-        throw InvalidFileStructureException("Signature section: RPM header magic number is not found.");
-    }
+    const HeaderStructureHeader header = reader.RequireStructureHeader(LeadSize, "Signature section");
     if (copyToOutput) {
         Input().CopyData(&Output(), 0, LeadSize);
     }
@@ -85,10 +74,7 @@ RpmSignature* RpmSigner::ParseSignature(unsigned int& headerOffset, bool copyToO
 RpmSignature* RpmSigner::PassDigestsToSignature(RpmSignature* signature, unsigned int headerOffset,
                                                 bool copyToOutput) const {
     const PackageReader reader(Input());
-    HeaderStructureHeader header;
-    if (!reader.ReadStructureHeader(headerOffset, header)) {
-        throw InvalidFileStructureException("Header section: RPM header magic number is not found.");
-    }
+    const HeaderStructureHeader header = reader.RequireStructureHeader(headerOffset, "Header section");
     const soapWrap::HashAlgorithm hash = SignedHash(*signature);
     PackageDigests digests = reader.DigestPackage(headerOffset, header, hash, copyToOutput ? &Output() : nullptr, true);
     signature->SetPayloadLength(digests.payloadLength);

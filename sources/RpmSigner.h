@@ -7,14 +7,15 @@
 #include <string>
 #include <vector>
 
+#include "RpmPackage.h"
 #include "RpmSignature.h"
 #include "Signer.h"
 
 class RpmSigner : public Signer {
 public:
     // Where the signature header starts, and its index.
-    static const uint32_t LeadSize = 96;
-    static const uint32_t SignatureIndexOffset = LeadSize + sizeof(HeaderStructureHeader);
+    static const uint32_t LeadSize = PackageReader::LeadSize;
+    static const uint32_t SignatureIndexOffset = PackageReader::SignatureIndexOffset;
 
     explicit RpmSigner(unsigned int creationArgument);
     ~RpmSigner() override;
@@ -41,9 +42,6 @@ public:
 private:
     FileHelper& Input() const;
     FileHelper& Output() const;
-    // Reads a header structure header at pos and converts its counts to host order; false when its
-    // magic is not 8E AD E8 01.
-    bool ReadStructureHeader(unsigned long long pos, HeaderStructureHeader& header) const;
 
     // Index and store of the signature header, shared with the RpmSignature made over it: a
     // second parse replaces the signer's share without pulling the first object's buffer away.
