@@ -1,5 +1,6 @@
 #include "rpmutil.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -163,7 +164,7 @@ const char* const kWarningFullKeys[] = {";SIGNING_prereq_war_signing_check_valid
                                         ";SIGNING_prereq_war_signing_check_file_full_desc"};
 
 // The download: the tools, their command templates (time-out, tries, address, output file) and the
-// protocol options logged with each attempt.
+// protocol options logged with each attempt. A command holds at most kCommandBufferSize - 1 bytes.
 const int kTimeoutSeconds = 3;
 const int kTries = 1;
 const int kAttempts = 3;
@@ -174,6 +175,8 @@ const char* const kTemplates[] = {
     "export LD_LIBRARY_PATH=\"\"; curl --max-time %d --retry %d --location --silent %s -o %s 2>/dev/null"};
 const char* const kWgetProtocols[] = {"--secure-protocol=SSLv3", "--secure-protocol=SSLv2", "--secure-protocol=TLSv1"};
 const char* const kCurlProtocols[] = {"--sslv3", "--sslv2", "--tlsv1"};
+// The private folder made inside a shared sticky temp folder; mkdtemp fills in the X's.
+const char kOwnFolderPattern[] = "/signing-XXXXXX";
 
 // Characters that cannot change the meaning of a shell command line.
 bool IsSafeForShell(const std::string& text) {
@@ -199,25 +202,30 @@ bool IsSteadyFolder(const struct stat& status) {
     return S_ISDIR(status.st_mode) && trustedOwner && (!othersMayWrite || (status.st_mode & S_ISVTX) != 0);
 }
 
-// The download folder must belong to the running user and be writable by nobody else, so that no
-// one can plant a link or swap the key there; each folder above it must be steady, so that no one
-// can swap the folder itself. A link above it counts when it belongs to root or the user and leads
-// to a steady folder.
-bool IsPrivateFolder(const std::string& folder) {
-    struct stat status;
-    if (folder.empty() || lstat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) ||
-        status.st_uid != geteuid() || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        return false;
-    }
-    for (size_t slash = folder.find_last_of('/'); slash != std::string::npos;
-         slash = slash == 0 ? std::string::npos : folder.find_last_of('/', slash - 1)) {
-        const std::string above = slash == 0 ? "/" : folder.substr(0, slash);
-        if (lstat(above.c_str(), &status) != 0) return false;
-        if (S_ISLNK(status.st_mode)) {
-            if (status.st_uid != 0 && status.st_uid != geteuid()) return false;
-            if (stat(above.c_str(), &status) != 0) return false;
-        }
-        if (!IsSteadyFolder(status)) return false;
+// A folder of the running user that nobody else may write to.
+bool IsPrivateFolder(const struct stat& status) {
+    return S_ISDIR(status.st_mode) && status.st_uid == geteuid() && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+// A steady folder that others may write to: its sticky bit keeps them from what is not theirs.
+bool IsSharedStickyFolder(const struct stat& status) {
+    return IsSteadyFolder(status) && (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+}
+
+// The real path of folder (no link, no "." or ".." in it), empty when it cannot be resolved.
+std::string RealPath(const std::string& folder) {
+    const std::unique_ptr<char, decltype(&std::free)> real(realpath(folder.c_str(), nullptr), &std::free);
+    return real == nullptr ? "" : real.get();
+}
+
+// Whether every folder above the real path realFolder is steady: then nobody else can rename any of
+// them away and put another in its place.
+bool AreFoldersAboveSteady(const std::string& realFolder) {
+    for (size_t slash = realFolder.find_last_of('/'); slash != std::string::npos;
+         slash = slash == 0 ? std::string::npos : realFolder.find_last_of('/', slash - 1)) {
+        const std::string above = slash == 0 ? "/" : realFolder.substr(0, slash);
+        struct stat status;
+        if (lstat(above.c_str(), &status) != 0 || !IsSteadyFolder(status)) return false;
     }
     return true;
 }
@@ -228,6 +236,28 @@ std::string FolderOf(const std::string& path) {
     return slash == std::string::npos ? "" : slash == 0 ? "/" : path.substr(0, slash);
 }
 
+std::string JoinPath(const std::string& folder, const std::string& name) {
+    return folder == "/" ? "/" + name : folder + "/" + name;
+}
+
+// Removes folder and the files in it (a download leaves files only; nothing below is followed).
+bool RemoveOwnFolder(const std::string& folder) {
+    struct CloseListing {
+        void operator()(DIR* listing) const { closedir(listing); }
+    };
+    const std::unique_ptr<DIR, CloseListing> listing(opendir(folder.c_str()));
+    if (listing != nullptr) {
+        const int descriptor = dirfd(listing.get());
+        while (const struct dirent* entry = readdir(listing.get())) {
+            if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
+            if (unlinkat(descriptor, entry->d_name, 0) != 0 && errno == EISDIR) {
+                unlinkat(descriptor, entry->d_name, AT_REMOVEDIR);
+            }
+        }
+    }
+    return rmdir(folder.c_str()) == 0;
+}
+
 // A regular file of the running user of at most limit bytes (links are not followed).
 bool IsOwnRegularFile(const std::string& path, unsigned long long limit) {
     struct stat status;
@@ -235,25 +265,40 @@ bool IsOwnRegularFile(const std::string& path, unsigned long long limit) {
            static_cast<unsigned long long>(status.st_size) <= limit;
 }
 
+// Whether the downloaded file at path holds an OpenPGP public key (armored or binary) that the
+// module's own reader takes; otherwise reason says why not.
+bool ReadsAsPublicKey(const std::string& path, std::string& reason) {
+    try {
+        const std::vector<char> bytes = PgpKey::ReadFile(path);
+        PgpKey::Parse(bytes.data(), static_cast<unsigned int>(bytes.size()));
+        return true;
+    } catch (const std::exception& e) {
+        reason = e.what();
+    }
+    return false;
+}
+
+// Whether some line of the file at path holds "http://": the key screen refuses such a file.
+bool HoldsAddress(const std::string& path) {
+    for (const std::string& line : readContentOfTextFile(path)) {
+        if (line.find("http://") != std::string::npos) return true;
+    }
+    return false;
+}
+
 // Whether the tool may be run on url and outputFile; logs why not. Another scheme, or an address
 // that would reach the tool as an option ("--config=...", "-K ..."), is refused, and so is a path
-// that is not absolute ("~" and "#" mean something to the shell) or whose folder others can change.
+// that is not absolute ("~" and "#" mean something to the shell).
 bool IsSafeDownload(const std::string& url, const std::string& outputFile) {
     if (!StartsWith(url, "http://") && !StartsWith(url, "https://")) {
         print_log(
             "_signing_get_command: refused to download from [%s]: the address must begin with http:// or https://",
-            url.c_str());
+            _signing_log_text(url).c_str());
         return false;
     }
     if (!StartsWith(outputFile, "/")) {
-        print_log("_signing_get_command: refused to write to [%s]: the path must be absolute", outputFile.c_str());
-        return false;
-    }
-    if (!IsPrivateFolder(FolderOf(outputFile))) {
-        print_log(
-            "_signing_get_command: refused to write to [%s]: its folder must belong to this user and be "
-            "writable by nobody else",
-            outputFile.c_str());
+        print_log("_signing_get_command: refused to write to [%s]: the path must be absolute",
+                  _signing_log_text(outputFile).c_str());
         return false;
     }
     return true;
@@ -286,11 +331,11 @@ std::string FindUpdateId(session_t* session) {
     return "";
 }
 
-// Runs the download command up to three times; true when one run ended with status 0. Each run
-// starts without a key file: one left by an earlier run (or planted) is removed first, so the
-// tool never writes through a link.
-bool CallWebService(const std::string& command, const std::string& outputFile) {
-    const SigningDownloadLimits limits = _signing_download_limits();
+// Runs the download command up to three times within the acquisition's deadline; true when one run
+// ended with status 0. Each run starts without a key file: one left by an earlier run (or planted)
+// is removed first, so the tool never writes through a link.
+bool CallWebService(const std::string& command, const std::string& outputFile, const KeyAcquisition& acquisition) {
+    const SigningDownloadLimits& limits = acquisition.Limits();
     const char* protocol = "";
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         if (command.find("wget") != std::string::npos) {
@@ -298,8 +343,14 @@ bool CallWebService(const std::string& command, const std::string& outputFile) {
         } else if (command.find("curl") != std::string::npos) {
             protocol = kCurlProtocols[attempt];
         }
+        const long long remaining = acquisition.RemainingMilliseconds();
+        if (remaining <= 0) {
+            print_log("_signing_call_webservice: no attempt is left: the key download may take %u seconds in all",
+                      limits.seconds);
+            return false;
+        }
         // The protocol option is only logged: every attempt runs the same plain command.
-        const std::string secureCommand = command + " " + protocol;
+        const std::string secureCommand = _signing_log_text(command + " " + protocol);
         print_log("signing_get_public_key: secure command   [%s]", secureCommand.c_str());
         print_log("signing_get_public_key: secure protocols [%s]", protocol);
 
@@ -309,22 +360,24 @@ bool CallWebService(const std::string& command, const std::string& outputFile) {
             continue;
         }
         if (unlink(outputFile.c_str()) != 0 && errno != ENOENT) {
-            print_log("_signing_call_webservice: unable to remove the earlier file [%s]: %s", outputFile.c_str(),
-                      SystemErrorText(errno).c_str());
+            print_log("_signing_call_webservice: unable to remove the earlier file [%s]: %s",
+                      _signing_log_text(outputFile).c_str(), SystemErrorText(errno).c_str());
             std::free(scratch);
             continue;
         }
         bool stopped = false;
-        const int status = _signing_run_command(command, limits, &stopped);
+        const int status = _signing_run_command(command, remaining, limits.bytes, &stopped);
         std::free(scratch);
         if (status == -1) {
             print_log("_signing_call_webservice: unable to execute command");
             continue;
         }
         if (stopped) {
-            print_log("_signing_call_webservice: web service call ran past %u seconds and was stopped", limits.seconds);
+            print_log("_signing_call_webservice: web service call was stopped: the key download may take %u seconds "
+                      "in all",
+                      limits.seconds);
         }
-        if (status != -1 && WIFSIGNALED(status)) {
+        if (WIFSIGNALED(status)) {
             print_log("_signing_call_webservice: signing web service call failed by signal %d - %s.\n",
                       WTERMSIG(status), strsignal(WTERMSIG(status)));
         } else if (status != 0) {
@@ -342,7 +395,75 @@ SigningDownloadLimits _signing_download_limits() {
     return SigningDownloadLimits{30, 1024ull * 1024};
 }
 
-int _signing_run_command(const std::string& command, const SigningDownloadLimits& limits, bool* stopped) {
+std::string _signing_log_text(const std::string& value) {
+    static const char kHex[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(value.size());
+    for (const char c : value) {
+        const auto octet = static_cast<unsigned char>(c);
+        if (octet >= 0x20 && octet != 0x7f) {
+            text += c;
+        } else if (c == '\n') {
+            text += "\\n";
+        } else if (c == '\r') {
+            text += "\\r";
+        } else if (c == '\t') {
+            text += "\\t";
+        } else {
+            text += "\\x";
+            text += kHex[octet >> 4];
+            text += kHex[octet & 0x0f];
+        }
+    }
+    return text;
+}
+
+KeyAcquisition::KeyAcquisition(const SigningDownloadLimits& limits)
+    : limits_(limits), deadline_(MonotonicMilliseconds() + 1000LL * limits.seconds) {}
+
+KeyAcquisition::~KeyAcquisition() {
+    if (!ownFolder_.empty() && !RemoveOwnFolder(ownFolder_)) {
+        print_log("signing_validate_package_list: unable to remove the private folder [%s]: %s",
+                  _signing_log_text(ownFolder_).c_str(), SystemErrorText(errno).c_str());
+    }
+}
+
+long long KeyAcquisition::RemainingMilliseconds() const {
+    const long long remaining = deadline_ - MonotonicMilliseconds();
+    return remaining > 0 ? remaining : 0;
+}
+
+std::string KeyAcquisition::DownloadPath(const std::string& outputFile) {
+    const std::string folder = RealPath(FolderOf(outputFile)), name = outputFile.substr(outputFile.rfind('/') + 1);
+    struct stat status;
+    const bool known = !folder.empty() && lstat(folder.c_str(), &status) == 0 && AreFoldersAboveSteady(folder);
+    if (known && IsPrivateFolder(status)) {
+        return JoinPath(folder, name);
+    }
+    if (known && IsSharedStickyFolder(status)) {
+        // One private folder per shared folder serves both key lookups of the check.
+        if (sharedFolder_ != folder) {
+            if (!ownFolder_.empty()) RemoveOwnFolder(ownFolder_);
+            ownFolder_.clear();
+            std::string pattern = folder + kOwnFolderPattern;
+            if (mkdtemp(&pattern[0]) == nullptr) {
+                print_log("_signing_get_command: unable to make a private folder in [%s]: %s",
+                          _signing_log_text(folder).c_str(), SystemErrorText(errno).c_str());
+                return "";
+            }
+            sharedFolder_ = folder, ownFolder_ = pattern;
+        }
+        return JoinPath(ownFolder_, name);
+    }
+    print_log(
+        "_signing_get_command: refused to write to [%s]: its folder must belong to this user and be writable by "
+        "nobody else",
+        _signing_log_text(outputFile).c_str());
+    return "";
+}
+
+int _signing_run_command(const std::string& command, long long milliseconds, unsigned long long bytes,
+                         bool* stopped) {
     if (stopped != nullptr) *stopped = false;
     // Everything the child needs is prepared before fork: between fork and exec it only makes
     // calls that are safe there.
@@ -351,8 +472,8 @@ int _signing_run_command(const std::string& command, const SigningDownloadLimits
     // -f: no pathname expansion. The "?" of the address ("?id=") or of a path would otherwise be
     // a pattern that files made by another user could match.
     const char* const arguments[] = {"sh", "-f", "-c", command.c_str(), nullptr};
-    const rlim_t bytes = static_cast<rlim_t>(limits.bytes);
-    const struct rlimit fileSize = {bytes, bytes};
+    const struct rlimit fileSize = {static_cast<rlim_t>(bytes), static_cast<rlim_t>(bytes)};
+    const long long deadline = MonotonicMilliseconds() + milliseconds;
     const pid_t child = fork();
     if (child == 0) {
         setpgid(0, 0);
@@ -372,7 +493,6 @@ int _signing_run_command(const std::string& command, const SigningDownloadLimits
     if (child < 0) return -1;
     setpgid(child, child);  // also here, so that the group exists whichever side runs first
 
-    const long long deadline = MonotonicMilliseconds() + 1000LL * limits.seconds;
     int status = 0;
     for (;;) {
         const pid_t done = waitpid(child, &status, WNOHANG);
@@ -393,7 +513,7 @@ int _signing_run_command(const std::string& command, const SigningDownloadLimits
 
 void _signing_set_optional_prerequisite_status(session_t* session, int code) {
     const std::string significance = env_get_string(session, kSignificance) + ";0";
-    print_log("_signing_set_optional_prerequisite_status: %s", significance.c_str());
+    print_log("_signing_set_optional_prerequisite_status: %s", _signing_log_text(significance).c_str());
     env_set_string(session, kSignificance, significance.c_str());
     // Only the "validate" and "download" keys are ever selected; the "file" keys stay unused.
     const int index = code == 4 ? 1 : 0;
@@ -401,10 +521,10 @@ void _signing_set_optional_prerequisite_status(session_t* session, int code) {
     env_set_string(session, kFullDesc, (env_get_string(session, kFullDesc) + kWarningFullKeys[index]).c_str());
 }
 
-std::string _signing_get_command(const std::string& url, const std::string& outputFile) {
+std::string _signing_get_command(const std::string& url, std::string& outputFile, KeyAcquisition& acquisition) {
     if (!IsSafeForShell(url) || !IsSafeForShell(outputFile)) {
         print_log("_signing_get_command: refused to build a command from unsafe characters in [%s] or [%s]",
-                  url.c_str(), outputFile.c_str());
+                  _signing_log_text(url).c_str(), _signing_log_text(outputFile).c_str());
         return "";
     }
 
@@ -440,44 +560,77 @@ std::string _signing_get_command(const std::string& url, const std::string& outp
             if (!IsSafeDownload(url, outputFile)) {
                 return "";
             }
-            std::unique_ptr<char[]> command = std::make_unique<char[]>(kCommandBufferSize);
-            static_cast<void>(std::snprintf(command.get(), kCommandBufferSize, kTemplates[tool], kTimeoutSeconds,
-                                            kTries, url.c_str(), outputFile.c_str()));
-            return command.get();
+            // The path checked is the path written: the real one, or one in a private folder.
+            const std::string written = acquisition.DownloadPath(outputFile);
+            if (written.empty()) {
+                return "";
+            }
+            if (!IsSafeForShell(written)) {
+                print_log("_signing_get_command: refused to build a command from unsafe characters in [%s] or [%s]",
+                          _signing_log_text(url).c_str(), _signing_log_text(written).c_str());
+                return "";
+            }
+            const int length = std::snprintf(nullptr, 0, kTemplates[tool], kTimeoutSeconds, kTries, url.c_str(),
+                                             written.c_str());
+            if (length < 0 || static_cast<size_t>(length) >= kCommandBufferSize) {
+                print_log("_signing_get_command: refused to build a command of %d bytes: a command holds at most %zu",
+                          length, kCommandBufferSize - 1);
+                return "";
+            }
+            std::string command(static_cast<size_t>(length) + 1, '\0');
+            std::snprintf(&command[0], command.size(), kTemplates[tool], kTimeoutSeconds, kTries, url.c_str(),
+                          written.c_str());
+            command.resize(static_cast<size_t>(length));
+            outputFile = written;
+            return command;
         }
     }
     return "";
 }
 
-std::string _signing_get_public_key(session_t* session) {
+std::string _signing_get_public_key(session_t* session, KeyAcquisition& acquisition) {
     const std::string defaultUrl = env_get_string(session, "SIGNING_DEFAULT_URL");
     const std::string configuredUrl = env_get_string(session, "signing_url");
     std::string signature = env_get_string(session, "signature");
     const std::string tempFolder = env_get_string(session, "TEMP_FOLDER");
+    acquisition.failure.clear();
     if (!signature.empty()) {
-        print_log("signing_get_public_key: public key specified by user %s", signature.c_str());
+        print_log("signing_get_public_key: public key specified by user %s", _signing_log_text(signature).c_str());
         return signature;
     }
     print_log("signing_get_public_key: public key will be downloaded from Tarvo");
     const std::string address = (configuredUrl.empty() ? defaultUrl : configuredUrl) + "?id=" + FindUpdateId(session);
-    print_log("signing_get_public_key: request value [%s]", address.c_str());
+    print_log("signing_get_public_key: request value [%s]", _signing_log_text(address).c_str());
     std::string outputFile = tempFolder + "/PUBLIC_KEY.PUB";
-    const std::string command = _signing_get_command(address, outputFile);
+    const std::string command = _signing_get_command(address, outputFile, acquisition);
     if (command.empty()) {
+        acquisition.failure = "no download command could be made";
         return "";
     }
-    print_log("signing_get_public_key: command value [%s]", command.c_str());
-    if (!CallWebService(command, outputFile)) {
+    print_log("signing_get_public_key: command value [%s]", _signing_log_text(command).c_str());
+    if (!CallWebService(command, outputFile, acquisition)) {
+        acquisition.failure = "the key download failed";
         return "";
     }
-    if (!IsOwnRegularFile(outputFile, _signing_download_limits().bytes)) {
+    const unsigned long long limit = acquisition.Limits().bytes;
+    if (!IsOwnRegularFile(outputFile, limit)) {
         print_log(
             "signing_get_public_key: refused the downloaded key [%s]: not a regular file of this user of at "
             "most %llu bytes",
-            outputFile.c_str(), _signing_download_limits().bytes);
+            _signing_log_text(outputFile).c_str(), limit);
+        acquisition.failure = "the downloaded file was refused";
         return "";
     }
-    print_log("signing_get_public_key: public key obtained successfully [%s]", outputFile.c_str());
+    // An answer that is not a key (curl keeps an HTTP error page) fails like a download that failed.
+    // A file that names an address goes on to the key screen, which has always refused it by name.
+    std::string reason;
+    if (!HoldsAddress(outputFile) && !ReadsAsPublicKey(outputFile, reason)) {
+        print_log("signing_get_public_key: refused the downloaded key [%s]: it is not an OpenPGP public key (%s)",
+                  _signing_log_text(outputFile).c_str(), _signing_log_text(reason).c_str());
+        acquisition.failure = "the downloaded file is not an OpenPGP public key";
+        return "";
+    }
+    print_log("signing_get_public_key: public key obtained successfully [%s]", _signing_log_text(outputFile).c_str());
     return outputFile;
 }
 
@@ -504,28 +657,42 @@ int _signing_is_valid_key(const std::string& path) {
     return 0;
 }
 
-namespace {
-
-// The key to check the packages with, or empty after a warning entry has been added.
-std::string SelectKey(session_t* session) {
-    std::string key = _signing_get_public_key(session);
+std::string _signing_select_key(session_t* session, KeyAcquisition& acquisition) {
+    const bool userKey = !env_get_string(session, "signature").empty();
+    std::string key = _signing_get_public_key(session, acquisition);
+    std::string why;  // why the local key is used
     if (key.empty() || _signing_is_valid_key(key) == 1) {
+        why = !key.empty() ? (userKey ? "the key specified by user is not usable" : "the downloaded key is not valid")
+                           : acquisition.failure;
         const std::string local = expand_operand(session, env_get_string(session, "SIGNING_LOCAL_PUBLIC_KEY"), true);
         env_set_string(session, "signature", local.c_str());
-        key = _signing_get_public_key(session);
+        key = _signing_get_public_key(session, acquisition);
         if (key.empty()) {
             print_log("signing_validate_package_list: unable to obtain public key location");
             _signing_set_optional_prerequisite_status(session, 4);
             return "";
         }
+        if (local.empty()) why.clear();  // the second lookup downloaded the key
     }
     if (_signing_is_valid_key(key) == 1) {
         print_log("signing_validate_package_list: public key is not valid");
         _signing_set_optional_prerequisite_status(session, 3);
         return "";
     }
+    const std::string path = _signing_log_text(key);
+    if (!why.empty()) {
+        print_log("signing_validate_package_list: packages are checked with the local key [%s]: %s", path.c_str(),
+                  why.c_str());
+    } else if (userKey) {
+        print_log("signing_validate_package_list: packages are checked with the key specified by user [%s]",
+                  path.c_str());
+    } else {
+        print_log("signing_validate_package_list: packages are checked with the downloaded key [%s]", path.c_str());
+    }
     return key;
 }
+
+namespace {
 
 // Verifies the package of every available RPM component; true when all of them passed.
 bool VerifyComponents(session_t* session, const std::string& key) {
@@ -550,12 +717,13 @@ bool VerifyComponents(session_t* session, const std::string& key) {
                 expand_operand(session, component->packageFolder(), true) + "/" + component->packageFile();
             if (file_exists(path, false) == 0 || component->type() != "rpm") {
                 print_log("signing_validate_package_list: component '%s' is not verified because it is not available",
-                          component->id().c_str());
+                          _signing_log_text(component->id()).c_str());
                 continue;
             }
             RpmVerifyResult result = rpm_verify(path.c_str(), key.c_str());
             print_log("_signing_validate_file: signing validation result %d (0 is success) for %s package [%s]",
-                      static_cast<int>(result.status), path.c_str(), result.message);
+                      static_cast<int>(result.status), _signing_log_text(path).c_str(),
+                      _signing_log_text(result.message).c_str());
             if (result.message != kInternalError) {
                 std::free(result.message);
             }
@@ -576,7 +744,9 @@ int signing_validate_package_list(session_t* session) {
         }
         print_log("signing_validate_package_list: started");
         env_set_string(session, "operation_progress", "0");
-        const std::string key = SelectKey(session);
+        // The acquisition, and the private folder it may have made for the key, ends with the check.
+        KeyAcquisition acquisition(_signing_download_limits());
+        const std::string key = _signing_select_key(session, acquisition);
         if (key.empty()) {
             return 1;
         }
@@ -585,7 +755,7 @@ int signing_validate_package_list(session_t* session) {
             return 0;
         }
         const std::string significance = env_get_string(session, kSignificance) + ";1";
-        print_log("signing_validate_package_list: %s", significance.c_str());
+        print_log("signing_validate_package_list: %s", _signing_log_text(significance).c_str());
         env_set_string(session, kSignificance, significance.c_str());
         env_set_string(session, kShortDesc,
                        (env_get_string(session, kShortDesc) + ";SIGNING_prereq_err_signing_check_short_desc").c_str());
@@ -594,7 +764,7 @@ int signing_validate_package_list(session_t* session) {
         print_log("signing_validate_package_list: finished");
         return 1;
     } catch (const std::exception& e) {
-        print_log("signing_validate_package_list: check failed: %s", e.what());
+        print_log("signing_validate_package_list: check failed: %s", _signing_log_text(e.what()).c_str());
     } catch (...) {
         print_log("signing_validate_package_list: check failed");
     }

@@ -101,5 +101,5 @@ TEST(Commands, OutputAndExitStatusOfEachCase) {
         }
         check();
     }
-    EXPECT_EQ(count, 29 + 34);
+    EXPECT_EQ(count, 29 + 35);
 }

@@ -64,6 +64,7 @@ TEST(PrerequisiteCheck, PackageWalkProgressLogAndOneErrorEntry) {
     EXPECT_EQ(
         session->log,
         (Lines{"signing_validate_package_list: started", "signing_get_public_key: public key specified by user " + kKey,
+               "signing_validate_package_list: packages are checked with the key specified by user [" + kKey + "]",
                Result(0, "signed-sha256.rpm", " is signed."), unavailable("missing.rpm"),
                Result(3, "tampered-payload.rpm", " has invalid hash."), unavailable("signed-sha1.rpm"),
                Result(2, "other-key.rpm", " has invalid signature."), Result(0, "signed-sha512.rpm", " is signed."),
@@ -81,7 +82,7 @@ TEST(PrerequisiteCheck, ProductsComeFromTheSessionHandle) {
     AddPackages(good, {{"signed-sha1.rpm", "rpm"}, {"signed-sha256.rpm", "rpm"}, {"signed-sha512.rpm", "rpm"}});
     EXPECT_EQ(signing_validate_package_list(good.get()), 0);
     EXPECT_EQ(good.History("operation_progress"), (Lines{"0", "33", "66", "100"}));
-    EXPECT_EQ(good->log.size(), 6u);  // started, the key, three results, finished
+    EXPECT_EQ(good->log.size(), 7u);  // started, the key twice, three results, finished
     EXPECT_TRUE(bad.History("operation_progress").empty());
     EXPECT_EQ(signing_validate_package_list(bad.get()), 1);
     EXPECT_EQ(bad["SIGNIFICANCE"] + good["SIGNIFICANCE"] + good["SHORT_DESC"], ";1");
@@ -105,17 +106,19 @@ TEST(DownloadCommand, FailuresOfTheProbeAndTheDownloadAsLogged) {
     const int lowest = open("/dev/null", O_RDONLY);  // every descriptor below it is taken
     const struct rlimit low = {static_cast<rlim_t>(close(lowest) == 0 ? lowest : 0), saved.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
-    const std::string command = _signing_get_command("http://h/k", temp / "PUBLIC_KEY.PUB");
+    KeyAcquisition acquisition(_signing_download_limits());
+    std::string out = temp / "PUBLIC_KEY.PUB";
+    const std::string command = _signing_get_command("http://h/k", out, acquisition);
     setrlimit(RLIMIT_NOFILE, &saved);
     const std::string path = getenv("PATH"), spare = "[ $PPID = " + std::to_string(getpid()) + " ] || ";
     setenv("PATH", tools.Path().c_str(), 1);
     chmod(tools.Write("which", "#!/bin/sh\n" + spare + "kill $PPID; kill $$\n").c_str(), 0700);
-    const std::string probed = _signing_get_command("http://h/k", temp / "PUBLIC_KEY.PUB");
+    const std::string probed = _signing_get_command("http://h/k", out, acquisition);
     chmod(tools.Write("which", "#!/bin/sh\n[ $1 = curl ]\n").c_str(), 0700);
     chmod(tools.Write("curl", "#!/bin/sh\n" + spare + "kill -HUP $PPID; kill -HUP $$\n").c_str(), 0700);
     session["signing_url"] = "http://h/k";
     session["TEMP_FOLDER"] = temp.Path();
-    EXPECT_EQ(command + probed + _signing_get_public_key(session.get()), "");
+    EXPECT_EQ(command + probed + _signing_get_public_key(session.get(), acquisition), "");
     setenv("PATH", path.c_str(), 1);
     const std::string hup = "_signing_call_webservice: signing web service call failed by signal 1 - Hangup.\n";
     ASSERT_GE(session->log.size(), 2u);
@@ -126,23 +129,29 @@ TEST(DownloadCommand, FailuresOfTheProbeAndTheDownloadAsLogged) {
 }
 
 // A character the shell would read, in the address or in the path, is refused before any tool runs
-// (the other download rules are cases in tests/integration/cases/check.txt).
+// (the other download rules are cases in tests/integration/cases/check.txt); the log names it, a
+// control character escaped so that the line stays one line.
 TEST(DownloadCommand, UnsafeCharactersNeverReachTheShell) {
     TempFolder temp;
-    const std::string out = temp / "PUBLIC_KEY.PUB", mark = temp / "mark",
+    KeyAcquisition acquisition(_signing_download_limits());
+    std::string out = temp / "PUBLIC_KEY.PUB";
+    const std::string mark = temp / "mark",
                       unsafe = "_signing_get_command: refused to build a command from unsafe characters in [";
-    for (char c : std::string(" \t\n;&|<>()$`\\\"'*!{}[]^\0", 23)) {  // a NUL byte too
+    const std::map<char, std::string> logged = {{'\t', "\\t"}, {'\n', "\\n"},   {'\r', "\\r"},
+                                                {'\x1b', "\\x1b"}, {'\x7f', "\\x7f"}, {'\0', "\\x00"}};
+    for (char c : std::string(" \t\n\r\x1b\x7f;&|<>()$`\\\"'*!{}[]^\0", 26)) {
         ScopedSession session;
         const std::string url = "http://x/k" + std::string(1, c) + "touch " + mark, path = out + c;
-        EXPECT_EQ(_signing_get_command(url, out), "") << c;
-        EXPECT_EQ(_signing_get_command("http://x/k", path), "") << c;
-        // (the log shows texts up to a NUL byte, as printf does)
-        EXPECT_EQ(session->log, (Lines{unsafe + url.c_str() + "] or [" + out + "]",
-                                       unsafe + "http://x/k] or [" + path.c_str() + "]"}));
+        std::string written = out, cut = path;
+        EXPECT_EQ(_signing_get_command(url, written, acquisition), "") << c;
+        EXPECT_EQ(_signing_get_command("http://x/k", cut, acquisition), "") << c;
+        const std::string shown = logged.count(c) != 0 ? logged.at(c) : std::string(1, c);
+        EXPECT_EQ(session->log, (Lines{unsafe + "http://x/k" + shown + "touch " + mark + "] or [" + out + "]",
+                                       unsafe + "http://x/k] or [" + out + shown + "]"}));
     }
     EXPECT_FALSE(std::filesystem::exists(mark));
     ScopedSession session;
-    EXPECT_EQ(_signing_get_command("https://h-._~:/?#@%+,=AZaz09", out),
+    EXPECT_EQ(_signing_get_command("https://h-._~:/?#@%+,=AZaz09", out, acquisition),
               "export LD_LIBRARY_PATH=\"\"; wget --timeout=3 --tries=1 --quiet https://h-._~:/?#@%+,=AZaz09 -O " + out +
                   " 2>/dev/null");
     EXPECT_TRUE(session->log.empty());
@@ -155,18 +164,18 @@ TEST(DownloadCommand, ARunIsBoundedInTimeAndBytes) {
     EXPECT_EQ(_signing_download_limits().seconds, 30u);
     EXPECT_EQ(_signing_download_limits().bytes, 1024u * 1024u);
     bool stopped = true;
-    int status = _signing_run_command("exit 3", {5, 1024}, &stopped);
+    int status = _signing_run_command("exit 3", 5000, 1024, &stopped);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3 && !stopped);
     // No pathname expansion: "?" stays a "?", whatever files another user made.
     temp.Write("a", "");
-    EXPECT_EQ(_signing_run_command("test -e " + temp / "?", {5, 1024}), 1 << 8);
+    EXPECT_EQ(_signing_run_command("test -e " + temp / "?", 5000, 1024), 1 << 8);
     const auto started = std::chrono::steady_clock::now();
-    status = _signing_run_command("(sleep 2; touch " + temp / "late" + ") & sleep 10", {1, 1024}, &stopped);
+    status = _signing_run_command("(sleep 2; touch " + temp / "late" + ") & sleep 10", 1000, 1024, &stopped);
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
     EXPECT_TRUE(stopped && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     EXPECT_FALSE(std::filesystem::exists(temp / "late"));  // the background child went with the group
-    status = _signing_run_command("head -c 3000000 /dev/zero > " + temp / "big", {10, 65536}, &stopped);
+    status = _signing_run_command("head -c 3000000 /dev/zero > " + temp / "big", 10000, 65536, &stopped);
     EXPECT_TRUE(status != 0 && !stopped);
     EXPECT_EQ(std::filesystem::file_size(temp / "big"), 65536u);
 }
