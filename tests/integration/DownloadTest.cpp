@@ -11,24 +11,6 @@ namespace {
 
 const std::string kData = SIGNING_TEST_DATA, kCases = kData + "/../integration/cases";
 
-// python3's http.server on 127.0.0.1 and a free port, serving one folder; its request log is kept.
-struct LoopbackServer {
-    LoopbackServer(const std::string& folder, const std::string& log)
-        : pipe(popen(("echo $$; exec python3 -u -m http.server 0 --bind 127.0.0.1 --directory " + folder + " 2>" + log)
-                         .c_str(),
-                     "r")) {
-        char line[256] = {};  // the pid, then "Serving HTTP on 127.0.0.1 port 40123 (http://127.0.0.1:40123/) ..."
-        if (pipe != nullptr && fgets(line, sizeof line, pipe) != nullptr) pid = atoi(line);
-        if (pid > 0 && fgets(line, sizeof line, pipe) != nullptr) sscanf(line, "Serving HTTP on %*s port %d", &port);
-    }
-    ~LoopbackServer() {
-        if (pid > 0) kill(pid, SIGTERM);
-        if (pipe != nullptr) pclose(pipe);
-    }
-    FILE* pipe;
-    int pid = 0, port = 0;
-};
-
 }  // namespace
 
 // A case: "$ " and a shell command line, "? " and its exit status, then its output line by line
@@ -49,7 +31,7 @@ TEST(Commands, OutputAndExitStatusOfEachCase) {
                                             {"wget-cp/which", "echo /usr/bin/$1\n"},
                                             {"wget/wget", last + "[ -e \"$o\" ] && exit 5; exit 4\n"},
                                             {"curl-hup/which", curl},
-                                            {"wget-cp/wget", last + "/bin/cp $DATA/keys/publisher-2048.asc \"$o\"\n"},
+                                            {"wget-cp/wget", last + "/usr/bin/stat -c %a \"${o%/*}\" > $FAKES/folder-mode; /bin/cp $DATA/keys/publisher-2048.asc \"$o\"\n"},
                                             {"curl-ln/which", curl},
                                             {"curl-hup/curl", "kill -HUP $PPID; kill -HUP $$\n"},
                                             {"killing/which", "kill $PPID; kill $$\n"},
@@ -101,5 +83,5 @@ TEST(Commands, OutputAndExitStatusOfEachCase) {
         }
         check();
     }
-    EXPECT_EQ(count, 29 + 35);
+    EXPECT_EQ(count, 29 + 37);
 }

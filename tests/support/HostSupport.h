@@ -1,6 +1,8 @@
 #pragma once
 // A reference-host session for tests, and a shell runner.
+#include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 
 #include <string>
@@ -43,3 +45,25 @@ inline std::pair<int, std::string> Shell(const std::string& command) {
     if (WIFEXITED(status)) output.first = WEXITSTATUS(status);
     return output;
 }
+
+// The key service of tests/support/key_service.py on 127.0.0.1 and a free port, serving folder
+// (and /trickle); its request log is kept in log.
+struct LoopbackServer {
+    LoopbackServer(const std::string& folder, const std::string& log)
+        : pipe(popen(("echo $$; exec python3 -u " SIGNING_TEST_DATA "/../support/key_service.py " + folder + " 2>" + log)
+                         .c_str(),
+                     "r")) {
+        char line[256] = {};  // the pid, then "Serving HTTP on 127.0.0.1 port 40123"
+        if (pipe != nullptr && fgets(line, sizeof line, pipe) != nullptr) pid = atoi(line);
+        if (pid > 0 && fgets(line, sizeof line, pipe) != nullptr) sscanf(line, "Serving HTTP on %*s port %d", &port);
+    }
+    ~LoopbackServer() {
+        if (pid > 0) kill(pid, SIGTERM);
+        if (pipe != nullptr) pclose(pipe);
+    }
+    LoopbackServer(const LoopbackServer&) = delete;
+    LoopbackServer& operator=(const LoopbackServer&) = delete;
+    std::string Address() const { return "http://127.0.0.1:" + std::to_string(port); }
+    FILE* pipe;
+    int pid = 0, port = 0;
+};

@@ -199,3 +199,80 @@ TEST(PrerequisiteCheck, KeysAndTextFilesThatAreNotSmallRegularFiles) {
     EXPECT_EQ(readContentOfTextFile(temp.Write("lines", "a\r\n\nb")), (Lines{"a\r", "", "b"}));
     EXPECT_EQ(readContentOfTextFile(temp.Write("ended", "a\nb\n")), (Lines{"a", "b"}));
 }
+
+// A command is built whole or not at all: one of 4095 bytes is returned as it is, one of 4096 is
+// refused with its length, and no tool runs for it.
+TEST(DownloadCommand, ACommandThatWouldNotFitIsRefusedNeverCut) {
+    TempFolder temp;
+    KeyAcquisition acquisition(_signing_download_limits());
+    const std::string out = temp / "PUBLIC_KEY.PUB", frame = "export LD_LIBRARY_PATH=\"\"; wget --timeout=3 "
+                                                              "--tries=1 --quiet  -O " + out + " 2>/dev/null";
+    for (size_t length : {4095u, 4096u, 70000u}) {
+        ScopedSession session;
+        const std::string url = "http://h/" + std::string(length - frame.size() - 9, 'a');
+        std::string written = out;
+        const std::string command = _signing_get_command(url, written, acquisition);
+        if (length < 4096) {
+            EXPECT_EQ(command, "export LD_LIBRARY_PATH=\"\"; wget --timeout=3 --tries=1 --quiet " + url + " -O " + out +
+                                   " 2>/dev/null");
+            EXPECT_TRUE(session->log.empty());
+        } else {
+            EXPECT_EQ(command, "");
+            EXPECT_EQ(session->log, Lines{"_signing_get_command: refused to build a command of " +
+                                          std::to_string(length) + " bytes: a command holds at most 4095"});
+        }
+    }
+}
+
+// Every download attempt of both lookups shares one deadline: a service that trickles a byte every
+// half second costs the limit once (here 2 seconds), then the local key is used, or warning 4
+// without one.
+TEST(KeyAcquisition, ATricklingServiceCostsTheLimitOnceForTheWholeCheck) {
+    TempFolder temp, served;
+    LoopbackServer service(served.Path(), temp / "requests.log");
+    ASSERT_GT(service.port, 0);
+    for (const std::string& local : {kKey, std::string()}) {
+        ScopedSession session;
+        session["TEMP_FOLDER"] = temp.Path();
+        session["signing_url"] = service.Address() + "/trickle";
+        session["SIGNING_LOCAL_PUBLIC_KEY"] = local;
+        KeyAcquisition acquisition({2, 1024 * 1024});
+        const auto started = std::chrono::steady_clock::now();
+        EXPECT_EQ(_signing_select_key(session.get(), acquisition), local);
+        const auto spent = std::chrono::steady_clock::now() - started;
+        EXPECT_GE(spent, std::chrono::seconds(2));
+        EXPECT_LT(spent, std::chrono::milliseconds(2900));
+        const Lines& log = session->log;
+        auto count = [&log](const std::string& line) { return std::count(log.begin(), log.end(), line); };
+        EXPECT_EQ(count("_signing_call_webservice: web service call was stopped: the key download may take 2 seconds "
+                        "in all"),
+                  1);
+        EXPECT_EQ(count("_signing_call_webservice: signing web service call failed by signal 9 - Killed.\n"), 1);
+        EXPECT_EQ(count("_signing_call_webservice: no attempt is left: the key download may take 2 seconds in all"),
+                  local.empty() ? 2 : 1);
+        EXPECT_EQ(log.back(), local.empty() ? "_signing_set_optional_prerequisite_status: ;0"
+                                            : "signing_validate_package_list: packages are checked with the local "
+                                              "key [" + kKey + "]: the key download failed");
+    }
+}
+
+// Values from the session reach the log with their control characters escaped: each line stays one.
+TEST(PrerequisiteCheck, SessionValuesCannotAddLogLines) {
+    ScopedSession session;
+    const std::string fake = "\nsigning_validate_package_list: finished\x1b[2K";
+    session["signature"] = kKey + fake;
+    session["SIGNING_LOCAL_PUBLIC_KEY"] = kKey;
+    session["SIGNIFICANCE"] = fake;
+    AddPackages(session, {{"missing.rpm" + fake, "rpm"}, {"signed-sha256.rpm", "rpm"}});
+    EXPECT_EQ(signing_validate_package_list(session.get()), 0);
+    const std::string shown = "\\nsigning_validate_package_list: finished\\x1b[2K";
+    EXPECT_EQ(session->log,
+              (Lines{"signing_validate_package_list: started",
+                     "signing_get_public_key: public key specified by user " + kKey + shown,
+                     "signing_get_public_key: public key specified by user " + kKey,
+                     "signing_validate_package_list: packages are checked with the local key [" + kKey +
+                         "]: the key specified by user is not usable",
+                     "signing_validate_package_list: component 'missing.rpm" + shown +
+                         "' is not verified because it is not available",
+                     Result(0, "signed-sha256.rpm", " is signed."), "signing_validate_package_list: finished"}));
+}
