@@ -373,9 +373,10 @@ bool CallWebService(const std::string& command, const std::string& outputFile, c
             continue;
         }
         if (stopped) {
-            print_log("_signing_call_webservice: web service call was stopped: the key download may take %u seconds "
-                      "in all",
-                      limits.seconds);
+            print_log(
+                "_signing_call_webservice: web service call was stopped: the key download may take %u seconds "
+                "in all",
+                limits.seconds);
         }
         if (WIFSIGNALED(status)) {
             print_log("_signing_call_webservice: signing web service call failed by signal %d - %s.\n",
@@ -462,8 +463,7 @@ std::string KeyAcquisition::DownloadPath(const std::string& outputFile) {
     return "";
 }
 
-int _signing_run_command(const std::string& command, long long milliseconds, unsigned long long bytes,
-                         bool* stopped) {
+int _signing_run_command(const std::string& command, long long milliseconds, unsigned long long bytes, bool* stopped) {
     if (stopped != nullptr) *stopped = false;
     // Everything the child needs is prepared before fork: between fork and exec it only makes
     // calls that are safe there.
@@ -570,8 +570,8 @@ std::string _signing_get_command(const std::string& url, std::string& outputFile
                           _signing_log_text(url).c_str(), _signing_log_text(written).c_str());
                 return "";
             }
-            const int length = std::snprintf(nullptr, 0, kTemplates[tool], kTimeoutSeconds, kTries, url.c_str(),
-                                             written.c_str());
+            const int length =
+                std::snprintf(nullptr, 0, kTemplates[tool], kTimeoutSeconds, kTries, url.c_str(), written.c_str());
             if (length < 0 || static_cast<size_t>(length) >= kCommandBufferSize) {
                 print_log("_signing_get_command: refused to build a command of %d bytes: a command holds at most %zu",
                           length, kCommandBufferSize - 1);

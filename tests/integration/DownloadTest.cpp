@@ -25,17 +25,18 @@ TEST(Commands, OutputAndExitStatusOfEachCase) {
     ASSERT_GT(server.port, 0);
     // Fake tools (see check.txt); o: the output file, the last argument.
     const std::string last = "for a; do o=$a; done; ", curl = "[ $1 = curl ] && echo /usr/bin/curl\n";
-    for (const auto& fake :
-         std::map<std::string, std::string>{{"none/.keep", ""},
-                                            {"wget/which", "echo /usr/bin/$1\n"},
-                                            {"wget-cp/which", "echo /usr/bin/$1\n"},
-                                            {"wget/wget", last + "[ -e \"$o\" ] && exit 5; exit 4\n"},
-                                            {"curl-hup/which", curl},
-                                            {"wget-cp/wget", last + "/usr/bin/stat -c %a \"${o%/*}\" > $FAKES/folder-mode; /bin/cp $DATA/keys/publisher-2048.asc \"$o\"\n"},
-                                            {"curl-ln/which", curl},
-                                            {"curl-hup/curl", "kill -HUP $PPID; kill -HUP $$\n"},
-                                            {"killing/which", "kill $PPID; kill $$\n"},
-                                            {"curl-ln/curl", last + "/bin/ln -s /dev/null \"$o\"\n"}}) {
+    for (const auto& fake : std::map<std::string, std::string>{
+             {"none/.keep", ""},
+             {"wget/which", "echo /usr/bin/$1\n"},
+             {"wget-cp/which", "echo /usr/bin/$1\n"},
+             {"wget/wget", last + "[ -e \"$o\" ] && exit 5; exit 4\n"},
+             {"curl-hup/which", curl},
+             {"wget-cp/wget", last + "/usr/bin/stat -c %a \"${o%/*}\" > $FAKES/folder-mode; /bin/cp "
+                                     "$DATA/keys/publisher-2048.asc \"$o\"\n"},
+             {"curl-ln/which", curl},
+             {"curl-hup/curl", "kill -HUP $PPID; kill -HUP $$\n"},
+             {"killing/which", "kill $PPID; kill $$\n"},
+             {"curl-ln/curl", last + "/bin/ln -s /dev/null \"$o\"\n"}}) {
         chmod(fakes.Write(fake.first, "#!/bin/sh\n" + fake.second).c_str(), 0700);
     }
     std::map<std::string, std::string> names = {{"DATA", kData},

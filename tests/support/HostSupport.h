@@ -50,9 +50,10 @@ inline std::pair<int, std::string> Shell(const std::string& command) {
 // (and /trickle); its request log is kept in log.
 struct LoopbackServer {
     LoopbackServer(const std::string& folder, const std::string& log)
-        : pipe(popen(("echo $$; exec python3 -u " SIGNING_TEST_DATA "/../support/key_service.py " + folder + " 2>" + log)
-                         .c_str(),
-                     "r")) {
+        : pipe(
+              popen(("echo $$; exec python3 -u " SIGNING_TEST_DATA "/../support/key_service.py " + folder + " 2>" + log)
+                        .c_str(),
+                    "r")) {
         char line[256] = {};  // the pid, then "Serving HTTP on 127.0.0.1 port 40123"
         if (pipe != nullptr && fgets(line, sizeof line, pipe) != nullptr) pid = atoi(line);
         if (pid > 0 && fgets(line, sizeof line, pipe) != nullptr) sscanf(line, "Serving HTTP on %*s port %d", &port);

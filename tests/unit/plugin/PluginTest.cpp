@@ -1,5 +1,6 @@
 // The prerequisite check in this process with the reference host: the entries it adds, the package
-// walk, the download command's screening and runs, the key screening. The key selection, the update
+// walk, the download command's screening and runs, the deadline of the key acquisition (with a short
+// limit), the key screening, the escaping of session values in the log. The key selection, the update
 // identifier and the download itself are cases in tests/integration/cases/check.txt.
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -137,7 +138,7 @@ TEST(DownloadCommand, UnsafeCharactersNeverReachTheShell) {
     std::string out = temp / "PUBLIC_KEY.PUB";
     const std::string mark = temp / "mark",
                       unsafe = "_signing_get_command: refused to build a command from unsafe characters in [";
-    const std::map<char, std::string> logged = {{'\t', "\\t"}, {'\n', "\\n"},   {'\r', "\\r"},
+    const std::map<char, std::string> logged = {{'\t', "\\t"},     {'\n', "\\n"},     {'\r', "\\r"},
                                                 {'\x1b', "\\x1b"}, {'\x7f', "\\x7f"}, {'\0', "\\x00"}};
     for (char c : std::string(" \t\n\r\x1b\x7f;&|<>()$`\\\"'*!{}[]^\0", 26)) {
         ScopedSession session;
@@ -205,8 +206,10 @@ TEST(PrerequisiteCheck, KeysAndTextFilesThatAreNotSmallRegularFiles) {
 TEST(DownloadCommand, ACommandThatWouldNotFitIsRefusedNeverCut) {
     TempFolder temp;
     KeyAcquisition acquisition(_signing_download_limits());
-    const std::string out = temp / "PUBLIC_KEY.PUB", frame = "export LD_LIBRARY_PATH=\"\"; wget --timeout=3 "
-                                                              "--tries=1 --quiet  -O " + out + " 2>/dev/null";
+    const std::string out = temp / "PUBLIC_KEY.PUB", frame =
+                                                         "export LD_LIBRARY_PATH=\"\"; wget --timeout=3 "
+                                                         "--tries=1 --quiet  -O " +
+                                                         out + " 2>/dev/null";
     for (size_t length : {4095u, 4096u, 70000u}) {
         ScopedSession session;
         const std::string url = "http://h/" + std::string(length - frame.size() - 9, 'a');
@@ -252,7 +255,8 @@ TEST(KeyAcquisition, ATricklingServiceCostsTheLimitOnceForTheWholeCheck) {
                   local.empty() ? 2 : 1);
         EXPECT_EQ(log.back(), local.empty() ? "_signing_set_optional_prerequisite_status: ;0"
                                             : "signing_validate_package_list: packages are checked with the local "
-                                              "key [" + kKey + "]: the key download failed");
+                                              "key [" +
+                                                  kKey + "]: the key download failed");
     }
 }
 
