@@ -573,8 +573,8 @@ std::string _signing_get_command(const std::string& url, std::string& outputFile
             const int length =
                 std::snprintf(nullptr, 0, kTemplates[tool], kTimeoutSeconds, kTries, url.c_str(), written.c_str());
             if (length < 0 || static_cast<size_t>(length) >= kCommandBufferSize) {
-                print_log("_signing_get_command: refused to build a command of %d bytes: a command holds at most %zu",
-                          length, kCommandBufferSize - 1);
+                print_log("_signing_get_command: refused to build a command of %d bytes: a command holds at most %d",
+                          length, static_cast<int>(kCommandBufferSize - 1));
                 return "";
             }
             std::string command(static_cast<size_t>(length) + 1, '\0');
