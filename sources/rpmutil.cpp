@@ -16,6 +16,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <vector>
 
 #include "Exceptions.h"
 #include "FileHelper.h"
@@ -366,7 +367,7 @@ bool CallWebService(const std::string& command, const std::string& outputFile, c
             continue;
         }
         bool stopped = false;
-        const int status = _signing_run_command(command, remaining, limits.bytes, &stopped);
+        const int status = _signing_run_command(command, remaining, limits.bytes, FolderOf(outputFile), &stopped);
         std::free(scratch);
         if (status == -1) {
             print_log("_signing_call_webservice: unable to execute command");
@@ -396,24 +397,71 @@ SigningDownloadLimits _signing_download_limits() {
     return SigningDownloadLimits{30, 1024ull * 1024};
 }
 
+namespace {
+
+// The length of the UTF-8 sequence that starts text[at] (1 to 4), or 0 when the bytes there are not
+// one (a stray continuation byte, an overlong form, a surrogate, a cut sequence).
+size_t Utf8SequenceLength(const std::string& text, size_t at, unsigned long& codePoint) {
+    const auto byte = [&text](size_t index) { return static_cast<unsigned char>(text[index]); };
+    const unsigned char lead = byte(at);
+    size_t length = 0;
+    unsigned long lowest = 0;
+    if (lead >= 0xc2 && lead <= 0xdf) {
+        length = 2, lowest = 0x80, codePoint = lead & 0x1fu;
+    } else if (lead >= 0xe0 && lead <= 0xef) {
+        length = 3, lowest = 0x800, codePoint = lead & 0x0fu;
+    } else if (lead >= 0xf0 && lead <= 0xf4) {
+        length = 4, lowest = 0x10000, codePoint = lead & 0x07u;
+    } else {
+        return 0;
+    }
+    if (text.size() - at < length) return 0;
+    for (size_t next = 1; next < length; ++next) {
+        if ((byte(at + next) & 0xc0u) != 0x80) return 0;
+        codePoint = (codePoint << 6) | (byte(at + next) & 0x3fu);
+    }
+    const bool surrogate = codePoint >= 0xd800 && codePoint <= 0xdfff;
+    return codePoint < lowest || codePoint > 0x10ffff || surrogate ? 0 : length;
+}
+
+}  // namespace
+
 std::string _signing_log_text(const std::string& value) {
     static const char kHex[] = "0123456789abcdef";
     std::string text;
     text.reserve(value.size());
-    for (const char c : value) {
-        const auto octet = static_cast<unsigned char>(c);
-        if (octet >= 0x20 && octet != 0x7f) {
-            text += c;
-        } else if (c == '\n') {
-            text += "\\n";
-        } else if (c == '\r') {
-            text += "\\r";
-        } else if (c == '\t') {
-            text += "\\t";
+    auto escape = [&text](unsigned char octet) {
+        switch (octet) {
+            case '\n': text += "\\n"; break;
+            case '\r': text += "\\r"; break;
+            case '\t': text += "\\t"; break;
+            default: text += {'\\', 'x', kHex[octet >> 4], kHex[octet & 0x0f]};
+        }
+    };
+    for (size_t at = 0; at < value.size();) {
+        const auto octet = static_cast<unsigned char>(value[at]);
+        if (octet < 0x80) {
+            // C0 controls and DEL escaped, the rest of ASCII as it is.
+            if (octet < 0x20 || octet == 0x7f) {
+                escape(octet);
+            } else {
+                text += value[at];
+            }
+            ++at;
+            continue;
+        }
+        // Beyond ASCII: UTF-8 text as it is, except the C1 controls (U+0080..U+009F, NEL and CSI
+        // among them) and the line and paragraph separators; every other byte escaped.
+        unsigned long codePoint = 0;
+        const size_t length = Utf8SequenceLength(value, at, codePoint);
+        const bool control = (codePoint >= 0x80 && codePoint <= 0x9f) || codePoint == 0x2028 || codePoint == 0x2029;
+        if (length == 0 || control) {
+            for (size_t end = at + (length == 0 ? 1 : length); at < end; ++at) {
+                escape(static_cast<unsigned char>(value[at]));
+            }
         } else {
-            text += "\\x";
-            text += kHex[octet >> 4];
-            text += kHex[octet & 0x0f];
+            text.append(value, at, length);
+            at += length;
         }
     }
     return text;
@@ -436,6 +484,12 @@ long long KeyAcquisition::RemainingMilliseconds() const {
 
 std::string KeyAcquisition::DownloadPath(const std::string& outputFile) {
     const std::string folder = RealPath(FolderOf(outputFile)), name = outputFile.substr(outputFile.rfind('/') + 1);
+    if (folder == "/") {
+        // An empty TEMP_FOLDER leads here too: the root of the file system is no temp folder.
+        print_log("_signing_get_command: refused to write to [%s]: the root folder is no temp folder",
+                  _signing_log_text(outputFile).c_str());
+        return "";
+    }
     struct stat status;
     const bool known = !folder.empty() && lstat(folder.c_str(), &status) == 0 && AreFoldersAboveSteady(folder);
     if (known && IsPrivateFolder(status)) {
@@ -463,7 +517,8 @@ std::string KeyAcquisition::DownloadPath(const std::string& outputFile) {
     return "";
 }
 
-int _signing_run_command(const std::string& command, long long milliseconds, unsigned long long bytes, bool* stopped) {
+int _signing_run_command(const std::string& command, long long milliseconds, unsigned long long bytes,
+                         const std::string& home, bool* stopped) {
     if (stopped != nullptr) *stopped = false;
     // Everything the child needs is prepared before fork: between fork and exec it only makes
     // calls that are safe there.
@@ -472,6 +527,16 @@ int _signing_run_command(const std::string& command, long long milliseconds, uns
     // -f: no pathname expansion. The "?" of the address ("?id=") or of a path would otherwise be
     // a pattern that files made by another user could match.
     const char* const arguments[] = {"sh", "-f", "-c", command.c_str(), nullptr};
+    // The environment of this process, with HOME set to home: the tools keep their files there
+    // (wget's HSTS list) and read no configuration of the user's (~/.wgetrc, ~/.curlrc).
+    std::vector<std::string> variables;
+    for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
+        if (home.empty() || std::strncmp(*variable, "HOME=", 5) != 0) variables.emplace_back(*variable);
+    }
+    if (!home.empty()) variables.push_back("HOME=" + home);
+    std::vector<const char*> environment;
+    for (const std::string& variable : variables) environment.push_back(variable.c_str());
+    environment.push_back(nullptr);
     const struct rlimit fileSize = {static_cast<rlim_t>(bytes), static_cast<rlim_t>(bytes)};
     const long long deadline = MonotonicMilliseconds() + milliseconds;
     const pid_t child = fork();
@@ -486,7 +551,7 @@ int _signing_run_command(const std::string& command, long long milliseconds, uns
         sigprocmask(SIG_SETMASK, &none, nullptr);
         dup2(devNull, STDIN_FILENO);
         dup2(devNull, STDOUT_FILENO);
-        execv("/bin/sh", const_cast<char* const*>(arguments));
+        execve("/bin/sh", const_cast<char* const*>(arguments), const_cast<char* const*>(environment.data()));
         _exit(127);
     }
     close(devNull);
@@ -658,12 +723,13 @@ int _signing_is_valid_key(const std::string& path) {
 }
 
 std::string _signing_select_key(session_t* session, KeyAcquisition& acquisition) {
-    const bool userKey = !env_get_string(session, "signature").empty();
+    bool downloaded = env_get_string(session, "signature").empty();
     std::string key = _signing_get_public_key(session, acquisition);
-    std::string why;  // why the local key is used
+    std::string why;  // why the first key was not used
     if (key.empty() || _signing_is_valid_key(key) == 1) {
-        why = !key.empty() ? (userKey ? "the key specified by user is not usable" : "the downloaded key is not valid")
-                           : acquisition.failure;
+        why = key.empty()  ? acquisition.failure
+              : downloaded ? "the downloaded key is not valid"
+                           : "the key specified by user is not usable";
         const std::string local = expand_operand(session, env_get_string(session, "SIGNING_LOCAL_PUBLIC_KEY"), true);
         env_set_string(session, "signature", local.c_str());
         key = _signing_get_public_key(session, acquisition);
@@ -672,7 +738,7 @@ std::string _signing_select_key(session_t* session, KeyAcquisition& acquisition)
             _signing_set_optional_prerequisite_status(session, 4);
             return "";
         }
-        if (local.empty()) why.clear();  // the second lookup downloaded the key
+        downloaded = local.empty();  // without a local key the second lookup downloads
     }
     if (_signing_is_valid_key(key) == 1) {
         print_log("signing_validate_package_list: public key is not valid");
@@ -680,14 +746,19 @@ std::string _signing_select_key(session_t* session, KeyAcquisition& acquisition)
         return "";
     }
     const std::string path = _signing_log_text(key);
-    if (!why.empty()) {
+    if (downloaded && !why.empty()) {
+        print_log(
+            "signing_validate_package_list: packages are checked with the downloaded key [%s], no local key "
+            "being set: %s",
+            path.c_str(), why.c_str());
+    } else if (downloaded) {
+        print_log("signing_validate_package_list: packages are checked with the downloaded key [%s]", path.c_str());
+    } else if (!why.empty()) {
         print_log("signing_validate_package_list: packages are checked with the local key [%s]: %s", path.c_str(),
                   why.c_str());
-    } else if (userKey) {
+    } else {
         print_log("signing_validate_package_list: packages are checked with the key specified by user [%s]",
                   path.c_str());
-    } else {
-        print_log("signing_validate_package_list: packages are checked with the downloaded key [%s]", path.c_str());
     }
     return key;
 }

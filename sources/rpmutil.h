@@ -65,10 +65,11 @@ int _signing_is_valid_key(const std::string& path);
 std::string _signing_select_key(session_t* session, KeyAcquisition& acquisition);
 
 // Runs command with /bin/sh -f -c (no pathname expansion) in a process group of its own, its file
-// size limited to bytes, and kills the group when it runs past milliseconds (then *stopped is true).
-// Returns the wait status (as pclose would), or -1 when the command could not be run or waited for.
+// size limited to bytes, HOME set to home (unless empty), and kills the group when it runs past
+// milliseconds (then *stopped is true). Returns the wait status (as pclose would), or -1 when the
+// command could not be run or waited for.
 int _signing_run_command(const std::string& command, long long milliseconds, unsigned long long bytes,
-                         bool* stopped = nullptr);
+                         const std::string& home, bool* stopped = nullptr);
 // A session value as it goes into a log line: control characters are written escaped ("\n",
 // "\x1b"), so one line stays one line.
 std::string _signing_log_text(const std::string& value);

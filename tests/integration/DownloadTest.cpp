@@ -84,5 +84,5 @@ TEST(Commands, OutputAndExitStatusOfEachCase) {
         }
         check();
     }
-    EXPECT_EQ(count, 29 + 37);
+    EXPECT_EQ(count, 29 + 39);
 }

@@ -165,18 +165,21 @@ TEST(DownloadCommand, ARunIsBoundedInTimeAndBytes) {
     EXPECT_EQ(_signing_download_limits().seconds, 30u);
     EXPECT_EQ(_signing_download_limits().bytes, 1024u * 1024u);
     bool stopped = true;
-    int status = _signing_run_command("exit 3", 5000, 1024, &stopped);
+    int status = _signing_run_command("exit 3", 5000, 1024, "", &stopped);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3 && !stopped);
     // No pathname expansion: "?" stays a "?", whatever files another user made.
     temp.Write("a", "");
-    EXPECT_EQ(_signing_run_command("test -e " + temp / "?", 5000, 1024), 1 << 8);
+    EXPECT_EQ(_signing_run_command("test -e " + temp / "?", 5000, 1024, ""), 1 << 8);
+    // The tool's HOME is the download folder (wget keeps its HSTS list there); the rest is inherited.
+    EXPECT_EQ(_signing_run_command("echo $HOME $PATH > " + temp / "home", 5000, 1024, temp.Path()), 0);
+    EXPECT_EQ(readContentOfTextFile(temp / "home"), Lines{temp.Path() + " " + getenv("PATH")});
     const auto started = std::chrono::steady_clock::now();
-    status = _signing_run_command("(sleep 2; touch " + temp / "late" + ") & sleep 10", 1000, 1024, &stopped);
+    status = _signing_run_command("(sleep 2; touch " + temp / "late" + ") & sleep 10", 1000, 1024, "", &stopped);
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
     EXPECT_TRUE(stopped && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     EXPECT_FALSE(std::filesystem::exists(temp / "late"));  // the background child went with the group
-    status = _signing_run_command("head -c 3000000 /dev/zero > " + temp / "big", 10000, 65536, &stopped);
+    status = _signing_run_command("head -c 3000000 /dev/zero > " + temp / "big", 10000, 65536, "", &stopped);
     EXPECT_TRUE(status != 0 && !stopped);
     EXPECT_EQ(std::filesystem::file_size(temp / "big"), 65536u);
 }
@@ -257,6 +260,24 @@ TEST(KeyAcquisition, ATricklingServiceCostsTheLimitOnceForTheWholeCheck) {
                                             : "signing_validate_package_list: packages are checked with the local "
                                               "key [" +
                                                   kKey + "]: the key download failed");
+    }
+}
+
+// A value in a log line: text (UTF-8 beyond ASCII) as it is; C0 and C1 controls, DEL, the line and
+// paragraph separators and bytes that are not UTF-8 escaped.
+TEST(PrerequisiteCheck, LogTextEscapesWhatCouldBreakALine) {
+    for (const auto& row : std::vector<std::pair<std::string, std::string>>{
+             {"/a b\\c~", "/a b\\c~"},
+             {"\n\r\t", "\\n\\r\\t"},
+             {std::string("\0\x01\x1b[2K\x1f\x7f", 8), "\\x00\\x01\\x1b[2K\\x1f\\x7f"},
+             {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x94\x91 \xc2\xa0",
+              "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x94\x91 \xc2\xa0"},
+             {"\xc2\x80\xc2\x85\xc2\x9b\xc2\x9f", "\\xc2\\x80\\xc2\\x85\\xc2\\x9b\\xc2\\x9f"},
+             {"\xe2\x80\xa8\xe2\x80\xa9\xe2\x80\xaa", "\\xe2\\x80\\xa8\\xe2\\x80\\xa9\xe2\x80\xaa"},
+             {"\x9b\x85\xff\xc0\xaf\xed\xa0\x80\xf4\x90\x80\x80",
+              "\\x9b\\x85\\xff\\xc0\\xaf\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80"},
+             {"\xe2\x82", "\\xe2\\x82"}}) {
+        EXPECT_EQ(_signing_log_text(row.first), row.second) << row.second;
     }
 }
 
