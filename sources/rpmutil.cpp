@@ -294,12 +294,12 @@ bool IsSafeDownload(const std::string& url, const std::string& outputFile) {
     if (!StartsWith(url, "http://") && !StartsWith(url, "https://")) {
         print_log(
             "_signing_get_command: refused to download from [%s]: the address must begin with http:// or https://",
-            _signing_log_text(url).c_str());
+            LogText(url).c_str());
         return false;
     }
     if (!StartsWith(outputFile, "/")) {
         print_log("_signing_get_command: refused to write to [%s]: the path must be absolute",
-                  _signing_log_text(outputFile).c_str());
+                  LogText(outputFile).c_str());
         return false;
     }
     return true;
@@ -351,7 +351,7 @@ bool CallWebService(const std::string& command, const std::string& outputFile, c
             return false;
         }
         // The protocol option is only logged: every attempt runs the same plain command.
-        const std::string secureCommand = _signing_log_text(command + " " + protocol);
+        const std::string secureCommand = LogText(command + " " + protocol);
         print_log("signing_get_public_key: secure command   [%s]", secureCommand.c_str());
         print_log("signing_get_public_key: secure protocols [%s]", protocol);
 
@@ -362,7 +362,7 @@ bool CallWebService(const std::string& command, const std::string& outputFile, c
         }
         if (unlink(outputFile.c_str()) != 0 && errno != ENOENT) {
             print_log("_signing_call_webservice: unable to remove the earlier file [%s]: %s",
-                      _signing_log_text(outputFile).c_str(), SystemErrorText(errno).c_str());
+                      LogText(outputFile).c_str(), SystemErrorText(errno).c_str());
             std::free(scratch);
             continue;
         }
@@ -426,7 +426,7 @@ size_t Utf8SequenceLength(const std::string& text, size_t at, unsigned long& cod
 
 }  // namespace
 
-std::string _signing_log_text(const std::string& value) {
+std::string LogText(const std::string& value) {
     static const char kHex[] = "0123456789abcdef";
     std::string text;
     text.reserve(value.size());
@@ -473,7 +473,7 @@ KeyAcquisition::KeyAcquisition(const SigningDownloadLimits& limits)
 KeyAcquisition::~KeyAcquisition() {
     if (!ownFolder_.empty() && !RemoveOwnFolder(ownFolder_)) {
         print_log("signing_validate_package_list: unable to remove the private folder [%s]: %s",
-                  _signing_log_text(ownFolder_).c_str(), SystemErrorText(errno).c_str());
+                  LogText(ownFolder_).c_str(), SystemErrorText(errno).c_str());
     }
 }
 
@@ -487,7 +487,7 @@ std::string KeyAcquisition::DownloadPath(const std::string& outputFile) {
     if (folder == "/") {
         // An empty TEMP_FOLDER leads here too: the root of the file system is no temp folder.
         print_log("_signing_get_command: refused to write to [%s]: the root folder is no temp folder",
-                  _signing_log_text(outputFile).c_str());
+                  LogText(outputFile).c_str());
         return "";
     }
     struct stat status;
@@ -502,8 +502,8 @@ std::string KeyAcquisition::DownloadPath(const std::string& outputFile) {
             ownFolder_.clear();
             std::string pattern = folder + kOwnFolderPattern;
             if (mkdtemp(&pattern[0]) == nullptr) {
-                print_log("_signing_get_command: unable to make a private folder in [%s]: %s",
-                          _signing_log_text(folder).c_str(), SystemErrorText(errno).c_str());
+                print_log("_signing_get_command: unable to make a private folder in [%s]: %s", LogText(folder).c_str(),
+                          SystemErrorText(errno).c_str());
                 return "";
             }
             sharedFolder_ = folder, ownFolder_ = pattern;
@@ -513,7 +513,7 @@ std::string KeyAcquisition::DownloadPath(const std::string& outputFile) {
     print_log(
         "_signing_get_command: refused to write to [%s]: its folder must belong to this user and be writable by "
         "nobody else",
-        _signing_log_text(outputFile).c_str());
+        LogText(outputFile).c_str());
     return "";
 }
 
@@ -535,6 +535,7 @@ int _signing_run_command(const std::string& command, long long milliseconds, uns
     }
     if (!home.empty()) variables.push_back("HOME=" + home);
     std::vector<const char*> environment;
+    environment.reserve(variables.size() + 1);
     for (const std::string& variable : variables) environment.push_back(variable.c_str());
     environment.push_back(nullptr);
     const struct rlimit fileSize = {static_cast<rlim_t>(bytes), static_cast<rlim_t>(bytes)};
@@ -578,7 +579,7 @@ int _signing_run_command(const std::string& command, long long milliseconds, uns
 
 void _signing_set_optional_prerequisite_status(session_t* session, int code) {
     const std::string significance = env_get_string(session, kSignificance) + ";0";
-    print_log("_signing_set_optional_prerequisite_status: %s", _signing_log_text(significance).c_str());
+    print_log("_signing_set_optional_prerequisite_status: %s", LogText(significance).c_str());
     env_set_string(session, kSignificance, significance.c_str());
     // Only the "validate" and "download" keys are ever selected; the "file" keys stay unused.
     const int index = code == 4 ? 1 : 0;
@@ -589,7 +590,7 @@ void _signing_set_optional_prerequisite_status(session_t* session, int code) {
 std::string _signing_get_command(const std::string& url, std::string& outputFile, KeyAcquisition& acquisition) {
     if (!IsSafeForShell(url) || !IsSafeForShell(outputFile)) {
         print_log("_signing_get_command: refused to build a command from unsafe characters in [%s] or [%s]",
-                  _signing_log_text(url).c_str(), _signing_log_text(outputFile).c_str());
+                  LogText(url).c_str(), LogText(outputFile).c_str());
         return "";
     }
 
@@ -632,7 +633,7 @@ std::string _signing_get_command(const std::string& url, std::string& outputFile
             }
             if (!IsSafeForShell(written)) {
                 print_log("_signing_get_command: refused to build a command from unsafe characters in [%s] or [%s]",
-                          _signing_log_text(url).c_str(), _signing_log_text(written).c_str());
+                          LogText(url).c_str(), LogText(written).c_str());
                 return "";
             }
             const int length =
@@ -643,8 +644,8 @@ std::string _signing_get_command(const std::string& url, std::string& outputFile
                 return "";
             }
             std::string command(static_cast<size_t>(length) + 1, '\0');
-            std::snprintf(&command[0], command.size(), kTemplates[tool], kTimeoutSeconds, kTries, url.c_str(),
-                          written.c_str());
+            static_cast<void>(std::snprintf(&command[0], command.size(), kTemplates[tool], kTimeoutSeconds, kTries,
+                                            url.c_str(), written.c_str()));
             command.resize(static_cast<size_t>(length));
             outputFile = written;
             return command;
@@ -660,19 +661,19 @@ std::string _signing_get_public_key(session_t* session, KeyAcquisition& acquisit
     const std::string tempFolder = env_get_string(session, "TEMP_FOLDER");
     acquisition.failure.clear();
     if (!signature.empty()) {
-        print_log("signing_get_public_key: public key specified by user %s", _signing_log_text(signature).c_str());
+        print_log("signing_get_public_key: public key specified by user %s", LogText(signature).c_str());
         return signature;
     }
     print_log("signing_get_public_key: public key will be downloaded from Tarvo");
     const std::string address = (configuredUrl.empty() ? defaultUrl : configuredUrl) + "?id=" + FindUpdateId(session);
-    print_log("signing_get_public_key: request value [%s]", _signing_log_text(address).c_str());
+    print_log("signing_get_public_key: request value [%s]", LogText(address).c_str());
     std::string outputFile = tempFolder + "/PUBLIC_KEY.PUB";
     const std::string command = _signing_get_command(address, outputFile, acquisition);
     if (command.empty()) {
         acquisition.failure = "no download command could be made";
         return "";
     }
-    print_log("signing_get_public_key: command value [%s]", _signing_log_text(command).c_str());
+    print_log("signing_get_public_key: command value [%s]", LogText(command).c_str());
     if (!CallWebService(command, outputFile, acquisition)) {
         acquisition.failure = "the key download failed";
         return "";
@@ -682,7 +683,7 @@ std::string _signing_get_public_key(session_t* session, KeyAcquisition& acquisit
         print_log(
             "signing_get_public_key: refused the downloaded key [%s]: not a regular file of this user of at "
             "most %llu bytes",
-            _signing_log_text(outputFile).c_str(), limit);
+            LogText(outputFile).c_str(), limit);
         acquisition.failure = "the downloaded file was refused";
         return "";
     }
@@ -691,11 +692,11 @@ std::string _signing_get_public_key(session_t* session, KeyAcquisition& acquisit
     std::string reason;
     if (!HoldsAddress(outputFile) && !ReadsAsPublicKey(outputFile, reason)) {
         print_log("signing_get_public_key: refused the downloaded key [%s]: it is not an OpenPGP public key (%s)",
-                  _signing_log_text(outputFile).c_str(), _signing_log_text(reason).c_str());
+                  LogText(outputFile).c_str(), LogText(reason).c_str());
         acquisition.failure = "the downloaded file is not an OpenPGP public key";
         return "";
     }
-    print_log("signing_get_public_key: public key obtained successfully [%s]", _signing_log_text(outputFile).c_str());
+    print_log("signing_get_public_key: public key obtained successfully [%s]", LogText(outputFile).c_str());
     return outputFile;
 }
 
@@ -722,7 +723,7 @@ int _signing_is_valid_key(const std::string& path) {
     return 0;
 }
 
-std::string _signing_select_key(session_t* session, KeyAcquisition& acquisition) {
+std::string SelectSigningKey(session_t* session, KeyAcquisition& acquisition) {
     bool downloaded = env_get_string(session, "signature").empty();
     std::string key = _signing_get_public_key(session, acquisition);
     std::string why;  // why the first key was not used
@@ -745,7 +746,7 @@ std::string _signing_select_key(session_t* session, KeyAcquisition& acquisition)
         _signing_set_optional_prerequisite_status(session, 3);
         return "";
     }
-    const std::string path = _signing_log_text(key);
+    const std::string path = LogText(key);
     if (downloaded && !why.empty()) {
         print_log(
             "signing_validate_package_list: packages are checked with the downloaded key [%s], no local key "
@@ -788,13 +789,12 @@ bool VerifyComponents(session_t* session, const std::string& key) {
                 expand_operand(session, component->packageFolder(), true) + "/" + component->packageFile();
             if (file_exists(path, false) == 0 || component->type() != "rpm") {
                 print_log("signing_validate_package_list: component '%s' is not verified because it is not available",
-                          _signing_log_text(component->id()).c_str());
+                          LogText(component->id()).c_str());
                 continue;
             }
             RpmVerifyResult result = rpm_verify(path.c_str(), key.c_str());
             print_log("_signing_validate_file: signing validation result %d (0 is success) for %s package [%s]",
-                      static_cast<int>(result.status), _signing_log_text(path).c_str(),
-                      _signing_log_text(result.message).c_str());
+                      static_cast<int>(result.status), LogText(path).c_str(), LogText(result.message).c_str());
             if (result.message != kInternalError) {
                 std::free(result.message);
             }
@@ -817,7 +817,7 @@ int signing_validate_package_list(session_t* session) {
         env_set_string(session, "operation_progress", "0");
         // The acquisition, and the private folder it may have made for the key, ends with the check.
         KeyAcquisition acquisition(_signing_download_limits());
-        const std::string key = _signing_select_key(session, acquisition);
+        const std::string key = SelectSigningKey(session, acquisition);
         if (key.empty()) {
             return 1;
         }
@@ -826,7 +826,7 @@ int signing_validate_package_list(session_t* session) {
             return 0;
         }
         const std::string significance = env_get_string(session, kSignificance) + ";1";
-        print_log("signing_validate_package_list: %s", _signing_log_text(significance).c_str());
+        print_log("signing_validate_package_list: %s", LogText(significance).c_str());
         env_set_string(session, kSignificance, significance.c_str());
         env_set_string(session, kShortDesc,
                        (env_get_string(session, kShortDesc) + ";SIGNING_prereq_err_signing_check_short_desc").c_str());
@@ -835,7 +835,7 @@ int signing_validate_package_list(session_t* session) {
         print_log("signing_validate_package_list: finished");
         return 1;
     } catch (const std::exception& e) {
-        print_log("signing_validate_package_list: check failed: %s", _signing_log_text(e.what()).c_str());
+        print_log("signing_validate_package_list: check failed: %s", LogText(e.what()).c_str());
     } catch (...) {
         print_log("signing_validate_package_list: check failed");
     }

@@ -62,7 +62,7 @@ std::string _signing_get_command(const std::string& url, std::string& outputFile
 // of it holds "http://", 1 otherwise.
 int _signing_is_valid_key(const std::string& path);
 // The key the check verifies with (logged with why it was chosen), or empty after a warning entry.
-std::string _signing_select_key(session_t* session, KeyAcquisition& acquisition);
+std::string SelectSigningKey(session_t* session, KeyAcquisition& acquisition);
 
 // Runs command with /bin/sh -f -c (no pathname expansion) in a process group of its own, its file
 // size limited to bytes, HOME set to home (unless empty), and kills the group when it runs past
@@ -72,7 +72,7 @@ int _signing_run_command(const std::string& command, long long milliseconds, uns
                          const std::string& home, bool* stopped = nullptr);
 // A session value as it goes into a log line: control characters are written escaped ("\n",
 // "\x1b"), so one line stays one line.
-std::string _signing_log_text(const std::string& value);
+std::string LogText(const std::string& value);
 // Adds a warning entry about the key to the session's prerequisite lists: code 4 selects the
 // "download" message keys, every other code the "validate" keys.
 void _signing_set_optional_prerequisite_status(session_t* session, int code);

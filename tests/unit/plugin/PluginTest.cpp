@@ -244,7 +244,7 @@ TEST(KeyAcquisition, ATricklingServiceCostsTheLimitOnceForTheWholeCheck) {
         session["SIGNING_LOCAL_PUBLIC_KEY"] = local;
         KeyAcquisition acquisition({2, 1024 * 1024});
         const auto started = std::chrono::steady_clock::now();
-        EXPECT_EQ(_signing_select_key(session.get(), acquisition), local);
+        EXPECT_EQ(SelectSigningKey(session.get(), acquisition), local);
         const auto spent = std::chrono::steady_clock::now() - started;
         EXPECT_GE(spent, std::chrono::seconds(2));
         EXPECT_LT(spent, std::chrono::milliseconds(2900));
@@ -277,7 +277,7 @@ TEST(PrerequisiteCheck, LogTextEscapesWhatCouldBreakALine) {
              {"\x9b\x85\xff\xc0\xaf\xed\xa0\x80\xf4\x90\x80\x80",
               "\\x9b\\x85\\xff\\xc0\\xaf\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80"},
              {"\xe2\x82", "\\xe2\\x82"}}) {
-        EXPECT_EQ(_signing_log_text(row.first), row.second) << row.second;
+        EXPECT_EQ(LogText(row.first), row.second) << row.second;
     }
 }
 
