@@ -1,0 +1,587 @@
+#include "OpenPgpKeyring.h"
+
+#include <openssl/core_names.h>
+#include <openssl/evp.h>
+#include <openssl/param_build.h>
+#include <openssl/rsa.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "ByteCursor.h"
+#include "Exceptions.h"
+#include "OpenSslHandles.h"
+#include "PgpKey.h"
+
+namespace {
+
+const char kBegin[] = "-----BEGIN PGP PUBLIC KEY BLOCK-----";
+const char kEnd[] = "-----END PGP PUBLIC KEY BLOCK-----";
+
+// OpenPGP packet tags read here.
+const unsigned int kSignatureTag = 2;
+const unsigned int kPublicKeyTag = 6;
+const unsigned int kPublicSubkeyTag = 14;
+
+// Signature types (RFC 4880, 5.2.1).
+const unsigned int kSubkeyBinding = 0x18;
+
+// Ed25519's curve OID, 1.3.6.1.4.1.11591.15.1, as OpenPGP stores it (without tag and length).
+const unsigned char kEd25519Oid[] = {0x2B, 0x06, 0x01, 0x04, 0x01, 0xDA, 0x47, 0x0F, 0x01};
+
+struct EvpPkeyFree {
+    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+};
+struct EvpPkeyCtxFree {
+    void operator()(EVP_PKEY_CTX* context) const { EVP_PKEY_CTX_free(context); }
+};
+struct ParamBldFree {
+    void operator()(OSSL_PARAM_BLD* builder) const { OSSL_PARAM_BLD_free(builder); }
+};
+struct ParamFree {
+    void operator()(OSSL_PARAM* parameters) const { OSSL_PARAM_free(parameters); }
+};
+
+std::string Hex(const unsigned char* bytes, size_t length) {
+    static const char kDigits[] = "0123456789ABCDEF";
+    std::string text;
+    for (size_t i = 0; i < length; ++i) {
+        text += kDigits[bytes[i] >> 4];
+        text += kDigits[bytes[i] & 0x0F];
+    }
+    return text;
+}
+
+// One OpenPGP packet: its tag and its body.
+struct Packet {
+    unsigned int tag;
+    ByteCursor body;
+};
+
+// The packet at the cursor (RFC 4880, 4.2: old and new formats; partial lengths are for data
+// packets, never for keys and signatures, and are refused).
+Packet NextPacket(ByteCursor& cursor) {
+    const uint8_t first = cursor.ReadUInt8("OpenPGP packet header");
+    if ((first & 0x80) == 0) throw DataFormatException("OpenPGP packet header is not valid");
+    uint64_t length = 0;
+    unsigned int tag = 0;
+    if ((first & 0x40) != 0) {
+        tag = first & 0x3Fu;
+        const uint8_t octet = cursor.ReadUInt8("OpenPGP packet header");
+        if (octet < 192) {
+            length = octet;
+        } else if (octet < 224) {
+            length = ((octet - 192u) << 8) + cursor.ReadUInt8("OpenPGP packet header") + 192u;
+        } else if (octet == 255) {
+            length = cursor.ReadUInt32("OpenPGP packet header");
+        } else {
+            throw DataFormatException("OpenPGP packet of tag " + std::to_string(tag) + " has a partial length");
+        }
+    } else {
+        tag = (first >> 2) & 0x0Fu;
+        switch (first & 3) {
+            case 0: length = cursor.ReadUInt8("OpenPGP packet header"); break;
+            case 1: length = cursor.ReadUInt16("OpenPGP packet header"); break;
+            case 2: length = cursor.ReadUInt32("OpenPGP packet header"); break;
+            default: length = cursor.Remaining(); break;  // to the end of the data
+        }
+    }
+    if (!cursor.Has(length)) {
+        throw DataFormatException("OpenPGP packet of " + std::to_string(length) + " bytes is longer than the " +
+                                  std::to_string(cursor.Remaining()) + " bytes that remain");
+    }
+    return Packet{tag, cursor.Take(length, "OpenPGP packet")};
+}
+
+// The value of a multi-precision integer (RFC 4880, 3.2): a bit count, then its octets.
+ByteCursor ReadMpi(ByteCursor& cursor) {
+    const uint16_t bits = cursor.ReadUInt16("Multi-precision integer");
+    return cursor.Take((bits + 7u) / 8u, "Multi-precision integer");
+}
+
+// value left-padded with zeros to length octets (an MPI drops leading zero octets); a longer value
+// is refused.
+bool PadTo(const ByteCursor& value, size_t length, std::vector<unsigned char>& out) {
+    if (value.Size() > length) return false;
+    out.assign(length - static_cast<size_t>(value.Size()), 0);
+    out.insert(out.end(), value.Here(), value.Here() + value.Size());
+    return true;
+}
+
+std::shared_ptr<EVP_PKEY> RsaKey(const ByteCursor& modulus, const ByteCursor& exponent) {
+    const BignumHandle n(BN_bin2bn(modulus.Here(), static_cast<int>(modulus.Size()), nullptr));
+    const BignumHandle e(BN_bin2bn(exponent.Here(), static_cast<int>(exponent.Size()), nullptr));
+    const std::unique_ptr<OSSL_PARAM_BLD, ParamBldFree> builder(OSSL_PARAM_BLD_new());
+    if (!n || !e || !builder || OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_N, n.get()) != 1 ||
+        OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_E, e.get()) != 1) {
+        return nullptr;
+    }
+    const std::unique_ptr<OSSL_PARAM, ParamFree> parameters(OSSL_PARAM_BLD_to_param(builder.get()));
+    const std::unique_ptr<EVP_PKEY_CTX, EvpPkeyCtxFree> context(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
+    EVP_PKEY* key = nullptr;
+    if (!parameters || !context || EVP_PKEY_fromdata_init(context.get()) != 1 ||
+        EVP_PKEY_fromdata(context.get(), &key, EVP_PKEY_PUBLIC_KEY, parameters.get()) != 1) {
+        return nullptr;
+    }
+    return std::shared_ptr<EVP_PKEY>(key, EvpPkeyFree());
+}
+
+// A public-key packet's body as a key (version 4 only: RSA, or EdDSA on Ed25519); why not in
+// refusal when it cannot verify.
+bool ReadPublicKey(const ByteCursor& packet, bool subkey, OpenPgpPublicKey& key, std::string& refusal) {
+    ByteCursor body = packet;
+    const uint8_t version = body.ReadUInt8("Public-key packet");
+    // The fingerprint: SHA-1 over 0x99, the body's two-octet length and the body.
+    unsigned char fingerprint[20];
+    const unsigned char frame[3] = {0x99, static_cast<unsigned char>(packet.Size() >> 8),
+                                    static_cast<unsigned char>(packet.Size() & 0xFF)};
+    const EvpMdCtxHandle sha1(EVP_MD_CTX_new());
+    unsigned int length = 0;
+    if (!sha1 || EVP_DigestInit_ex(sha1.get(), EVP_sha1(), nullptr) != 1 ||
+        EVP_DigestUpdate(sha1.get(), frame, sizeof frame) != 1 ||
+        EVP_DigestUpdate(sha1.get(), packet.Here(), static_cast<size_t>(packet.Size())) != 1 ||
+        EVP_DigestFinal_ex(sha1.get(), fingerprint, &length) != 1) {
+        throw InternalErrorException("SHA-1 of a public key failed");
+    }
+    key.keyId = Hex(fingerprint + 12, 8);
+    key.subkey = subkey;
+    if (version != 4) {
+        refusal = "a version " + std::to_string(version) + " key is not supported";
+        key.keyId.clear();
+        return false;
+    }
+    body.Skip(4, "Public-key packet");  // creation time
+    key.algorithm = body.ReadUInt8("Public-key packet");
+    if (key.algorithm >= 1 && key.algorithm <= 3) {
+        const ByteCursor modulus = ReadMpi(body), exponent = ReadMpi(body);
+        key.bits = static_cast<unsigned int>(modulus.Size() * 8);
+        if (modulus.Size() > 0) {
+            for (unsigned char top = modulus.Here()[0]; (top & 0x80) == 0; top = static_cast<unsigned char>(top << 1)) {
+                --key.bits;
+            }
+        }
+        key.key = RsaKey(modulus, exponent);
+    } else if (key.algorithm == 22) {
+        const uint8_t oidLength = body.ReadUInt8("EdDSA key");
+        const ByteCursor oid = body.Take(oidLength, "EdDSA key");
+        const ByteCursor point = ReadMpi(body);
+        if (oid.Size() != sizeof kEd25519Oid || std::memcmp(oid.Here(), kEd25519Oid, sizeof kEd25519Oid) != 0) {
+            refusal = "an EdDSA key on a curve other than Ed25519 is not supported";
+            return false;
+        }
+        if (point.Size() != 33 || point.Here()[0] != 0x40) {
+            refusal = "the Ed25519 point is not in its native form";
+            return false;
+        }
+        key.bits = 256;
+        EVP_PKEY* raw = EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, point.Here() + 1, 32);
+        if (raw != nullptr) key.key = std::shared_ptr<EVP_PKEY>(raw, EvpPkeyFree());
+    } else {
+        refusal = OpenPgpAlgorithmName(key.algorithm) + " keys are not supported";
+        return false;
+    }
+    if (!key.key) {
+        refusal = "OpenSSL does not take the key";
+        return false;
+    }
+    return true;
+}
+
+// The signature's hash of data (already in context) and its trailer: true with hash filled.
+bool FinishHash(const OpenPgpSignature& signature, const EVP_MD_CTX* data, std::vector<unsigned char>& hash) {
+    const EvpMdCtxHandle copy(EVP_MD_CTX_new());
+    unsigned int length = 0;
+    hash.resize(EVP_MAX_MD_SIZE);
+    if (!copy || EVP_MD_CTX_copy_ex(copy.get(), data) != 1 ||
+        EVP_DigestUpdate(copy.get(), signature.trailer.data(), signature.trailer.size()) != 1 ||
+        EVP_DigestFinal_ex(copy.get(), hash.data(), &length) != 1) {
+        return false;
+    }
+    hash.resize(length);
+    return true;
+}
+
+// Whether the value of signature verifies hash with key; why not in reason.
+bool CheckValue(const OpenPgpSignature& signature, const OpenPgpPublicKey& key, const std::vector<unsigned char>& hash,
+                std::string& reason) {
+    const bool rsa = key.algorithm >= 1 && key.algorithm <= 3;
+    const bool signatureRsa = signature.publicKeyAlgorithm >= 1 && signature.publicKeyAlgorithm <= 3;
+    if (rsa != signatureRsa || (!rsa && signature.publicKeyAlgorithm != key.algorithm)) {
+        reason = "a " + OpenPgpAlgorithmName(signature.publicKeyAlgorithm) + " signature cannot be made by a " +
+                 OpenPgpAlgorithmName(key.algorithm) + " key";
+        return false;
+    }
+    if (rsa) {
+        const size_t size = static_cast<size_t>(EVP_PKEY_get_size(key.key.get()));
+        std::vector<unsigned char> value;
+        const std::unique_ptr<EVP_PKEY_CTX, EvpPkeyCtxFree> context(EVP_PKEY_CTX_new(key.key.get(), nullptr));
+        const bool good = PadTo(ByteCursor(signature.value.data(), signature.value.size(), "RSA value"), size, value) &&
+                          context && EVP_PKEY_verify_init(context.get()) == 1 &&
+                          EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1 &&
+                          EVP_PKEY_CTX_set_signature_md(context.get(), OpenPgpDigest(signature.hashAlgorithm)) == 1 &&
+                          EVP_PKEY_verify(context.get(), value.data(), value.size(), hash.data(), hash.size()) == 1;
+        if (!good) reason = "the RSA signature does not verify";
+        return good;
+    }
+    const EvpMdCtxHandle context(EVP_MD_CTX_new());
+    const bool good = context && EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key.key.get()) == 1 &&
+                      EVP_DigestVerify(context.get(), signature.value.data(), signature.value.size(), hash.data(),
+                                       hash.size()) == 1;
+    if (!good) reason = "the EdDSA signature does not verify";
+    return good;
+}
+
+// The binding signature of subkey (a subkey packet's body) by primary (its primary key, whose
+// packet body is primaryBody): whether it verifies.
+bool BindingVerifies(const OpenPgpSignature& binding, const OpenPgpPublicKey& primary, const ByteCursor& primaryBody,
+                     const ByteCursor& subkeyBody, std::string& reason) {
+    if (binding.type != kSubkeyBinding) {
+        reason = "no binding signature";
+        return false;
+    }
+    if (!binding.flaw.empty()) {
+        reason = binding.flaw;
+        return false;
+    }
+    if (!binding.issuer.empty() && binding.issuer != primary.keyId) {
+        reason = "its binding signature is by another key";
+        return false;
+    }
+    const EVP_MD* md = OpenPgpDigest(binding.hashAlgorithm);
+    const EvpMdCtxHandle context(EVP_MD_CTX_new());
+    if (md == nullptr || !context || EVP_DigestInit_ex(context.get(), md, nullptr) != 1) {
+        reason = "its binding signature's hash is not supported";
+        return false;
+    }
+    for (const ByteCursor* body : {&primaryBody, &subkeyBody}) {
+        const unsigned char frame[3] = {0x99, static_cast<unsigned char>(body->Size() >> 8),
+                                        static_cast<unsigned char>(body->Size() & 0xFF)};
+        EVP_DigestUpdate(context.get(), frame, sizeof frame);
+        EVP_DigestUpdate(context.get(), body->Here(), static_cast<size_t>(body->Size()));
+    }
+    std::vector<unsigned char> hash;
+    if (!FinishHash(binding, context.get(), hash) || hash.size() < 2 ||
+        std::memcmp(hash.data(), binding.left16, 2) != 0) {
+        reason = "its binding signature does not verify";
+        return false;
+    }
+    if (!CheckValue(binding, primary, hash, reason)) {
+        reason = "its binding signature does not verify";
+        return false;
+    }
+    return true;
+}
+
+// The bytes between the BEGIN line of an armored block and its END line, decoded; the checksum
+// line ("=" and four characters) is checked when present (CRC-24, RFC 4880, 6.1).
+std::vector<unsigned char> DecodeArmor(const std::string& block) {
+    std::vector<std::string> lines;
+    for (size_t at = 0; at < block.size();) {
+        const size_t next = std::min(block.find('\n', at), block.size());
+        lines.push_back(block.substr(at, next - at));
+        if (!lines.back().empty() && lines.back().back() == '\r') lines.back().pop_back();
+        at = next + 1;
+    }
+    // After the BEGIN line: armor headers ("Version: ...", "Comment: ..."), an empty line, the body.
+    size_t first = 1;
+    while (first < lines.size() && !lines[first].empty() && lines[first].find(':') != std::string::npos) ++first;
+    if (first < lines.size() && lines[first].empty()) ++first;
+    std::string body, checksum;
+    for (size_t line = first; line < lines.size() && lines[line].rfind("-----", 0) != 0; ++line) {
+        if (!lines[line].empty() && lines[line][0] == '=') {
+            checksum = lines[line].substr(1);
+        } else {
+            body += lines[line];
+        }
+    }
+    std::vector<unsigned char> decoded(body.size() / 4 * 3 + 3);
+    const std::unique_ptr<EVP_ENCODE_CTX, decltype(&EVP_ENCODE_CTX_free)> context(EVP_ENCODE_CTX_new(),
+                                                                                   &EVP_ENCODE_CTX_free);
+    int length = 0, last = 0;
+    EVP_DecodeInit(context.get());
+    if (EVP_DecodeUpdate(context.get(), decoded.data(), &length, reinterpret_cast<const unsigned char*>(body.data()),
+                         static_cast<int>(body.size())) < 0 ||
+        EVP_DecodeFinal(context.get(), decoded.data() + length, &last) != 1) {
+        throw DataFormatException("The armor's Base64 text is damaged");
+    }
+    decoded.resize(static_cast<size_t>(length + last));
+    if (!checksum.empty()) {
+        unsigned char crc[4] = {};
+        if (checksum.size() != 4 || EVP_DecodeBlock(crc, reinterpret_cast<const unsigned char*>(checksum.data()), 4) != 3) {
+            throw DataFormatException("The armor's checksum is damaged");
+        }
+        uint32_t value = 0xB704CE;
+        for (unsigned char octet : decoded) {
+            value ^= static_cast<uint32_t>(octet) << 16;
+            for (int bit = 0; bit < 8; ++bit) {
+                value <<= 1;
+                if ((value & 0x1000000) != 0) value ^= 0x1864CFB;
+            }
+        }
+        if ((value & 0xFFFFFF) != ((uint32_t(crc[0]) << 16) | (uint32_t(crc[1]) << 8) | crc[2])) {
+            throw DataFormatException("The armor's checksum does not match its text");
+        }
+    }
+    return decoded;
+}
+
+}  // namespace
+
+const EVP_MD* OpenPgpDigest(unsigned int hashId) {
+    switch (hashId) {
+        case 2: return EVP_sha1();
+        case 8: return EVP_sha256();
+        case 9: return EVP_sha384();
+        case 10: return EVP_sha512();
+        case 11: return EVP_sha224();
+        case 12: return EVP_sha3_256();
+        case 14: return EVP_sha3_512();
+        default: return nullptr;
+    }
+}
+
+std::string OpenPgpHashName(unsigned int hashId) {
+    switch (hashId) {
+        case 1: return "MD5";
+        case 2: return "SHA1";
+        case 3: return "RIPEMD160";
+        case 8: return "SHA256";
+        case 9: return "SHA384";
+        case 10: return "SHA512";
+        case 11: return "SHA224";
+        case 12: return "SHA3-256";
+        case 14: return "SHA3-512";
+        default: return "hash " + std::to_string(hashId);
+    }
+}
+
+std::string OpenPgpAlgorithmName(unsigned int algorithm) {
+    switch (algorithm) {
+        case 1:
+        case 2:
+        case 3: return "RSA";
+        case 17: return "DSA";
+        case 22: return "EdDSA";
+        default: return "algorithm " + std::to_string(algorithm);
+    }
+}
+
+OpenPgpSignature OpenPgpSignature::Parse(const unsigned char* data, uint64_t size) {
+    ByteCursor cursor(data, size, "OpenPGP signature");
+    const Packet packet = NextPacket(cursor);
+    if (packet.tag != kSignatureTag) {
+        throw DataFormatException("OpenPGP packet of tag " + std::to_string(packet.tag) + " is no signature");
+    }
+    return ParseBody(packet.body.Here(), packet.body.Size());
+}
+
+OpenPgpSignature OpenPgpSignature::ParseBody(const unsigned char* data, uint64_t size) {
+    OpenPgpSignature signature;
+    ByteCursor body(data, size, "Signature packet");
+    signature.version = body.ReadUInt8();
+    if (signature.version == 3) {
+        if (body.ReadUInt8() != 5) throw DataFormatException("Version 3 signature packet: the hashed length must be 5");
+        signature.trailer.assign(body.Here(), body.Here() + 5);
+        signature.type = body.ReadUInt8();
+        body.Skip(4);
+        signature.issuer = Hex(body.Peek(8), 8);
+        body.Skip(8);
+        signature.publicKeyAlgorithm = body.ReadUInt8();
+        signature.hashAlgorithm = body.ReadUInt8();
+    } else if (signature.version == 4) {
+        signature.type = body.ReadUInt8();
+        signature.publicKeyAlgorithm = body.ReadUInt8();
+        signature.hashAlgorithm = body.ReadUInt8();
+        const uint16_t hashedLength = body.ReadUInt16();
+        ByteCursor hashed = body.Take(hashedLength, "Hashed subpacket area");
+        const uint16_t unhashedLength = body.ReadUInt16("Unhashed subpacket area");
+        ByteCursor unhashed = body.Take(unhashedLength, "Unhashed subpacket area");
+        // The trailer: the fields up to the end of the hashed area, then 04 FF and their length.
+        const uint32_t fieldsLength = 6u + hashedLength;
+        signature.trailer.assign(data, data + fieldsLength);
+        const unsigned char tail[6] = {4,
+                                       0xFF,
+                                       static_cast<unsigned char>(fieldsLength >> 24),
+                                       static_cast<unsigned char>(fieldsLength >> 16),
+                                       static_cast<unsigned char>(fieldsLength >> 8),
+                                       static_cast<unsigned char>(fieldsLength)};
+        signature.trailer.insert(signature.trailer.end(), tail, tail + sizeof tail);
+        std::string fingerprintIssuer;
+        for (ByteCursor* area : {&hashed, &unhashed}) {
+            while (area->Remaining() > 0) {
+                const uint8_t first = area->ReadUInt8("Signature subpacket");
+                uint32_t length = first;
+                if (first >= 192 && first < 255) {
+                    length = ((first - 192u) << 8) + area->ReadUInt8("Signature subpacket") + 192u;
+                } else if (first == 255) {
+                    length = area->ReadUInt32("Signature subpacket");
+                }
+                if (length == 0) throw DataFormatException("Signature subpacket of length 0");
+                ByteCursor subpacket = area->Take(length, "Signature subpacket");
+                const uint8_t type = subpacket.ReadUInt8();
+                const unsigned int kind = type & 0x7Fu;
+                if (kind == 16 && subpacket.Remaining() == 8) {
+                    signature.issuer = Hex(subpacket.Here(), 8);
+                } else if (kind == 33 && subpacket.Remaining() == 21 && subpacket.Here()[0] == 4) {
+                    fingerprintIssuer = Hex(subpacket.Here() + 13, 8);
+                }
+                // Subpackets marked critical that the reader does not act on make the signature
+                // invalid (RFC 4880, 5.2.3.1); the hashed ones are the signer's.
+                const bool understood = kind == 2 || kind == 3 || kind == 9 || kind == 11 || kind == 16 ||
+                                        kind == 21 || kind == 22 || kind == 23 || kind == 25 || kind == 27 ||
+                                        kind == 30 || kind == 32 || kind == 33;
+                if ((type & 0x80) != 0 && !understood && area == &hashed) {
+                    signature.flaw = "it holds a critical subpacket of type " + std::to_string(kind) +
+                                     " that is not understood";
+                }
+            }
+        }
+        if (signature.issuer.empty()) signature.issuer = fingerprintIssuer;
+    } else {
+        throw DataFormatException("Version " + std::to_string(signature.version) +
+                                  " signature packets are not supported");
+    }
+    body.Read(signature.left16, 2, "Signature packet");
+    if (signature.publicKeyAlgorithm >= 1 && signature.publicKeyAlgorithm <= 3) {
+        const ByteCursor value = ReadMpi(body);
+        signature.value.assign(value.Here(), value.Here() + value.Size());
+    } else if (signature.publicKeyAlgorithm == 22) {
+        const ByteCursor r = ReadMpi(body), s = ReadMpi(body);
+        std::vector<unsigned char> half;
+        if (!PadTo(r, 32, signature.value) || !PadTo(s, 32, half)) {
+            signature.flaw = "its EdDSA values are longer than 32 octets";
+        }
+        signature.value.insert(signature.value.end(), half.begin(), half.end());
+    } else {
+        signature.flaw = OpenPgpAlgorithmName(signature.publicKeyAlgorithm) + " signatures are not supported";
+    }
+    return signature;
+}
+
+const OpenPgpPublicKey* OpenPgpKeyring::Find(const std::string& keyId) const {
+    for (const OpenPgpPublicKey& key : keys_) {
+        if (key.keyId == keyId) return &key;
+    }
+    return nullptr;
+}
+
+OpenPgpKeyring OpenPgpKeyring::ReadFile(const std::string& path) {
+    const std::vector<char> bytes = PgpKey::ReadFile(path);
+    return Parse(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+}
+
+OpenPgpKeyring OpenPgpKeyring::Parse(const unsigned char* data, uint64_t size) {
+    OpenPgpKeyring keyring;
+    const std::string text(reinterpret_cast<const char*>(data), static_cast<size_t>(size));
+    if (text.find(kBegin) == std::string::npos) {
+        keyring.ParseBlock(data, size);
+    }
+    for (size_t begin = text.find(kBegin); begin != std::string::npos; begin = text.find(kBegin, begin + 1)) {
+        const size_t end = text.find(kEnd, begin);
+        if (end == std::string::npos) throw DataFormatException("The armored key block has no END line");
+        const std::vector<unsigned char> block = DecodeArmor(text.substr(begin, end - begin));
+        keyring.ParseBlock(block.data(), block.size());
+    }
+    if (keyring.keys_.empty()) {
+        throw DataFormatException(keyring.refused_.empty() ? "PGP public key is not found"
+                                                           : "No key can verify: " + keyring.refused_.front());
+    }
+    return keyring;
+}
+
+void OpenPgpKeyring::ParseBlock(const unsigned char* data, uint64_t size) {
+    ByteCursor cursor(data, size, "OpenPGP key block");
+    // The primary key being read (its index in keys_, or none), its packet body, and the subkey
+    // waiting for its binding signature.
+    const OpenPgpPublicKey* primary = nullptr;
+    std::unique_ptr<OpenPgpPublicKey> primaryHolder;
+    ByteCursor primaryBody(data, 0, "Public-key packet");
+    std::unique_ptr<OpenPgpPublicKey> pending;
+    ByteCursor pendingBody(data, 0, "Public-subkey packet");
+    std::string pendingReason;
+    auto settle = [this, &pending, &pendingReason]() {
+        if (pending == nullptr) return;
+        refused_.push_back("subkey " + pending->keyId + ": " +
+                           (pendingReason.empty() ? "it has no binding signature" : pendingReason));
+        pending.reset();
+    };
+    while (cursor.Remaining() > 0) {
+        const Packet packet = NextPacket(cursor);
+        if (packet.tag == kPublicKeyTag) {
+            settle();
+            OpenPgpPublicKey key{};
+            std::string refusal;
+            primary = nullptr;
+            primaryBody = packet.body;
+            if (ReadPublicKey(packet.body, false, key, refusal)) {
+                key.primaryId = key.keyId;
+                keys_.push_back(key);
+                primaryHolder = std::make_unique<OpenPgpPublicKey>(key);
+                primary = primaryHolder.get();
+            } else {
+                refused_.push_back("key " + key.keyId + ": " + refusal);
+                primaryHolder.reset();
+            }
+        } else if (packet.tag == kPublicSubkeyTag) {
+            settle();
+            OpenPgpPublicKey key{};
+            std::string refusal;
+            if (primary == nullptr) {
+                continue;  // a subkey of a key that cannot verify cannot be bound to it
+            }
+            if (!ReadPublicKey(packet.body, true, key, refusal)) {
+                refused_.push_back("subkey " + key.keyId + ": " + refusal);
+                continue;
+            }
+            key.primaryId = primary->keyId;
+            pending = std::make_unique<OpenPgpPublicKey>(key);
+            pendingBody = packet.body;
+            pendingReason.clear();
+        } else if (packet.tag == kSignatureTag && pending != nullptr) {
+            // Signatures after a subkey: the first binding signature that verifies binds it.
+            try {
+                const OpenPgpSignature binding = OpenPgpSignature::ParseBody(packet.body.Here(), packet.body.Size());
+                std::string reason;
+                if (BindingVerifies(binding, *primary, primaryBody, pendingBody, reason)) {
+                    keys_.push_back(*pending);
+                    pending.reset();
+                } else if (binding.type == kSubkeyBinding) {
+                    pendingReason = reason;
+                }
+            } catch (const DataFormatException& e) {
+                pendingReason = std::string("its binding signature cannot be read: ") + e.what();
+            }
+        }
+        // User IDs, user attributes, trust packets and certifications (the owner's or others') are
+        // read past: a key verifies by the key material alone.
+    }
+    settle();
+}
+
+SignatureVerdict VerifyOpenPgpSignature(const OpenPgpSignature& signature, const EVP_MD_CTX* signedData,
+                                        const OpenPgpKeyring& keys, std::string& reason) {
+    const OpenPgpPublicKey* key = signature.issuer.empty() ? nullptr : keys.Find(signature.issuer);
+    if (key == nullptr) {
+        reason = signature.issuer.empty() ? "the signature names no key"
+                                          : "key ID " + signature.issuer + " is not in the key file";
+        return SignatureVerdict::NoKey;
+    }
+    if (!signature.flaw.empty()) {
+        reason = "The signature is not valid: " + signature.flaw;
+        return SignatureVerdict::Bad;
+    }
+    if (signature.type > 0x01) {
+        reason = "a signature of type " + std::to_string(signature.type) + " does not sign a document";
+        return SignatureVerdict::Bad;
+    }
+    std::vector<unsigned char> hash;
+    if (OpenPgpDigest(signature.hashAlgorithm) == nullptr || !FinishHash(signature, signedData, hash)) {
+        reason = "the hash algorithm " + OpenPgpHashName(signature.hashAlgorithm) + " is not supported";
+        return SignatureVerdict::Bad;
+    }
+    if (hash.size() < 2 || std::memcmp(hash.data(), signature.left16, 2) != 0) {
+        reason = "Digest does not correspond to the signature";
+        return SignatureVerdict::Bad;
+    }
+    return CheckValue(signature, *key, hash, reason) ? SignatureVerdict::Ok : SignatureVerdict::Bad;
+}
