@@ -224,9 +224,9 @@ bool CheckValue(const OpenPgpSignature& signature, const OpenPgpPublicKey& key, 
         return good;
     }
     const EvpMdCtxHandle context(EVP_MD_CTX_new());
-    const bool good = context && EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key.key.get()) == 1 &&
-                      EVP_DigestVerify(context.get(), signature.value.data(), signature.value.size(), hash.data(),
-                                       hash.size()) == 1;
+    const bool good =
+        context && EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key.key.get()) == 1 &&
+        EVP_DigestVerify(context.get(), signature.value.data(), signature.value.size(), hash.data(), hash.size()) == 1;
     if (!good) reason = "the EdDSA signature does not verify";
     return good;
 }
@@ -296,7 +296,7 @@ std::vector<unsigned char> DecodeArmor(const std::string& block) {
     }
     std::vector<unsigned char> decoded(body.size() / 4 * 3 + 3);
     const std::unique_ptr<EVP_ENCODE_CTX, decltype(&EVP_ENCODE_CTX_free)> context(EVP_ENCODE_CTX_new(),
-                                                                                   &EVP_ENCODE_CTX_free);
+                                                                                  &EVP_ENCODE_CTX_free);
     int length = 0, last = 0;
     EVP_DecodeInit(context.get());
     if (EVP_DecodeUpdate(context.get(), decoded.data(), &length, reinterpret_cast<const unsigned char*>(body.data()),
@@ -307,7 +307,8 @@ std::vector<unsigned char> DecodeArmor(const std::string& block) {
     decoded.resize(static_cast<size_t>(length + last));
     if (!checksum.empty()) {
         unsigned char crc[4] = {};
-        if (checksum.size() != 4 || EVP_DecodeBlock(crc, reinterpret_cast<const unsigned char*>(checksum.data()), 4) != 3) {
+        if (checksum.size() != 4 ||
+            EVP_DecodeBlock(crc, reinterpret_cast<const unsigned char*>(checksum.data()), 4) != 3) {
             throw DataFormatException("The armor's checksum is damaged");
         }
         uint32_t value = 0xB704CE;
@@ -427,12 +428,12 @@ OpenPgpSignature OpenPgpSignature::ParseBody(const unsigned char* data, uint64_t
                 }
                 // Subpackets marked critical that the reader does not act on make the signature
                 // invalid (RFC 4880, 5.2.3.1); the hashed ones are the signer's.
-                const bool understood = kind == 2 || kind == 3 || kind == 9 || kind == 11 || kind == 16 ||
-                                        kind == 21 || kind == 22 || kind == 23 || kind == 25 || kind == 27 ||
-                                        kind == 30 || kind == 32 || kind == 33;
+                const bool understood = kind == 2 || kind == 3 || kind == 9 || kind == 11 || kind == 16 || kind == 21 ||
+                                        kind == 22 || kind == 23 || kind == 25 || kind == 27 || kind == 30 ||
+                                        kind == 32 || kind == 33;
                 if ((type & 0x80) != 0 && !understood && area == &hashed) {
-                    signature.flaw = "it holds a critical subpacket of type " + std::to_string(kind) +
-                                     " that is not understood";
+                    signature.flaw =
+                        "it holds a critical subpacket of type " + std::to_string(kind) + " that is not understood";
                 }
             }
         }

@@ -39,7 +39,7 @@ struct OpenPgpSignature {
     // version 4 its fields up to the end of the hashed area, then 04 FF and that length.
     std::vector<unsigned char> trailer;
     unsigned char left16[2] = {0, 0};
-    std::string issuer;  // the key ID it names (subpacket 16, or 33's fingerprint), "" when none
+    std::string issuer;                // the key ID it names (subpacket 16, or 33's fingerprint), "" when none
     std::vector<unsigned char> value;  // RSA: the value; EdDSA: R and S, 32 octets each
     // Why it cannot be a valid signature whatever the key (a critical subpacket not understood, a
     // value that does not fit its algorithm); empty when it may be.

@@ -3,10 +3,13 @@
 #include <string>
 
 // One check of a package: the header's SHA-1 digest, the MD5 digest of header and payload, the
-// OpenPGP signature over the header and each one over header and payload.
+// OpenPGP signature over the header and each one over header and payload; under the "current"
+// policy also the header's other digests and the payload digests of the main header.
 struct RpmCheck {
-    enum Kind { HeaderSha1, Md5, HeaderSignature, PackageSignature };
-    enum State { Ok, Bad, NotFound };
+    enum Kind { HeaderSha1, Md5, HeaderSignature, PackageSignature, HeaderDigest, PayloadDigest };
+    // NoKey: a signature by a key that the key file does not hold (Bad: by a key it holds, and it
+    // does not verify), as rpmkeys -Kv tells them apart.
+    enum State { Ok, Bad, NotFound, NoKey };
 
     Kind kind;
     State state;

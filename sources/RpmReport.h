@@ -25,7 +25,8 @@ struct RpmReport {
 };
 
 // rpm_verify, reporting every check it made (report is reset first).
-RpmVerifyResult rpm_verify_report(const char* file, const char* key, RpmReport& report);
+RpmVerifyResult rpm_verify_report(const char* file, const char* key, RpmReport& report,
+                                  SigningPolicy policy = SigningPolicy::Classic);
 
 // The public key as verification reads it. The key ID is the issuer of the key block's last signature packet, the
 // identity signatures are matched against. Throws the loader's exception when the key cannot be read; a block without

@@ -18,6 +18,7 @@
 #include <memory>
 #include <vector>
 
+#include "CurrentVerification.h"
 #include "Exceptions.h"
 #include "FileHelper.h"
 #include "PgpKey.h"
@@ -53,7 +54,8 @@ namespace {
 // stays the first failure's), without it the verification stops at the first failure. Everything
 // the verification uses is made here and dropped on return: the key is read at most once, from
 // the first signature check on, and nothing is shared with other calls.
-RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmReport& report, bool recordChecks) {
+RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmReport& report, bool recordChecks,
+                       SigningPolicy policy) {
     std::unique_ptr<FileHelper, FileHelperRelease> package;
     try {
         report.stage = RpmStage::Unreadable;
@@ -69,7 +71,9 @@ RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmRepor
     KeyFromFile keyFile(key);
     int result = ResultInternalError;
     try {
-        result = VerifyPackage(*package, keyFile, report.detail, recordChecks ? &report.checks : nullptr);
+        std::vector<RpmCheck>* checks = recordChecks ? &report.checks : nullptr;
+        result = policy == SigningPolicy::Current ? VerifyPackageCurrent(file, key, report.detail, checks)
+                                                  : VerifyPackage(*package, keyFile, report.detail, checks);
     } catch (const std::exception& e) {
         return response(RPM_STATUS_ERROR, "Could not verify " + file + " with key " + key + " - " + e.what());
     }
@@ -80,6 +84,17 @@ RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmRepor
 }
 
 }  // namespace
+
+bool ParseSigningPolicy(const std::string& name, SigningPolicy& policy) {
+    if (name == "classic") {
+        policy = SigningPolicy::Classic;
+    } else if (name == "current") {
+        policy = SigningPolicy::Current;
+    } else {
+        return false;
+    }
+    return true;
+}
 
 RpmVerifyResult response(RPM_STATUS status, const std::string& text) {
     char* copy = static_cast<char*>(std::malloc(text.size() + 1));
@@ -93,7 +108,8 @@ RpmVerifyResult response(RPM_STATUS status, const std::string& text) {
 
 namespace {
 
-RpmVerifyResult VerifyEntry(const char* file, const char* key, RpmReport& report, bool recordChecks) {
+RpmVerifyResult VerifyEntry(const char* file, const char* key, RpmReport& report, bool recordChecks,
+                            SigningPolicy policy) {
     report = RpmReport();
     // Nothing may leave towards the host: every failure becomes status 5 with its reason.
     try {
@@ -102,7 +118,7 @@ RpmVerifyResult VerifyEntry(const char* file, const char* key, RpmReport& report
                                                               : "rpm_verify: no key file was given");
         }
         try {
-            return Verify(file, key, report, recordChecks);
+            return Verify(file, key, report, recordChecks, policy);
         } catch (const std::exception& e) {
             return response(RPM_STATUS_ERROR, std::string("Could not recognise ") + file + " - " + e.what());
         } catch (...) {
@@ -115,13 +131,13 @@ RpmVerifyResult VerifyEntry(const char* file, const char* key, RpmReport& report
 
 }  // namespace
 
-RpmVerifyResult rpm_verify_report(const char* file, const char* key, RpmReport& report) {
-    return VerifyEntry(file, key, report, true);
+RpmVerifyResult rpm_verify_report(const char* file, const char* key, RpmReport& report, SigningPolicy policy) {
+    return VerifyEntry(file, key, report, true, policy);
 }
 
-RpmVerifyResult rpm_verify_detailed(const char* file, const char* key, std::string& detail) {
+RpmVerifyResult rpm_verify_detailed(const char* file, const char* key, std::string& detail, SigningPolicy policy) {
     RpmReport report;
-    const RpmVerifyResult result = VerifyEntry(file, key, report, false);
+    const RpmVerifyResult result = VerifyEntry(file, key, report, false, policy);
     detail = std::move(report.detail);
     return result;
 }

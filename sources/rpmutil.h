@@ -5,9 +5,17 @@
 
 #include "signing/signing.h"
 
+// How packages are judged. Classic: the verdicts rpm_verify has always given (the exports keep it).
+// Current: a package is signed exactly when rpm 4.18's rpmkeys --checksig would say "digests
+// signatures OK" with that key file (CurrentVerification.h).
+enum class SigningPolicy { Classic, Current };
+// The policy a name gives ("classic" or "current"); false for any other name.
+bool ParseSigningPolicy(const std::string& name, SigningPolicy& policy);
+
 // rpm_verify, also handing back the signer's own reason (empty when the signer was not reached or
-// gave none). For the module's tools; not exported.
-RpmVerifyResult rpm_verify_detailed(const char* file, const char* key, std::string& detail);
+// gave none), under policy. For the module's tools; not exported.
+RpmVerifyResult rpm_verify_detailed(const char* file, const char* key, std::string& detail,
+                                    SigningPolicy policy = SigningPolicy::Classic);
 
 // The steps of the prerequisite check (not exported).
 

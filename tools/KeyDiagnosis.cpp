@@ -7,6 +7,7 @@
 #include "Base64.h"
 #include "ByteCursor.h"
 #include "Exceptions.h"
+#include "OpenPgpKeyring.h"
 #include "RpmReport.h"
 
 namespace {
@@ -215,7 +216,31 @@ KeyDiagnosis DiagnoseKeyData(const std::string& data) {
     return diagnosis;
 }
 
-KeyDiagnosis DiagnoseKey(const std::string& path) {
+namespace {
+
+// Every key of the file as the current policy reads them: "key ID 0123… (RSA 2048 bits), …".
+KeyDiagnosis DiagnoseKeyring(const std::string& data) {
+    KeyDiagnosis diagnosis;
+    try {
+        const OpenPgpKeyring keys =
+            OpenPgpKeyring::Parse(reinterpret_cast<const unsigned char*>(data.data()), data.size());
+        diagnosis.usable = true;
+        for (const OpenPgpPublicKey& key : keys.Keys()) {
+            if (!diagnosis.text.empty()) diagnosis.text += ", ";
+            diagnosis.text += (key.subkey ? "subkey ID " : "key ID ") + key.keyId + " (" +
+                              OpenPgpAlgorithmName(key.algorithm) + " " + std::to_string(key.bits) + " bits)";
+            if (diagnosis.keyId.empty()) diagnosis.keyId = key.keyId, diagnosis.bits = key.bits;
+        }
+    } catch (const std::exception& e) {
+        diagnosis.reason = "unsupported-key";
+        diagnosis.text = OneLine(e.what());
+    }
+    return diagnosis;
+}
+
+}  // namespace
+
+KeyDiagnosis DiagnoseKey(const std::string& path, SigningPolicy policy) {
     std::string data;
     try {
         const std::vector<char> bytes = rpm_read_key_file(path);
@@ -226,5 +251,5 @@ KeyDiagnosis DiagnoseKey(const std::string& path) {
         diagnosis.text = OneLine(e.what());
         return diagnosis;
     }
-    return DiagnoseKeyData(data);
+    return policy == SigningPolicy::Current ? DiagnoseKeyring(data) : DiagnoseKeyData(data);
 }

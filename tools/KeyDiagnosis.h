@@ -3,6 +3,8 @@
 // reads it, and, when it cannot be used, what kind of key block it is and what to give instead.
 #include <string>
 
+#include "rpmutil.h"
+
 struct KeyDiagnosis {
     bool usable = false;
     std::string keyId;  // usable: the key ID signatures are matched against (16 hexadecimal digits)
@@ -12,8 +14,9 @@ struct KeyDiagnosis {
     std::string hint;    // not usable: what to give instead, when that can be told
 };
 
-// The key in the file at path; a file that cannot be read is "unreadable-key". Never throws.
-KeyDiagnosis DiagnoseKey(const std::string& path);
+// The key in the file at path; a file that cannot be read is "unreadable-key". Never throws. Under
+// the current policy every key of the file is read (text then lists them, for a usable file).
+KeyDiagnosis DiagnoseKey(const std::string& path, SigningPolicy policy = SigningPolicy::Classic);
 // The key block in data (armored or binary). Never throws: whatever the block holds, a block the
 // verifier cannot use gets one line of text and the reason "unsupported-key".
 KeyDiagnosis DiagnoseKeyData(const std::string& data);

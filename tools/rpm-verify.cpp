@@ -37,6 +37,11 @@ const char kHelp[] =
     "\n"
     "Options:\n"
     "  -k, --key=KEY      the publisher's OpenPGP public key file (armored or binary)\n"
+    "      --policy=NAME  how packages are judged: classic (the default: the installer's verdicts\n"
+    "                     as they have always been) or current (a package is signed exactly when\n"
+    "                     rpmkeys --checksig of rpm 4.18 says \"digests signatures OK\" with that\n"
+    "                     key file: header-only signatures covered by the payload digest, EdDSA\n"
+    "                     and subkeys, several keys in the file, packages of any size)\n"
     "  -v, --verbose      list every check of each package, the way rpmkeys -Kv does: header\n"
     "                     SHA1 digest, MD5 digest, header signature and each header-and-payload\n"
     "                     signature (version, algorithms, key ID), each OK, BAD (with the reason)\n"
@@ -73,6 +78,7 @@ const char kHelp[] =
     "  rpm-verify --json --jobs=2 --key publisher.asc *.rpm\n";
 
 struct Options {
+    SigningPolicy policy = SigningPolicy::Classic;
     bool json = false;
     bool verbose = false;
     unsigned int jobs = 1;
@@ -86,17 +92,20 @@ int UsageError(const std::string& text) {
 
 // -1 when the arguments are good, else the exit status to end with.
 int ParseArguments(int argc, char** argv, Options& options) {
-    static const struct option kLong[] = {{"key", required_argument, nullptr, 'k'},
-                                          {"verbose", no_argument, nullptr, 'v'},
-                                          {"json", no_argument, nullptr, 'J'},
-                                          {"jobs", required_argument, nullptr, 'j'},
-                                          {"help", no_argument, nullptr, 'h'},
-                                          {"version", no_argument, nullptr, 'V'},
-                                          {nullptr, 0, nullptr, 0}};
+    static const struct option kLong[] = {
+        {"key", required_argument, nullptr, 'k'},  {"policy", required_argument, nullptr, 'P'},
+        {"verbose", no_argument, nullptr, 'v'},    {"json", no_argument, nullptr, 'J'},
+        {"jobs", required_argument, nullptr, 'j'}, {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},    {nullptr, 0, nullptr, 0}};
     opterr = 0;
     for (int option; (option = getopt_long(argc, argv, ":k:vj:hV", kLong, nullptr)) != -1;) {
         switch (option) {
             case 'k': options.key = optarg; break;
+            case 'P':
+                if (!ParseSigningPolicy(optarg, options.policy)) {
+                    return UsageError(std::string("--policy wants classic or current, not '") + optarg + "'");
+                }
+                break;
             case 'v': options.verbose = true; break;
             case 'J': options.json = true; break;
             case 'j': {
@@ -127,19 +136,21 @@ const char* StateText(RpmCheck::State state) {
     switch (state) {
         case RpmCheck::Ok: return "OK";
         case RpmCheck::Bad: return "BAD";
+        case RpmCheck::NoKey: return "NOKEY";
         default: return "NOTFOUND";
     }
 }
 
 // The stable reason code of a verdict, from how far the verifier got and what it found.
-std::string ReasonOf(const RpmReport& report, const std::string& keyPath, const std::string& keyId) {
+std::string ReasonOf(const RpmReport& report, const std::string& keyPath, const std::string& keyId,
+                     SigningPolicy policy) {
     switch (report.stage) {
         case RpmStage::Unreadable: return "unreadable-file";
         case RpmStage::NotRpm: return "not-rpm";
         case RpmStage::Checked: break;
         default: {
             // The key was read before the first package; if it fails now, it changed since.
-            const KeyDiagnosis key = DiagnoseKey(keyPath);
+            const KeyDiagnosis key = DiagnoseKey(keyPath, policy);
             return key.usable ? "damaged" : key.reason;
         }
     }
@@ -150,9 +161,12 @@ std::string ReasonOf(const RpmReport& report, const std::string& keyPath, const 
         case ResultInvalidHash: return "digest-mismatch";
         case ResultInvalidStructure: return "invalid-structure";
         case ResultInvalidSignature: {
-            // Signed by another key when no signature that failed names the key given.
+            // Signed by another key when no signature that failed names the key given (under the
+            // current policy: when none failed but for want of its key).
             for (const RpmCheck& check : report.checks) {
-                if (check.state == RpmCheck::Bad && check.keyId == keyId) return "bad-signature";
+                if (check.state == RpmCheck::Bad && (policy == SigningPolicy::Current || check.keyId == keyId)) {
+                    return "bad-signature";
+                }
             }
             return "wrong-key";
         }
@@ -161,7 +175,7 @@ std::string ReasonOf(const RpmReport& report, const std::string& keyPath, const 
 }
 
 std::string HintOf(const std::string& reason, const RpmReport& report, const std::string& keyPath,
-                   const std::string& keyId) {
+                   const std::string& keyId, SigningPolicy policy) {
     if (reason == "header-only") {
         return "the package is signed over its header only (what rpmsign --addsign writes by default); the "
                "installer also needs a signature over header and payload: re-sign it with rpmsign --addsign --rpmv3";
@@ -173,7 +187,7 @@ std::string HintOf(const std::string& reason, const RpmReport& report, const std
     if (reason == "wrong-key") {
         std::string signers;
         for (const RpmCheck& check : report.checks) {
-            if (check.state == RpmCheck::Bad && !check.keyId.empty() &&
+            if ((check.state == RpmCheck::Bad || check.state == RpmCheck::NoKey) && !check.keyId.empty() &&
                 signers.find(check.keyId) == std::string::npos) {
                 signers += (signers.empty() ? "" : ", ") + check.keyId;
             }
@@ -181,18 +195,18 @@ std::string HintOf(const std::string& reason, const RpmReport& report, const std
         return "signed with key ID " + signers + ", but the key given is " + keyId +
                ": check it with the publisher's key, or re-sign it with that key";
     }
-    if (reason == "unreadable-key" || reason == "unsupported-key") return DiagnoseKey(keyPath).hint;
+    if (reason == "unreadable-key" || reason == "unsupported-key") return DiagnoseKey(keyPath, policy).hint;
     return "";
 }
 
-json Outcome(const std::string& file, const std::string& keyPath, const std::string& keyId) {
+json Outcome(const std::string& file, const std::string& keyPath, const std::string& keyId, SigningPolicy policy) {
     RpmReport report;
-    const RpmVerifyResult result = rpm_verify_report(file.c_str(), keyPath.c_str(), report);
+    const RpmVerifyResult result = rpm_verify_report(file.c_str(), keyPath.c_str(), report, policy);
     json outcome = {{"file", file}, {"status", static_cast<int>(result.status)}};
     outcome["message"] = result.message != nullptr ? result.message : "";
     // The static text of a failed allocation is not the caller's to free.
     if (result.message != nullptr && std::strcmp(result.message, "Internal error.") != 0) std::free(result.message);
-    const std::string reason = ReasonOf(report, keyPath, keyId);
+    const std::string reason = ReasonOf(report, keyPath, keyId, policy);
     outcome["reason"] = reason;
     if (!report.detail.empty()) outcome["detail"] = report.detail;
     outcome["checks"] = json::array();
@@ -202,7 +216,7 @@ json Outcome(const std::string& file, const std::string& keyPath, const std::str
         if (!check.keyId.empty()) item["keyId"] = check.keyId;
         outcome["checks"].push_back(item);
     }
-    const std::string hint = HintOf(reason, report, keyPath, keyId);
+    const std::string hint = HintOf(reason, report, keyPath, keyId, policy);
     if (!hint.empty()) outcome["hint"] = hint;
     return outcome;
 }
@@ -274,7 +288,7 @@ std::vector<Worker> StartWorkers(const Options& options, const std::string& keyI
             for (const Worker& other : workers) close(other.fd);
             std::vector<std::uint8_t> frames;
             for (size_t i = begin; i < end; ++i)
-                AppendOutcome(frames, Outcome(options.packages[i], options.key, keyId));
+                AppendOutcome(frames, Outcome(options.packages[i], options.key, keyId, options.policy));
             _exit(WriteAll(ends[1], frames.data(), frames.size()) ? 0 : 1);
         }
         if (ends[1] >= 0) close(ends[1]);
@@ -332,7 +346,7 @@ int main(int argc, char** argv) {
     if (early >= 0) return early;
 
     // The key, read once before any package.
-    const KeyDiagnosis key = DiagnoseKey(options.key);
+    const KeyDiagnosis key = DiagnoseKey(options.key, options.policy);
     if (!key.usable) {
         std::fprintf(stderr, "%s: cannot use the key %s: %s%s%s\n", kProgram, options.key.c_str(), key.text.c_str(),
                      key.hint.empty() ? "" : "; hint: ", key.hint.c_str());
@@ -344,7 +358,11 @@ int main(int argc, char** argv) {
         return 2;
     }
     if (options.verbose && !options.json) {
-        std::printf("Key %s: key ID %s, RSA %llu bits\n", options.key.c_str(), key.keyId.c_str(), key.bits);
+        if (options.policy == SigningPolicy::Current) {
+            std::printf("Key %s: %s\n", options.key.c_str(), key.text.c_str());
+        } else {
+            std::printf("Key %s: key ID %s, RSA %llu bits\n", options.key.c_str(), key.keyId.c_str(), key.bits);
+        }
     }
 
     const std::vector<Worker> workers = options.jobs > 1 ? StartWorkers(options, key.keyId) : std::vector<Worker>();
@@ -355,7 +373,7 @@ int main(int argc, char** argv) {
         if (next < workers.size() && i >= workers[next].begin) worker = &workers[next++];
         json outcome;
         if (worker == nullptr || worker->fd < 0) {
-            outcome = Outcome(options.packages[i], options.key, key.keyId);
+            outcome = Outcome(options.packages[i], options.key, key.keyId, options.policy);
         } else if (!ReceiveOutcome(worker->fd, outcome)) {
             outcome = {{"file", options.packages[i]},
                        {"status", 5},

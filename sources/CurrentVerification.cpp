@@ -1,0 +1,605 @@
+#include "CurrentVerification.h"
+
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <memory>
+
+#include "ByteCursor.h"
+#include "Exceptions.h"
+#include "FileHelper.h"
+#include "OpenPgpKeyring.h"
+#include "OpenSslHandles.h"
+#include "ProcessingResult.h"
+#include "RpmPackage.h"
+
+namespace {
+
+// Signature header tags.
+const uint32_t kRegionTag = 62;
+const uint32_t kDsaHeader = 267;
+const uint32_t kRsaHeader = 268;
+const uint32_t kSha1 = 269;
+const uint32_t kSha256 = 273;
+const uint32_t kOpenPgp = 278;
+const uint32_t kSha3256 = 279;
+const uint32_t kPgp = 1002;
+const uint32_t kMd5 = 1004;
+const uint32_t kGpg = 1005;
+// Main header tags.
+const uint32_t kPayloadDigest = 5092;
+const uint32_t kPayloadDigestAlgorithm = 5093;
+const uint32_t kPayloadSha512 = 5121;
+const uint32_t kPayloadSha3256 = 5123;
+const uint32_t kRpmFormat = 5114;
+
+// OpenPGP hash ids, which rpm also uses for its digests.
+const unsigned int kHashSha1 = 2;
+const unsigned int kHashSha256 = 8;
+const unsigned int kHashSha512 = 10;
+const unsigned int kHashSha3256 = 12;
+
+const uint32_t kBlockSize = 64 * 1024;
+
+// A package file opened for reading at 64-bit positions.
+class PackageFile {
+public:
+    explicit PackageFile(const std::string& path) : path_(path) {
+        descriptor_ = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+        struct stat status;
+        if (descriptor_ < 0 || fstat(descriptor_, &status) != 0) {
+            throw FileIoException("Cannot open file " + path + ": " + SystemErrorText(errno));
+        }
+        if (!S_ISREG(status.st_mode)) throw FileIoException("Cannot read " + path + ": it is not a regular file");
+        size_ = static_cast<uint64_t>(status.st_size);
+    }
+    ~PackageFile() {
+        if (descriptor_ >= 0) close(descriptor_);
+    }
+    PackageFile(const PackageFile&) = delete;
+    PackageFile& operator=(const PackageFile&) = delete;
+
+    uint64_t Size() const { return size_; }
+    // Up to size bytes at position; fewer only at the end of the file.
+    size_t Read(void* data, size_t size, uint64_t position) const {
+        size_t done = 0;
+        while (done < size) {
+            const ssize_t count =
+                pread(descriptor_, static_cast<char*>(data) + done, size - done, static_cast<off_t>(position + done));
+            if (count < 0 && errno == EINTR) continue;
+            if (count < 0) throw FileIoException("Cannot read file " + path_ + ": " + SystemErrorText(errno));
+            if (count == 0) break;
+            done += static_cast<size_t>(count);
+        }
+        return done;
+    }
+    void ReadExactly(void* data, size_t size, uint64_t position, const char* what) const {
+        if (Read(data, size, position) != size)
+            throw InvalidFileStructureException(std::string(what) + " is cut short");
+    }
+
+private:
+    std::string path_;
+    int descriptor_ = -1;
+    uint64_t size_ = 0;
+};
+
+struct Entry {
+    uint32_t tag, type, offset, count;
+};
+
+// A header structure: its index entries and where its store begins in the file.
+struct HeaderIndex {
+    uint64_t start = 0;  // of the 16-byte structure header
+    uint32_t count = 0, dataSize = 0;
+    std::vector<Entry> entries;
+    uint64_t StoreStart() const { return start + 16 + 16ull * count; }
+    uint64_t End() const { return StoreStart() + dataSize; }
+    const Entry* Find(uint32_t tag) const {
+        for (const Entry& entry : entries) {
+            if (entry.tag == tag) return &entry;
+        }
+        return nullptr;
+    }
+};
+
+HeaderIndex ReadHeaderIndex(const PackageFile& file, uint64_t start, const HeaderBounds& bounds, const char* name) {
+    unsigned char intro[16];
+    file.ReadExactly(intro, sizeof intro, start, name);
+    static const unsigned char kMagic[4] = {0x8E, 0xAD, 0xE8, 0x01};
+    if (std::memcmp(intro, kMagic, 4) != 0) {
+        throw InvalidFileStructureException(std::string(name) + ": RPM header magic number is not found.");
+    }
+    ByteCursor counts(intro + 8, 8, name);
+    HeaderIndex index;
+    index.start = start;
+    index.count = counts.ReadUInt32();
+    index.dataSize = counts.ReadUInt32();
+    if (index.count > bounds.maxEntries || index.dataSize > bounds.maxDataSize) {
+        throw InvalidFileStructureException(std::string(name) + ": " + std::to_string(index.count) +
+                                            " index entries and " + std::to_string(index.dataSize) +
+                                            " bytes of data exceed what an RPM header may hold");
+    }
+    if (index.End() > file.Size()) {
+        throw InvalidFileStructureException(std::string(name) + ": " + std::to_string(index.count) +
+                                            " index entries and " + std::to_string(index.dataSize) +
+                                            " bytes of data do not fit in the file of " + std::to_string(file.Size()) +
+                                            " bytes");
+    }
+    std::vector<unsigned char> bytes(16ull * index.count);
+    file.ReadExactly(bytes.data(), bytes.size(), start + 16, name);
+    ByteCursor cursor(bytes.data(), bytes.size(), name);
+    for (uint32_t i = 0; i < index.count; ++i) {
+        Entry entry{};
+        entry.tag = cursor.ReadUInt32();
+        entry.type = cursor.ReadUInt32();
+        entry.offset = cursor.ReadUInt32();
+        entry.count = cursor.ReadUInt32();
+        index.entries.push_back(entry);
+    }
+    return index;
+}
+
+std::string TagName(uint32_t tag) {
+    return "RPM tag " + std::to_string(tag);
+}
+
+// The signature header, read whole (it is bounded to 64 MiB), with its values looked up by tag.
+class SignatureStore {
+public:
+    SignatureStore(const PackageFile& file, const HeaderIndex& index) : index_(index), store_(index.dataSize) {
+        file.ReadExactly(store_.data(), store_.size(), index.StoreStart(), "Signature section");
+        if (index.entries.empty() || index.entries.front().tag != kRegionTag) {
+            throw DataFormatException("RPM signature is expected to be the first header");
+        }
+    }
+    // The bytes of a binary entry (its count of them).
+    ByteCursor Binary(const Entry& entry) const {
+        ByteCursor store(store_.data(), store_.size(), "RPM signature store");
+        if (!store.HasAt(entry.offset, entry.count)) {
+            throw DataFormatException(TagName(entry.tag) + ": the value lies outside the store");
+        }
+        store.Skip(entry.offset);
+        return store.Take(entry.count);
+    }
+    // The count NUL-terminated strings of a string or string-array entry.
+    std::vector<std::string> Strings(const Entry& entry) const {
+        std::vector<std::string> strings;
+        ByteCursor store(store_.data(), store_.size(), "RPM signature store");
+        if (!store.Has(entry.offset))
+            throw DataFormatException(TagName(entry.tag) + ": the value lies outside the store");
+        store.Skip(entry.offset);
+        const uint32_t count = entry.type == 6 ? 1 : entry.count;
+        for (uint32_t i = 0; i < count; ++i) {
+            const void* end = std::memchr(store.Here(), '\0', static_cast<size_t>(store.Remaining()));
+            if (end == nullptr)
+                throw DataFormatException(TagName(entry.tag) + ": the text is not terminated in the store");
+            const size_t length = static_cast<size_t>(static_cast<const unsigned char*>(end) - store.Here());
+            strings.emplace_back(reinterpret_cast<const char*>(store.Here()), length);
+            store.Skip(length + 1);
+        }
+        return strings;
+    }
+    const HeaderIndex& Index() const { return index_; }
+
+private:
+    const HeaderIndex& index_;
+    std::vector<unsigned char> store_;
+};
+
+// The first string of a main-header entry (a hexadecimal digest), read from the file.
+std::string MainString(const PackageFile& file, const HeaderIndex& header, const Entry& entry) {
+    if (entry.offset >= header.dataSize)
+        throw DataFormatException(TagName(entry.tag) + ": the value lies outside the store");
+    char text[257] = {};
+    const size_t length = std::min<uint64_t>(256, header.dataSize - entry.offset);
+    file.ReadExactly(text, length, header.StoreStart() + entry.offset, "Header section");
+    if (std::memchr(text, '\0', length) == nullptr) {
+        throw DataFormatException(TagName(entry.tag) + ": the digest text is not terminated");
+    }
+    return text;
+}
+
+uint32_t MainInt32(const PackageFile& file, const HeaderIndex& header, const Entry& entry) {
+    if (entry.offset > header.dataSize || header.dataSize - entry.offset < 4) {
+        throw DataFormatException(TagName(entry.tag) + ": the value lies outside the store");
+    }
+    unsigned char bytes[4];
+    file.ReadExactly(bytes, 4, header.StoreStart() + entry.offset, "Header section");
+    return (uint32_t(bytes[0]) << 24) | (uint32_t(bytes[1]) << 16) | (uint32_t(bytes[2]) << 8) | bytes[3];
+}
+
+std::vector<unsigned char> Base64Decode(const std::string& text) {
+    std::vector<unsigned char> bytes(text.size() / 4 * 3 + 3);
+    const std::unique_ptr<EVP_ENCODE_CTX, decltype(&EVP_ENCODE_CTX_free)> context(EVP_ENCODE_CTX_new(),
+                                                                                  &EVP_ENCODE_CTX_free);
+    int length = 0, last = 0;
+    EVP_DecodeInit(context.get());
+    if (!context ||
+        EVP_DecodeUpdate(context.get(), bytes.data(), &length, reinterpret_cast<const unsigned char*>(text.data()),
+                         static_cast<int>(text.size())) < 0 ||
+        EVP_DecodeFinal(context.get(), bytes.data() + length, &last) != 1) {
+        throw DataFormatException("RPM tag 278: a signature's Base64 text is damaged");
+    }
+    bytes.resize(static_cast<size_t>(length + last));
+    return bytes;
+}
+
+// A digest in the making, with the OpenPGP id of its algorithm.
+class Hash {
+public:
+    explicit Hash(unsigned int id) : context_(EVP_MD_CTX_new()) {
+        const EVP_MD* md = id == 1 ? EVP_md5() : OpenPgpDigest(id);
+        if (md == nullptr || !context_ || EVP_DigestInit_ex(context_.get(), md, nullptr) != 1) {
+            throw NotSupportedException("The hash algorithm " + OpenPgpHashName(id) + " is not supported");
+        }
+    }
+    void Update(const void* data, size_t size) { EVP_DigestUpdate(context_.get(), data, size); }
+    const EVP_MD_CTX* Context() const { return context_.get(); }
+    // The value of a copy, in lower-case hexadecimal.
+    std::string HexValue() const {
+        const EvpMdCtxHandle copy(EVP_MD_CTX_new());
+        unsigned char value[EVP_MAX_MD_SIZE];
+        unsigned int length = 0;
+        if (!copy || EVP_MD_CTX_copy_ex(copy.get(), context_.get()) != 1 ||
+            EVP_DigestFinal_ex(copy.get(), value, &length) != 1) {
+            throw InternalErrorException("A digest could not be finished");
+        }
+        static const char kDigits[] = "0123456789abcdef";
+        std::string text;
+        for (unsigned int i = 0; i < length; ++i) {
+            text += kDigits[value[i] >> 4];
+            text += kDigits[value[i] & 0x0F];
+        }
+        return text;
+    }
+
+private:
+    EvpMdCtxHandle context_;
+};
+
+// Digests by OpenPGP id, one per algorithm.
+using Hashes = std::map<unsigned int, std::unique_ptr<Hash>>;
+
+void Want(Hashes& hashes, unsigned int id) {
+    if (hashes.count(id) == 0 && (id == 1 || OpenPgpDigest(id) != nullptr)) hashes[id] = std::make_unique<Hash>(id);
+}
+
+std::string Lower(std::string text) {
+    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+// A signature read from the signature header: the packet, or why it could not be read.
+struct SignatureEntry {
+    uint32_t tag;
+    bool header;  // over the main header (267, 268, 278), else over header and payload
+    OpenPgpSignature packet;
+    std::string unreadable;
+};
+
+std::string SignatureLabel(const SignatureEntry& signature) {
+    std::string label = signature.header ? "Header " : "";
+    if (!signature.unreadable.empty()) return label + "signature (tag " + std::to_string(signature.tag) + ")";
+    const std::string shortId = Lower(signature.packet.issuer.size() == 16 ? signature.packet.issuer.substr(8) : "");
+    return label + "V" + std::to_string(signature.packet.version) + " " +
+           OpenPgpAlgorithmName(signature.packet.publicKeyAlgorithm) + "/" +
+           OpenPgpHashName(signature.packet.hashAlgorithm) + " Signature, key ID " + shortId;
+}
+
+// The verdict as it builds up: the first failure decides it and its message.
+class Verdict {
+public:
+    Verdict(std::string& message, std::vector<RpmCheck>* checks) : message_(message), checks_(checks) {}
+    void Fail(int result, const std::string& text) {
+        if (decided_) return;
+        result_ = result;
+        message_ = text;
+        decided_ = true;
+    }
+    void Record(RpmCheck::Kind kind, RpmCheck::State state, const std::string& label, const std::string& reason,
+                const std::string& keyId) {
+        if (checks_ != nullptr) checks_->push_back(RpmCheck{kind, state, label, reason, keyId});
+    }
+    bool Decided() const { return decided_; }
+    int Result() const { return decided_ ? result_ : ResultSigned; }
+
+private:
+    std::string& message_;
+    std::vector<RpmCheck>* checks_;
+    int result_ = ResultSigned;
+    bool decided_ = false;
+};
+
+class CurrentVerification {
+public:
+    CurrentVerification(const std::string& path, const std::string& keyFile) : file_(path), keyFile_(keyFile) {}
+
+    int Run(std::string& message, std::vector<RpmCheck>* checks) {
+        ReadLead();
+        const HeaderIndex signatureIndex =
+            ReadHeaderIndex(file_, PackageReader::LeadSize, kSignatureHeaderBounds, "Signature section");
+        const SignatureStore signatures(file_, signatureIndex);
+        const uint64_t mainStart = (signatureIndex.End() + 7) & ~uint64_t(7);
+        const HeaderIndex main = ReadHeaderIndex(file_, mainStart, kMainHeaderBounds, "Header section");
+        ReadSignatureHeader(signatures);
+        ReadMainHeader(main);
+        Digest(main);
+        Verdict verdict(message, checks);
+        CheckSignatures(verdict, true);
+        CheckDigests(verdict);
+        CheckSignatures(verdict, false);
+        if (!verdict.Decided()) CheckCoverage(verdict);
+        return verdict.Result();
+    }
+
+private:
+    void ReadLead() const {
+        unsigned char lead[PackageReader::LeadSize];
+        if (file_.Size() <= PackageReader::LeadSize)
+            throw InvalidFileStructureException("File is too small to have RPM format");
+        file_.ReadExactly(lead, sizeof lead, 0, "RPM lead");
+        static const unsigned char kLeadMagic[4] = {0xED, 0xAB, 0xEE, 0xDB};
+        if (std::memcmp(lead, kLeadMagic, 4) != 0)
+            throw InvalidFileStructureException("The file is not an RPM package");
+        if (lead[78] != 0 || lead[79] != 5) throw InvalidFileStructureException("Unsupported signature type");
+    }
+
+    void ReadSignatureHeader(const SignatureStore& store) {
+        for (const Entry& entry : store.Index().entries) {
+            switch (entry.tag) {
+                case kDsaHeader:
+                case kRsaHeader:
+                case kPgp:
+                case kGpg: {
+                    const ByteCursor value = store.Binary(entry);
+                    AddSignature(entry.tag, entry.tag == kDsaHeader || entry.tag == kRsaHeader, value.Here(),
+                                 value.Size());
+                    break;
+                }
+                case kOpenPgp:
+                    for (const std::string& text : store.Strings(entry)) {
+                        std::vector<unsigned char> bytes;
+                        std::string unreadable;
+                        try {
+                            bytes = Base64Decode(text);
+                        } catch (const DataFormatException& e) {
+                            unreadable = e.what();
+                        }
+                        AddSignature(entry.tag, true, bytes.data(), bytes.size());
+                        if (!unreadable.empty()) signatures_.back().unreadable = unreadable;
+                    }
+                    break;
+                case kSha1: headerDigests_[kHashSha1] = Lower(store.Strings(entry).front()); break;
+                case kSha256: headerDigests_[kHashSha256] = Lower(store.Strings(entry).front()); break;
+                case kSha3256: headerDigests_[kHashSha3256] = Lower(store.Strings(entry).front()); break;
+                case kMd5: {
+                    if (entry.count != 16) throw DataFormatException("RPM tag 1004: an MD5 digest takes 16 bytes");
+                    const ByteCursor value = store.Binary(entry);
+                    static const char kDigits[] = "0123456789abcdef";
+                    for (uint64_t i = 0; i < value.Size(); ++i) {
+                        md5_ += kDigits[value.Here()[i] >> 4];
+                        md5_ += kDigits[value.Here()[i] & 0x0F];
+                    }
+                    break;
+                }
+                default:
+                    // rpm 6 packages hold no tag above 999 in their signature header.
+                    if (entry.tag > 999) laterTags_ = true;
+                    break;
+            }
+        }
+        // rpm reads tags 267 and 268 only when tag 278 holds no signature.
+        bool openPgp = false;
+        for (const SignatureEntry& signature : signatures_) openPgp = openPgp || signature.tag == kOpenPgp;
+        if (openPgp) {
+            std::vector<SignatureEntry> kept;
+            for (SignatureEntry& signature : signatures_) {
+                if (signature.tag != kDsaHeader && signature.tag != kRsaHeader) kept.push_back(std::move(signature));
+            }
+            signatures_ = std::move(kept);
+        }
+    }
+
+    void AddSignature(uint32_t tag, bool header, const unsigned char* data, uint64_t size) {
+        SignatureEntry signature{tag, header, OpenPgpSignature(), ""};
+        try {
+            signature.packet = OpenPgpSignature::Parse(data, size);
+        } catch (const DataFormatException& e) {
+            signature.unreadable = e.what();
+        }
+        signatures_.push_back(std::move(signature));
+    }
+
+    void ReadMainHeader(const HeaderIndex& main) {
+        if (const Entry* entry = main.Find(kPayloadDigest)) {
+            const Entry* algorithm = main.Find(kPayloadDigestAlgorithm);
+            const unsigned int id = algorithm != nullptr ? MainInt32(file_, main, *algorithm) : kHashSha256;
+            payloadDigests_.push_back(
+                {id, Lower(MainString(file_, main, *entry)), "Payload " + OpenPgpHashName(id) + " digest"});
+        }
+        if (const Entry* entry = main.Find(kPayloadSha512)) {
+            payloadDigests_.push_back({kHashSha512, Lower(MainString(file_, main, *entry)), "Payload SHA512 digest"});
+        }
+        if (const Entry* entry = main.Find(kPayloadSha3256)) {
+            payloadDigests_.push_back(
+                {kHashSha3256, Lower(MainString(file_, main, *entry)), "Payload SHA3-256 digest"});
+        }
+        if (const Entry* entry = main.Find(kRpmFormat)) version6_ = MainInt32(file_, main, *entry) >= 6;
+    }
+
+    // One pass over the main header and the payload in blocks: the header digests and the header
+    // signatures' hashes over the main header, MD5 and the package signatures' hashes over header and
+    // payload, the payload digests over what follows the main header.
+    void Digest(const HeaderIndex& main) {
+        for (const auto& digest : headerDigests_) Want(headerHashes_, digest.first);
+        if (!md5_.empty()) Want(packageHashes_, 1);
+        for (const PayloadDigest& digest : payloadDigests_) Want(payloadHashes_, digest.id);
+        for (const SignatureEntry& signature : signatures_) {
+            if (signature.unreadable.empty()) {
+                Want(signature.header ? headerHashes_ : packageHashes_, signature.packet.hashAlgorithm);
+            }
+        }
+        std::vector<char> block(kBlockSize);
+        for (uint64_t position = main.start; position < file_.Size();) {
+            const size_t count = file_.Read(block.data(), kBlockSize, position);
+            if (count == 0) break;
+            const uint64_t end = position + count;
+            const size_t inHeader =
+                position < main.End() ? static_cast<size_t>(std::min(end, main.End()) - position) : 0;
+            for (auto& hash : headerHashes_) hash.second->Update(block.data(), inHeader);
+            for (auto& hash : packageHashes_) hash.second->Update(block.data(), count);
+            for (auto& hash : payloadHashes_) hash.second->Update(block.data() + inHeader, count - inHeader);
+            position = end;
+        }
+        payloadLength_ = file_.Size() > main.End() ? file_.Size() - main.End() : 0;
+    }
+
+    const OpenPgpKeyring& Keys() {
+        if (!keysRead_) {
+            keysRead_ = true;
+            try {
+                keys_ = std::make_unique<OpenPgpKeyring>(OpenPgpKeyring::ReadFile(keyFile_));
+            } catch (...) {
+                keyError_ = std::current_exception();
+            }
+        }
+        if (keyError_) std::rethrow_exception(keyError_);
+        return *keys_;
+    }
+
+    void CheckSignatures(Verdict& verdict, bool header) {
+        bool any = false, anyGood = false, openPgp = false;
+        std::string firstFailure;
+        for (const SignatureEntry& signature : signatures_) {
+            if (signature.header != header) continue;
+            any = true;
+            openPgp = openPgp || signature.tag == kOpenPgp;
+            const RpmCheck::Kind kind = header ? RpmCheck::HeaderSignature : RpmCheck::PackageSignature;
+            std::string reason = signature.unreadable;
+            SignatureVerdict result = SignatureVerdict::Bad;
+            if (reason.empty()) {
+                const auto hash = (header ? headerHashes_ : packageHashes_).find(signature.packet.hashAlgorithm);
+                if (hash == (header ? headerHashes_ : packageHashes_).end()) {
+                    reason =
+                        "the hash algorithm " + OpenPgpHashName(signature.packet.hashAlgorithm) + " is not supported";
+                } else {
+                    result = VerifyOpenPgpSignature(signature.packet, hash->second->Context(), Keys(), reason);
+                }
+            }
+            const RpmCheck::State state = result == SignatureVerdict::Ok      ? RpmCheck::Ok
+                                          : result == SignatureVerdict::NoKey ? RpmCheck::NoKey
+                                                                              : RpmCheck::Bad;
+            verdict.Record(kind, state, SignatureLabel(signature), result == SignatureVerdict::Ok ? "" : reason,
+                           signature.packet.issuer);
+            anyGood = anyGood || result == SignatureVerdict::Ok;
+            if (result != SignatureVerdict::Ok && firstFailure.empty()) firstFailure = reason;
+        }
+        if (header) headerSigned_ = any && (openPgp ? anyGood : firstFailure.empty());
+        if (!header) packageSigned_ = any && firstFailure.empty();
+        // Every signature must verify; of rpm 6's tag 278, any one.
+        const bool failed = any && (openPgp ? !anyGood : !firstFailure.empty());
+        if (failed)
+            pendingSignatureFailure_ = pendingSignatureFailure_.empty() ? firstFailure : pendingSignatureFailure_;
+        if (!header) {
+            if (!any) {
+                verdict.Record(RpmCheck::PackageSignature, RpmCheck::NotFound, "Header and payload signature", "", "");
+            }
+            if (!pendingSignatureFailure_.empty()) deferredFailure_ = true;
+        } else if (!any) {
+            verdict.Record(RpmCheck::HeaderSignature, RpmCheck::NotFound, "Header signature", "", "");
+        }
+    }
+
+    void CheckDigest(Verdict& verdict, RpmCheck::Kind kind, const std::string& label, const std::string& expected,
+                     const std::string& computed) {
+        const bool good = expected == computed;
+        verdict.Record(kind, good ? RpmCheck::Ok : RpmCheck::Bad, label,
+                       good ? "" : "Expected " + expected + " != " + computed, "");
+        if (!good) verdict.Fail(ResultInvalidHash, "Invalid value of " + label);
+    }
+
+    void CheckDigests(Verdict& verdict) {
+        for (const auto& digest : headerDigests_) {
+            const std::string label = "Header " + OpenPgpHashName(digest.first) + " digest";
+            CheckDigest(verdict, digest.first == kHashSha1 ? RpmCheck::HeaderSha1 : RpmCheck::HeaderDigest, label,
+                        digest.second, headerHashes_.at(digest.first)->HexValue());
+        }
+        for (const PayloadDigest& digest : payloadDigests_) {
+            const auto hash = payloadHashes_.find(digest.id);
+            if (hash == payloadHashes_.end()) {
+                verdict.Record(RpmCheck::PayloadDigest, RpmCheck::Bad, digest.label, "the algorithm is not supported",
+                               "");
+                verdict.Fail(ResultInvalidHash, "Unsupported algorithm of the " + digest.label);
+                continue;
+            }
+            CheckDigest(verdict, RpmCheck::PayloadDigest, digest.label, digest.expected, hash->second->HexValue());
+        }
+        if (!md5_.empty()) CheckDigest(verdict, RpmCheck::Md5, "MD5 digest", md5_, packageHashes_.at(1)->HexValue());
+    }
+
+    void CheckCoverage(Verdict& verdict) {
+        if (version6_ && laterTags_) {
+            verdict.Fail(ResultInvalidStructure, "A version 6 package holds signature tags above 999");
+            return;
+        }
+        if (deferredFailure_) {
+            verdict.Fail(ResultInvalidSignature, "PGP signature is not valid: " + pendingSignatureFailure_);
+            return;
+        }
+        if (!headerSigned_ && !packageSigned_) {
+            verdict.Fail(ResultNotSigned, "The package holds no signature");
+            return;
+        }
+        if (payloadLength_ == 0) {
+            verdict.Fail(ResultInvalidHash, "The package has no payload");
+            return;
+        }
+        // A header signature covers the payload through the payload digest that the main header
+        // holds; without one only a signature over header and payload does.
+        if (!packageSigned_ && payloadDigests_.empty()) {
+            verdict.Fail(ResultHeaderOnlySigned,
+                         "The package is signed over its header only, and its header holds no payload digest");
+        }
+    }
+
+    struct PayloadDigest {
+        unsigned int id;
+        std::string expected;
+        std::string label;
+    };
+
+    PackageFile file_;
+    std::string keyFile_;
+    std::unique_ptr<OpenPgpKeyring> keys_;
+    std::exception_ptr keyError_;
+    bool keysRead_ = false;
+    std::vector<SignatureEntry> signatures_;
+    std::map<unsigned int, std::string> headerDigests_;  // expected, by hash id
+    std::string md5_;
+    std::vector<PayloadDigest> payloadDigests_;
+    Hashes headerHashes_, packageHashes_, payloadHashes_;
+    uint64_t payloadLength_ = 0;
+    bool version6_ = false, laterTags_ = false;
+    bool headerSigned_ = false, packageSigned_ = false, deferredFailure_ = false;
+    std::string pendingSignatureFailure_;
+};
+
+}  // namespace
+
+int VerifyPackageCurrent(const std::string& path, const std::string& keyFile, std::string& message,
+                         std::vector<RpmCheck>* checks) {
+    try {
+        CurrentVerification verification(path, keyFile);
+        return verification.Run(message, checks);
+    } catch (const std::exception& e) {
+        message = e.what();
+        return ResultInternalError;
+    }
+}
