@@ -332,6 +332,9 @@ public:
         ReadMainHeader(main);
         Digest(main);
         Verdict verdict(message, checks);
+        if (version6_ && laterTags_) {
+            verdict.Fail(ResultInvalidStructure, "A version 6 package holds signature tags above 999");
+        }
         CheckSignatures(verdict, true);
         CheckDigests(verdict);
         CheckSignatures(verdict, false);
@@ -353,6 +356,8 @@ private:
 
     void ReadSignatureHeader(const SignatureStore& store) {
         for (const Entry& entry : store.Index().entries) {
+            // rpm 6 packages hold no tag above 999 in their signature header.
+            laterTags_ = laterTags_ || entry.tag > 999;
             switch (entry.tag) {
                 case kDsaHeader:
                 case kRsaHeader:
@@ -389,10 +394,7 @@ private:
                     }
                     break;
                 }
-                default:
-                    // rpm 6 packages hold no tag above 999 in their signature header.
-                    if (entry.tag > 999) laterTags_ = true;
-                    break;
+                default: break;
             }
         }
         // rpm reads tags 267 and 268 only when tag 278 holds no signature.
@@ -545,10 +547,6 @@ private:
     }
 
     void CheckCoverage(Verdict& verdict) {
-        if (version6_ && laterTags_) {
-            verdict.Fail(ResultInvalidStructure, "A version 6 package holds signature tags above 999");
-            return;
-        }
         if (deferredFailure_) {
             verdict.Fail(ResultInvalidSignature, "PGP signature is not valid: " + pendingSignatureFailure_);
             return;

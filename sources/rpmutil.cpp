@@ -782,8 +782,23 @@ std::string SelectSigningKey(session_t* session, KeyAcquisition& acquisition) {
 
 namespace {
 
+// The policy the session asks for in "signing_policy": "current", or the classic one (unset, empty or
+// "classic"). Any other value is logged and the classic policy used: it takes no package the
+// current one refuses for its signatures.
+SigningPolicy SessionPolicy(session_t* session) {
+    const std::string name = env_get_string(session, "signing_policy");
+    SigningPolicy policy = SigningPolicy::Classic;
+    if (!name.empty() && !ParseSigningPolicy(name, policy)) {
+        print_log("signing_validate_package_list: unknown signing_policy [%s]: the classic policy is used",
+                  LogText(name).c_str());
+    } else if (policy == SigningPolicy::Current) {
+        print_log("signing_validate_package_list: packages are verified under the current policy");
+    }
+    return policy;
+}
+
 // Verifies the package of every available RPM component; true when all of them passed.
-bool VerifyComponents(session_t* session, const std::string& key) {
+bool VerifyComponents(session_t* session, const std::string& key, SigningPolicy policy) {
     const TSD* data = session_get_tsd(session);
     if (data == nullptr) {
         // Without the session's product data nothing could be verified: that is no pass.
@@ -808,7 +823,8 @@ bool VerifyComponents(session_t* session, const std::string& key) {
                           LogText(component->id()).c_str());
                 continue;
             }
-            RpmVerifyResult result = rpm_verify(path.c_str(), key.c_str());
+            std::string detail;
+            RpmVerifyResult result = rpm_verify_detailed(path.c_str(), key.c_str(), detail, policy);
             print_log("_signing_validate_file: signing validation result %d (0 is success) for %s package [%s]",
                       static_cast<int>(result.status), LogText(path).c_str(), LogText(result.message).c_str());
             if (result.message != kInternalError) {
@@ -831,13 +847,14 @@ int signing_validate_package_list(session_t* session) {
         }
         print_log("signing_validate_package_list: started");
         env_set_string(session, "operation_progress", "0");
+        const SigningPolicy policy = SessionPolicy(session);
         // The acquisition, and the private folder it may have made for the key, ends with the check.
         KeyAcquisition acquisition(_signing_download_limits());
         const std::string key = SelectSigningKey(session, acquisition);
         if (key.empty()) {
             return 1;
         }
-        if (VerifyComponents(session, key)) {
+        if (VerifyComponents(session, key, policy)) {
             print_log("signing_validate_package_list: finished");
             return 0;
         }

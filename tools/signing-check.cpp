@@ -30,6 +30,8 @@ const char kHelp[] =
     "  -m, --module=PATH      the module to load (default: libsigning.so beside this program, else\n"
     "                         the installed module)\n"
     "  -s, --set=KEY=VALUE    set a session variable after the session file is read (repeatable)\n"
+    "      --policy=NAME      the verification policy, classic (the default) or current: sets the\n"
+    "                         session variable signing_policy, which the module reads\n"
     "      --json             print one JSON object: \"result\" (the check's return value),\n"
     "                         \"components\" (for each component in session order: \"id\",\n"
     "                         \"package\", and \"status\" and \"message\" of its verification as the\n"
@@ -96,6 +98,7 @@ int ParseArguments(int argc, char** argv, Options& options) {
     static const struct option kLong[] = {
         {"module", required_argument, nullptr, 'm'}, {"set", required_argument, nullptr, 's'},
         {"json", no_argument, nullptr, 'J'},         {"help", no_argument, nullptr, 'h'},
+        {"policy", required_argument, nullptr, 'P'},
         {"version", no_argument, nullptr, 'V'},      {nullptr, 0, nullptr, 0}};
     opterr = 0;
     for (int option; (option = getopt_long(argc, argv, ":m:s:hV", kLong, nullptr)) != -1;) {
@@ -110,6 +113,14 @@ int ParseArguments(int argc, char** argv, Options& options) {
                 break;
             }
             case 'J': options.json = true; break;
+            case 'P': {
+                const std::string policy = optarg;
+                if (policy != "classic" && policy != "current") {
+                    return UsageError("--policy wants classic or current, not '" + policy + "'");
+                }
+                options.settings.emplace_back("signing_policy", policy);
+                break;
+            }
             case 'h': std::fputs(kHelp, stdout); return 0;
             case 'V': return cli::PrintVersion(kProgram);
             default: return cli::OptionError(kProgram, option, argv);

@@ -1,0 +1,190 @@
+// The current policy against rpmkeys --checksig (rpm 4.18) on packages signed the ways people sign
+// today (tests/data/current, made by scripts/make-current-fixtures: header-only and header+payload
+// signatures, SHA-1 to SHA-512, RSA 1024 to 4096, Ed25519, signing subkeys, a certified key, two keys
+// in a file, tampered copies), the classic verdicts on the same packages, which must not move, and
+// rpm 6 packages written byte by byte.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "HostSupport.h"
+#include "OpenPgpKeyring.h"
+#include "RpmWriter.h"
+#include "rpmutil.h"
+
+namespace {
+
+const std::string kCurrent = std::string(SIGNING_TEST_DATA) + "/current/";
+
+// The rows of a table file: its fields, comment lines left out.
+std::vector<std::vector<std::string>> Rows(const std::string& file) {
+    std::vector<std::vector<std::string>> rows;
+    std::ifstream table(kCurrent + file);
+    for (std::string line; std::getline(table, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        std::istringstream fields(line);
+        rows.emplace_back(std::istream_iterator<std::string>(fields), std::istream_iterator<std::string>());
+    }
+    return rows;
+}
+
+int Status(const std::string& package, const std::string& key, SigningPolicy policy, std::string* detail = nullptr) {
+    std::string reason;
+    const RpmVerifyResult result = rpm_verify_detailed(package.c_str(), key.c_str(), reason, policy);
+    free(result.message);
+    if (detail != nullptr) *detail = reason;
+    return result.status;
+}
+
+}  // namespace
+
+// Every pair of packages.txt: "current" accepts exactly what rpmkeys accepted when the fixtures were
+// made, and rpmkeys here still says the same.
+TEST(CurrentPolicy, AcceptsExactlyWhatRpmkeysAccepts) {
+    const bool oracle = Shell("command -v rpmkeys").first == 0;
+    const auto rows = Rows("packages.txt");
+    ASSERT_GE(rows.size(), 70u);
+    for (const auto& row : rows) {
+        const std::string package = kCurrent + row[0], key = kCurrent + row[1];
+        std::string detail;
+        const int status = Status(package, key, SigningPolicy::Current, &detail);
+        EXPECT_EQ(status == 0, row[2] == "OK") << row[0] << " with " << row[1] << ": " << detail;
+        if (!oracle) continue;
+        TempFolder db;
+        const std::string rpmkeys = "rpmkeys --dbpath " + db.Path();
+        Shell(rpmkeys + " --import " + key + " 2>&1");
+        const auto said = Shell(rpmkeys + " --checksig " + package + " 2>&1");
+        const bool ok = said.first == 0 && said.second.find("digests signatures OK") != std::string::npos;
+        EXPECT_EQ(ok, row[2] == "OK") << row[0] << " with " << row[1] << ": rpmkeys said " << said.second;
+    }
+}
+
+// The classic policy keeps the verdicts it gave these packages before the current policy existed.
+TEST(CurrentPolicy, ClassicVerdictsOnTodaysPackagesStay) {
+    const auto rows = Rows("classic.txt");
+    ASSERT_EQ(rows.size(), Rows("packages.txt").size());
+    for (const auto& row : rows) {
+        EXPECT_EQ(Status(kCurrent + row[0], kCurrent + row[1], SigningPolicy::Classic), std::stoi(row[2]))
+            << row[0] << " with " << row[1];
+    }
+}
+
+// The keys of each fixture key file, with key IDs computed from the fingerprints (keys.txt: name,
+// primary key ID, signing key ID); a subkey without a binding signature that verifies is refused.
+TEST(CurrentPolicy, KeyFilesGiveTheirKeysAndBoundSubkeysOnly) {
+    for (const auto& row : Rows("keys.txt")) {
+        const OpenPgpKeyring keys = OpenPgpKeyring::ReadFile(kCurrent + row[0] + ".asc");
+        ASSERT_NE(keys.Find(row[1]), nullptr) << row[0];
+        EXPECT_FALSE(keys.Find(row[1])->subkey) << row[0];
+        ASSERT_NE(keys.Find(row[2]), nullptr) << row[0];
+        EXPECT_EQ(keys.Find(row[2])->primaryId, row[1]) << row[0];
+        EXPECT_TRUE(keys.Refused().empty()) << row[0] << ": " << keys.Refused().front();
+    }
+    const std::string subkeyId = Rows("keys.txt")[5][2];
+    for (const auto& file : std::map<std::string, std::string>{
+             {"subkey-unbound.asc", "it has no binding signature"},
+             {"subkey-badbinding.asc", "its binding signature does not verify"}}) {
+        const OpenPgpKeyring keys = OpenPgpKeyring::ReadFile(kCurrent + file.first);
+        EXPECT_EQ(keys.Keys().size(), 1u) << file.first;
+        EXPECT_EQ(keys.Find(subkeyId), nullptr) << file.first;
+        EXPECT_EQ(keys.Refused(), std::vector<std::string>{"subkey " + subkeyId + ": " + file.second}) << file.first;
+    }
+    EXPECT_EQ(OpenPgpKeyring::ReadFile(kCurrent + "two-keys-one-block.asc").Keys().size(), 2u);
+    EXPECT_EQ(OpenPgpKeyring::ReadFile(kCurrent + "two-keys-two-blocks.asc").Keys().size(), 2u);
+}
+
+namespace {
+
+std::string Hex(const Bytes& bytes) {
+    std::string hex, digits = "0123456789abcdef";
+    for (unsigned char c : bytes) hex += digits[c >> 4], hex += digits[c & 15];
+    return hex;
+}
+
+// An rpm 6 package written byte by byte: tag 278 holds Base64 signatures over the main header, 273
+// and 279 its SHA-256 and SHA3-256, the main header its payload digest (5092, algorithm 5093) and
+// its format (5114 = 6).
+struct Version6 {
+    std::vector<EVP_PKEY*> signers{TestKey(2048)};
+    std::string payload = std::string(5000, 'q');
+    std::string payloadDigestOf = payload;  // what 5092 is the digest of
+    bool tamperSha3 = false;
+    std::vector<rpm::Entry> extra;  // more signature-header entries
+};
+
+Bytes KeyIdOf(EVP_PKEY* key) {
+    const Bytes packet = pgp::PublicKey(key), body(packet.begin() + 3, packet.end());
+    const Bytes fingerprint = HashOf(EVP_sha1(), rpm::Text(pgp::Concat({{0x99}, pgp::Be(body.size(), 2), body})));
+    return Bytes(fingerprint.end() - 8, fingerprint.end());
+}
+
+std::string WriteVersion6(TempFolder& folder, const std::string& name, const Version6& v) {
+    const Bytes digest = HashOf(EVP_sha256(), v.payloadDigestOf), digestText = rpm::BytesOf(Hex(digest) + '\0');
+    const std::string header = rpm::Text(rpm::HeaderStructure(
+        {{1000, 6, rpm::BytesOf("hello")}, {5092, 8, digestText, 1}, {5093, 4, pgp::Be(8, 4)}, {5114, 4, pgp::Be(6, 4)}}));
+    Bytes signatures;
+    for (EVP_PKEY* key : v.signers) {
+        pgp::SignatureOptions options;
+        options.issuer = KeyIdOf(key);
+        const Bytes packet = pgp::SignaturePacket(key, header, options);
+        unsigned int length = 0;
+        std::unique_ptr<char[]> text(
+            Base64::Encode(reinterpret_cast<const char*>(packet.data()), static_cast<unsigned>(packet.size()), length));
+        signatures = pgp::Concat({signatures, rpm::BytesOf(std::string(text.get(), length) + '\0')});
+    }
+    Bytes sha3 = HashOf(EVP_sha3_256(), header);
+    if (v.tamperSha3) sha3[0] ^= 1;
+    std::vector<rpm::Entry> entries = {{62, 7, Bytes(16, 0)},
+                                       {273, 6, rpm::BytesOf(Hex(HashOf(EVP_sha256(), header)))},
+                                       {278, 8, signatures, static_cast<uint32_t>(v.signers.size())},
+                                       {279, 6, rpm::BytesOf(Hex(sha3))}};
+    entries.insert(entries.end(), v.extra.begin(), v.extra.end());
+    Bytes file = pgp::Concat({rpm::Lead(), rpm::HeaderStructure(entries)});
+    file.resize((file.size() + 7) & ~size_t(7), 0);
+    return folder.Write(name, rpm::Text(file) + header + v.payload);
+}
+
+}  // namespace
+
+// rpm 6 packages: any one valid signature of tag 278 counts, every digest must match, tags above 999
+// are not allowed; the classic policy refuses them all.
+TEST(CurrentPolicy, Version6PackagesFromTheWriter) {
+    TempFolder folder;
+    const std::string key = folder.Write("key.asc", pgp::Armor(pgp::Concat({pgp::PublicKey(TestKey(2048)),
+                                                                            pgp::UserId("Test <t@example.com>")})));
+    Version6 good, twoSigners, otherOnly, payload, sha3, later;
+    twoSigners.signers = {TestKey(3072), TestKey(2048)};
+    otherOnly.signers = {TestKey(3072)};
+    payload.payloadDigestOf = std::string(5000, 'r');
+    sha3.tamperSha3 = true;
+    later.extra = {{1004, 7, HashOf(EVP_md5(), "x")}};
+    for (const auto& row : std::vector<std::tuple<std::string, Version6, int>>{{"good", good, 0},
+                                                                               {"two-signers", twoSigners, 0},
+                                                                               {"other-key", otherOnly, 2},
+                                                                               {"payload", payload, 3},
+                                                                               {"sha3", sha3, 3},
+                                                                               {"later-tag", later, 4}}) {
+        const std::string package = WriteVersion6(folder, std::get<0>(row) + ".rpm", std::get<1>(row));
+        std::string detail;
+        EXPECT_EQ(Status(package, key, SigningPolicy::Current, &detail), std::get<2>(row))
+            << std::get<0>(row) << ": " << detail;
+        EXPECT_NE(Status(package, key, SigningPolicy::Classic), 0) << std::get<0>(row);
+    }
+}
+
+// A header signature covers the payload only through the main header's payload digest: a package
+// without one needs a signature over header and payload as well.
+TEST(CurrentPolicy, AHeaderOnlySignatureNeedsAPayloadDigest) {
+    TempFolder folder;
+    const std::string key = folder.Write("key.asc", pgp::Armor(pgp::PublicKey(TestKey(2048))));
+    rpm::PackageOptions headerOnly, both;
+    headerOnly.header.issuer = both.header.issuer = KeyIdOf(TestKey(2048));
+    headerOnly.packages.clear();
+    both.packages = {both.header};
+    std::string detail;
+    EXPECT_EQ(Status(folder.Write("header-only.rpm", rpm::Package(headerOnly)), key, SigningPolicy::Current, &detail),
+              5);
+    EXPECT_EQ(detail, "The package is signed over its header only, and its header holds no payload digest");
+    EXPECT_EQ(Status(folder.Write("both.rpm", rpm::Package(both)), key, SigningPolicy::Current, &detail), 0) << detail;
+}
