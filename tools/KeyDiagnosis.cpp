@@ -170,13 +170,17 @@ void Explain(const KeyBlock& block, KeyDiagnosis& diagnosis) {
             "export the key with GnuPG, which writes the format the verifier reads: gpg --export --armor " + id;
     } else if (block.primaryAlgorithm > 3) {
         kind = "the primary key is " + AlgorithmName(block.primaryAlgorithm) + ", not RSA";
-        diagnosis.hint = "the verifier checks RSA signatures only: sign the packages with an RSA key and give that key";
+        diagnosis.hint =
+            "the installer's classic check verifies RSA signatures only: verify with --policy=current, which "
+            "checks " +
+            AlgorithmName(block.primaryAlgorithm) +
+            " signatures, or sign the packages with an RSA key and give that key";
     } else if (block.signingSubkey) {
         kind = "the key block holds a signing subkey";
-        diagnosis.hint = "sign with the primary key (rpmsign --addsign --rpmv3 --define '_gpg_name " + id +
-                         "!') and give the key without its signing subkey: gpg --export --armor --export-filter "
-                         "drop-subkey='usage =~ s' " +
-                         id;
+        diagnosis.hint =
+            "verify with --policy=current, which checks signatures by bound subkeys, or sign with the "
+            "primary key (rpmsign --addsign --rpmv3 --define '_gpg_name " +
+            id + "!') and give the primary key alone: gpg --export --armor '" + id + "!'";
     } else if (block.primaryAlgorithm >= 0 && !block.hasSignature) {
         kind = "the key block has no signature packet that names its key";
         diagnosis.hint = "export the key with its self-signature: gpg --export --armor " + id;

@@ -3,6 +3,7 @@
 //
 // Exit status: 0 when every package is signed and valid, 1 otherwise, 2 on a usage error or a key
 // that cannot be used.
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -63,9 +64,10 @@ const char kHelp[] =
     "Status (per package): 0 signed, 1 not signed, 2 invalid signature, 3 invalid hash, 4 invalid\n"
     "structure, 5 not an RPM file, unreadable, or an error.\n"
     "\n"
-    "Reasons: signed, not-signed, header-only (signed over the header only), wrong-key (signed by\n"
+    "Reasons: signed, not-signed, header-only (signed over the header only), eddsa-signature\n"
+    "(signed with an EdDSA key, which the classic policy does not read), wrong-key (signed by\n"
     "another key), bad-signature, digest-mismatch, invalid-structure, not-rpm, unreadable-file,\n"
-    "damaged, unreadable-key, unsupported-key.\n"
+    "too-large (2 GiB or more, beyond the classic policy), damaged, unreadable-key, unsupported-key.\n"
     "\n"
     "Exit status:\n"
     "  0  every package is signed and valid\n"
@@ -142,13 +144,19 @@ const char* StateText(RpmCheck::State state) {
 }
 
 // The stable reason code of a verdict, from how far the verifier got and what it found.
-std::string ReasonOf(const RpmReport& report, const std::string& keyPath, const std::string& keyId,
-                     SigningPolicy policy) {
+std::string ReasonOf(const std::string& file, const RpmReport& report, const std::string& keyPath,
+                     const std::string& keyId, SigningPolicy policy) {
     switch (report.stage) {
         case RpmStage::Unreadable: return "unreadable-file";
         case RpmStage::NotRpm: return "not-rpm";
         case RpmStage::Checked: break;
         default: {
+            // The classic check refuses packages of 2 GiB and more (their size does not fit its reader).
+            struct stat status;
+            if (policy == SigningPolicy::Classic && stat(file.c_str(), &status) == 0 &&
+                static_cast<unsigned long long>(status.st_size) >= 0x80000000ull) {
+                return "too-large";
+            }
             // The key was read before the first package; if it fails now, it changed since.
             const KeyDiagnosis key = DiagnoseKey(keyPath, policy);
             return key.usable ? "damaged" : key.reason;
@@ -176,9 +184,23 @@ std::string ReasonOf(const RpmReport& report, const std::string& keyPath, const 
 
 std::string HintOf(const std::string& reason, const RpmReport& report, const std::string& keyPath,
                    const std::string& keyId, SigningPolicy policy) {
-    if (reason == "header-only") {
+    if (reason == "header-only" && policy == SigningPolicy::Classic) {
         return "the package is signed over its header only (what rpmsign --addsign writes by default); the "
-               "installer also needs a signature over header and payload: re-sign it with rpmsign --addsign --rpmv3";
+               "installer's classic check also needs a signature over header and payload: rpmsign --delsign "
+               "PACKAGE, then rpmsign --addsign --rpmv3 PACKAGE (or verify with --policy=current, which takes the "
+               "payload digest of the signed header instead)";
+    }
+    if (reason == "header-only") {
+        return "the package is signed over its header only and its header holds no payload digest: rpmsign "
+               "--delsign PACKAGE, then rpmsign --addsign --rpmv3 PACKAGE";
+    }
+    if (reason == "eddsa-signature") {
+        return "the package is signed with an EdDSA key (tags 267 and 1005), which the installer's classic check "
+               "does not read: verify with --policy=current, or re-sign it with an RSA key: rpmsign --delsign "
+               "PACKAGE, then rpmsign --addsign --rpmv3 --define '_gpg_name RSAKEYID' PACKAGE";
+    }
+    if (reason == "too-large") {
+        return "the installer's classic check reads packages under 2 GiB only: verify it with --policy=current";
     }
     if (reason == "not-signed") return "sign it with rpmsign --addsign --rpmv3";
     if (reason == "digest-mismatch") {
@@ -206,8 +228,8 @@ json Outcome(const std::string& file, const std::string& keyPath, const std::str
     outcome["message"] = result.message != nullptr ? result.message : "";
     // The static text of a failed allocation is not the caller's to free.
     if (result.message != nullptr && std::strcmp(result.message, "Internal error.") != 0) std::free(result.message);
-    const std::string reason = ReasonOf(report, keyPath, keyId, policy);
-    outcome["reason"] = reason;
+    std::string reason = ReasonOf(file, report, keyPath, keyId, policy);
+    outcome["reason"] = reason;  // its place among the keys; a signature the classic check skips may change it
     if (!report.detail.empty()) outcome["detail"] = report.detail;
     outcome["checks"] = json::array();
     for (const RpmCheck& check : report.checks) {
@@ -216,6 +238,26 @@ json Outcome(const std::string& file, const std::string& keyPath, const std::str
         if (!check.keyId.empty()) item["keyId"] = check.keyId;
         outcome["checks"].push_back(item);
     }
+    // The classic check reads RSA signatures only (tags 268 and 1002): the signatures it does not read
+    // are named, as the current policy reads them, so that such a package is not just "not signed".
+    if (policy == SigningPolicy::Classic && report.stage == RpmStage::Checked && report.result != ResultSigned) {
+        RpmReport current;
+        const RpmVerifyResult other = rpm_verify_report(file.c_str(), keyPath.c_str(), current, SigningPolicy::Current);
+        if (other.message != nullptr && std::strcmp(other.message, "Internal error.") != 0) std::free(other.message);
+        for (const RpmCheck& check : current.checks) {
+            const bool signature = check.kind == RpmCheck::HeaderSignature || check.kind == RpmCheck::PackageSignature;
+            if (!signature || check.label.find(" RSA/") != std::string::npos || check.state == RpmCheck::NotFound) {
+                continue;
+            }
+            json item = {{"check", check.label},
+                         {"result", "UNSUPPORTED"},
+                         {"reason", "the classic policy reads RSA signatures only; --policy=current checks this one"}};
+            if (!check.keyId.empty()) item["keyId"] = check.keyId;
+            outcome["checks"].push_back(item);
+            if (reason == "not-signed" && check.label.find(" EdDSA/") != std::string::npos) reason = "eddsa-signature";
+        }
+    }
+    outcome["reason"] = reason;
     const std::string hint = HintOf(reason, report, keyPath, keyId, policy);
     if (!hint.empty()) outcome["hint"] = hint;
     return outcome;

@@ -95,11 +95,13 @@ std::string DefaultModule() {
 
 // -1 when the arguments are good, else the exit status to end with.
 int ParseArguments(int argc, char** argv, Options& options) {
-    static const struct option kLong[] = {
-        {"module", required_argument, nullptr, 'm'}, {"set", required_argument, nullptr, 's'},
-        {"json", no_argument, nullptr, 'J'},         {"help", no_argument, nullptr, 'h'},
-        {"policy", required_argument, nullptr, 'P'},
-        {"version", no_argument, nullptr, 'V'},      {nullptr, 0, nullptr, 0}};
+    static const struct option kLong[] = {{"module", required_argument, nullptr, 'm'},
+                                          {"set", required_argument, nullptr, 's'},
+                                          {"json", no_argument, nullptr, 'J'},
+                                          {"help", no_argument, nullptr, 'h'},
+                                          {"policy", required_argument, nullptr, 'P'},
+                                          {"version", no_argument, nullptr, 'V'},
+                                          {nullptr, 0, nullptr, 0}};
     opterr = 0;
     for (int option; (option = getopt_long(argc, argv, ":m:s:hV", kLong, nullptr)) != -1;) {
         switch (option) {

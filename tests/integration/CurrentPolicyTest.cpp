@@ -82,9 +82,9 @@ TEST(CurrentPolicy, KeyFilesGiveTheirKeysAndBoundSubkeysOnly) {
         EXPECT_TRUE(keys.Refused().empty()) << row[0] << ": " << keys.Refused().front();
     }
     const std::string subkeyId = Rows("keys.txt")[5][2];
-    for (const auto& file : std::map<std::string, std::string>{
-             {"subkey-unbound.asc", "it has no binding signature"},
-             {"subkey-badbinding.asc", "its binding signature does not verify"}}) {
+    for (const auto& file :
+         std::map<std::string, std::string>{{"subkey-unbound.asc", "it has no binding signature"},
+                                            {"subkey-badbinding.asc", "its binding signature does not verify"}}) {
         const OpenPgpKeyring keys = OpenPgpKeyring::ReadFile(kCurrent + file.first);
         EXPECT_EQ(keys.Keys().size(), 1u) << file.first;
         EXPECT_EQ(keys.Find(subkeyId), nullptr) << file.first;
@@ -121,8 +121,10 @@ Bytes KeyIdOf(EVP_PKEY* key) {
 
 std::string WriteVersion6(TempFolder& folder, const std::string& name, const Version6& v) {
     const Bytes digest = HashOf(EVP_sha256(), v.payloadDigestOf), digestText = rpm::BytesOf(Hex(digest) + '\0');
-    const std::string header = rpm::Text(rpm::HeaderStructure(
-        {{1000, 6, rpm::BytesOf("hello")}, {5092, 8, digestText, 1}, {5093, 4, pgp::Be(8, 4)}, {5114, 4, pgp::Be(6, 4)}}));
+    const std::string header = rpm::Text(rpm::HeaderStructure({{1000, 6, rpm::BytesOf("hello")},
+                                                               {5092, 8, digestText, 1},
+                                                               {5093, 4, pgp::Be(8, 4)},
+                                                               {5114, 4, pgp::Be(6, 4)}}));
     Bytes signatures;
     for (EVP_PKEY* key : v.signers) {
         pgp::SignatureOptions options;
@@ -151,8 +153,8 @@ std::string WriteVersion6(TempFolder& folder, const std::string& name, const Ver
 // are not allowed; the classic policy refuses them all.
 TEST(CurrentPolicy, Version6PackagesFromTheWriter) {
     TempFolder folder;
-    const std::string key = folder.Write("key.asc", pgp::Armor(pgp::Concat({pgp::PublicKey(TestKey(2048)),
-                                                                            pgp::UserId("Test <t@example.com>")})));
+    const std::string key = folder.Write(
+        "key.asc", pgp::Armor(pgp::Concat({pgp::PublicKey(TestKey(2048)), pgp::UserId("Test <t@example.com>")})));
     Version6 good, twoSigners, otherOnly, payload, sha3, later;
     twoSigners.signers = {TestKey(3072), TestKey(2048)};
     otherOnly.signers = {TestKey(3072)};

@@ -84,5 +84,5 @@ TEST(Commands, OutputAndExitStatusOfEachCase) {
         }
         check();
     }
-    EXPECT_EQ(count, 29 + 39);
+    EXPECT_EQ(count, 32 + 39);
 }
