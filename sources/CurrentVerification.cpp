@@ -186,6 +186,12 @@ public:
         }
         return strings;
     }
+    // The first string of a digest entry.
+    std::string Text(const Entry& entry) const {
+        const std::vector<std::string> strings = Strings(entry);
+        if (strings.empty()) throw DataFormatException(TagName(entry.tag) + ": the entry holds no text");
+        return strings.front();
+    }
     const HeaderIndex& Index() const { return index_; }
 
 private:
@@ -381,9 +387,9 @@ private:
                         if (!unreadable.empty()) signatures_.back().unreadable = unreadable;
                     }
                     break;
-                case kSha1: headerDigests_[kHashSha1] = Lower(store.Strings(entry).front()); break;
-                case kSha256: headerDigests_[kHashSha256] = Lower(store.Strings(entry).front()); break;
-                case kSha3256: headerDigests_[kHashSha3256] = Lower(store.Strings(entry).front()); break;
+                case kSha1: headerDigests_[kHashSha1] = Lower(store.Text(entry)); break;
+                case kSha256: headerDigests_[kHashSha256] = Lower(store.Text(entry)); break;
+                case kSha3256: headerDigests_[kHashSha3256] = Lower(store.Text(entry)); break;
                 case kMd5: {
                     if (entry.count != 16) throw DataFormatException("RPM tag 1004: an MD5 digest takes 16 bytes");
                     const ByteCursor value = store.Binary(entry);

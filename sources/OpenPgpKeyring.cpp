@@ -155,10 +155,10 @@ bool ReadPublicKey(const ByteCursor& packet, bool subkey, OpenPgpPublicKey& key,
     if (key.algorithm >= 1 && key.algorithm <= 3) {
         const ByteCursor modulus = ReadMpi(body), exponent = ReadMpi(body);
         key.bits = static_cast<unsigned int>(modulus.Size() * 8);
-        if (modulus.Size() > 0) {
-            for (unsigned char top = modulus.Here()[0]; (top & 0x80) == 0; top = static_cast<unsigned char>(top << 1)) {
-                --key.bits;
-            }
+        // Less the leading zero bits of the first octet (all eight of a zero octet).
+        for (unsigned char top = modulus.Size() > 0 ? modulus.Here()[0] : 0x80, bit = 0; bit < 8 && (top & 0x80) == 0;
+             ++bit, top = static_cast<unsigned char>(top << 1)) {
+            --key.bits;
         }
         key.key = RsaKey(modulus, exponent);
     } else if (key.algorithm == 22) {

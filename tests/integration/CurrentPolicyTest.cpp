@@ -155,18 +155,20 @@ TEST(CurrentPolicy, Version6PackagesFromTheWriter) {
     TempFolder folder;
     const std::string key = folder.Write(
         "key.asc", pgp::Armor(pgp::Concat({pgp::PublicKey(TestKey(2048)), pgp::UserId("Test <t@example.com>")})));
-    Version6 good, twoSigners, otherOnly, payload, sha3, later;
+    Version6 good, twoSigners, otherOnly, payload, sha3, later, rsaTagToo;
     twoSigners.signers = {TestKey(3072), TestKey(2048)};
     otherOnly.signers = {TestKey(3072)};
     payload.payloadDigestOf = std::string(5000, 'r');
     sha3.tamperSha3 = true;
     later.extra = {{1004, 7, HashOf(EVP_md5(), "x")}};
+    rsaTagToo.extra = {{268, 7, pgp::SignaturePacket(TestKey(3072), "not the header")}};  // not read beside 278
     for (const auto& row : std::vector<std::tuple<std::string, Version6, int>>{{"good", good, 0},
                                                                                {"two-signers", twoSigners, 0},
                                                                                {"other-key", otherOnly, 2},
                                                                                {"payload", payload, 3},
                                                                                {"sha3", sha3, 3},
-                                                                               {"later-tag", later, 4}}) {
+                                                                               {"later-tag", later, 4},
+                                                                               {"268-beside-278", rsaTagToo, 0}}) {
         const std::string package = WriteVersion6(folder, std::get<0>(row) + ".rpm", std::get<1>(row));
         std::string detail;
         EXPECT_EQ(Status(package, key, SigningPolicy::Current, &detail), std::get<2>(row))

@@ -84,5 +84,5 @@ TEST(Commands, OutputAndExitStatusOfEachCase) {
         }
         check();
     }
-    EXPECT_EQ(count, 32 + 39);
+    EXPECT_EQ(count, 33 + 39);
 }
