@@ -233,7 +233,7 @@ std::vector<unsigned char> Base64Decode(const std::string& text) {
         EVP_DecodeFinal(context.get(), bytes.data() + length, &last) != 1) {
         throw DataFormatException("RPM tag 278: a signature's Base64 text is damaged");
     }
-    bytes.resize(static_cast<size_t>(length + last));
+    bytes.resize(static_cast<size_t>(length) + static_cast<size_t>(last));
     return bytes;
 }
 

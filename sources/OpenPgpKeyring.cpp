@@ -304,7 +304,7 @@ std::vector<unsigned char> DecodeArmor(const std::string& block) {
         EVP_DecodeFinal(context.get(), decoded.data() + length, &last) != 1) {
         throw DataFormatException("The armor's Base64 text is damaged");
     }
-    decoded.resize(static_cast<size_t>(length + last));
+    decoded.resize(static_cast<size_t>(length) + static_cast<size_t>(last));
     if (!checksum.empty()) {
         unsigned char crc[4] = {};
         if (checksum.size() != 4 ||
