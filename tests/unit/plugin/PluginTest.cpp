@@ -301,3 +301,24 @@ TEST(PrerequisiteCheck, SessionValuesCannotAddLogLines) {
                          "' is not verified because it is not available",
                      Result(0, "signed-sha256.rpm", " is signed."), "signing_validate_package_list: finished"}));
 }
+
+// The session's "signing_policy": "current" takes a header-only package (its payload digest is
+// signed), classic (unset, empty, "classic", or any other value, which is logged) refuses it.
+TEST(PrerequisiteCheck, TheSessionChoosesThePolicy) {
+    for (const auto& row : std::vector<std::pair<std::string, int>>{
+             {"", 1}, {"classic", 1}, {"current", 0}, {"Current", 1}, {"current\n", 1}}) {
+        ScopedSession session;
+        session["signature"] = kKey;
+        session["signing_policy"] = row.first;
+        AddPackages(session, {{"header-only.rpm", "rpm"}});
+        EXPECT_EQ(signing_validate_package_list(session.get()), row.second) << row.first;
+        const std::string unknown = "signing_validate_package_list: unknown signing_policy [" +
+                                    LogText(row.first) + "]: the classic policy is used";
+        EXPECT_EQ(std::count(session->log.begin(), session->log.end(), unknown),
+                  row.first == "Current" || row.first == "current\n" ? 1 : 0)
+            << row.first;
+        EXPECT_EQ(session->log[1] == "signing_validate_package_list: packages are verified under the current policy",
+                  row.first == "current")
+            << row.first;
+    }
+}
