@@ -204,7 +204,7 @@ std::string MainString(const PackageFile& file, const HeaderIndex& header, const
     if (entry.offset >= header.dataSize)
         throw DataFormatException(TagName(entry.tag) + ": the value lies outside the store");
     char text[257] = {};
-    const size_t length = std::min<uint64_t>(256, header.dataSize - entry.offset);
+    const auto length = static_cast<size_t>(std::min<uint32_t>(256, header.dataSize - entry.offset));
     file.ReadExactly(text, length, header.StoreStart() + entry.offset, "Header section");
     if (std::memchr(text, '\0', length) == nullptr) {
         throw DataFormatException(TagName(entry.tag) + ": the digest text is not terminated");
