@@ -492,18 +492,24 @@ OpenPgpKeyring OpenPgpKeyring::Parse(const unsigned char* data, uint64_t size) {
 
 void OpenPgpKeyring::ParseBlock(const unsigned char* data, uint64_t size) {
     ByteCursor cursor(data, size, "OpenPGP key block");
-    // The primary key being read (its index in keys_, or none), its packet body, and the subkey
+    // The primary key being read, its packet body, where its keys begin in keys_, and the subkey
     // waiting for its binding signature.
     const OpenPgpPublicKey* primary = nullptr;
     std::unique_ptr<OpenPgpPublicKey> primaryHolder;
     ByteCursor primaryBody(data, 0, "Public-key packet");
+    size_t primaryKeys = keys_.size();
     std::unique_ptr<OpenPgpPublicKey> pending;
     ByteCursor pendingBody(data, 0, "Public-subkey packet");
     std::string pendingReason;
-    auto settle = [this, &pending, &pendingReason]() {
+    // A subkey left without a binding signature that verifies: as rpm refuses to import such a key,
+    // the whole key (its primary and every subkey) is dropped.
+    auto settle = [this, &pending, &pendingReason, &primary, &primaryKeys]() {
         if (pending == nullptr) return;
         refused_.push_back("subkey " + pending->keyId + ": " +
                            (pendingReason.empty() ? "it has no binding signature" : pendingReason));
+        refused_.push_back("key " + pending->primaryId + ": one of its subkeys is not bound to it");
+        keys_.resize(primaryKeys);
+        primary = nullptr;
         pending.reset();
     };
     while (cursor.Remaining() > 0) {
@@ -514,6 +520,7 @@ void OpenPgpKeyring::ParseBlock(const unsigned char* data, uint64_t size) {
             std::string refusal;
             primary = nullptr;
             primaryBody = packet.body;
+            primaryKeys = keys_.size();
             if (ReadPublicKey(packet.body, false, key, refusal)) {
                 key.primaryId = key.keyId;
                 keys_.push_back(key);
