@@ -312,8 +312,8 @@ TEST(PrerequisiteCheck, TheSessionChoosesThePolicy) {
         session["signing_policy"] = row.first;
         AddPackages(session, {{"header-only.rpm", "rpm"}});
         EXPECT_EQ(signing_validate_package_list(session.get()), row.second) << row.first;
-        const std::string unknown = "signing_validate_package_list: unknown signing_policy [" +
-                                    LogText(row.first) + "]: the classic policy is used";
+        const std::string unknown = "signing_validate_package_list: unknown signing_policy [" + LogText(row.first) +
+                                    "]: the classic policy is used";
         EXPECT_EQ(std::count(session->log.begin(), session->log.end(), unknown),
                   row.first == "Current" || row.first == "current\n" ? 1 : 0)
             << row.first;
