@@ -206,6 +206,7 @@ KeyDiagnosis DiagnoseKeyData(const std::string& data) {
             diagnosis.usable = true;
             diagnosis.keyId = key.keyId;
             diagnosis.bits = key.bits;
+            diagnosis.keys.push_back({key.keyId, "RSA", key.bits});
             return diagnosis;
         } catch (const std::exception& e) {
             diagnosis.reason = "unsupported-key";
@@ -234,6 +235,7 @@ KeyDiagnosis DiagnoseKeyring(const std::string& data) {
             diagnosis.text += (key.subkey ? "subkey ID " : "key ID ") + key.keyId + " (" +
                               OpenPgpAlgorithmName(key.algorithm) + " " + std::to_string(key.bits) + " bits)";
             if (diagnosis.keyId.empty()) diagnosis.keyId = key.keyId, diagnosis.bits = key.bits;
+            diagnosis.keys.push_back({key.keyId, OpenPgpAlgorithmName(key.algorithm), key.bits});
         }
     } catch (const std::exception& e) {
         diagnosis.reason = "unsupported-key";

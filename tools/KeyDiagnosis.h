@@ -2,11 +2,19 @@
 // The publisher's key as rpm-verify sees it before the first package: read the way verification
 // reads it, and, when it cannot be used, what kind of key block it is and what to give instead.
 #include <string>
+#include <vector>
 
 #include "rpmutil.h"
 
 struct KeyDiagnosis {
+    // One key that signatures are checked with.
+    struct Key {
+        std::string keyId;  // 16 upper-case hexadecimal digits
+        std::string algorithm;
+        unsigned long long bits;
+    };
     bool usable = false;
+    std::vector<Key> keys;  // usable: the keys of the file (classic: its one key)
     std::string keyId;  // usable: the key ID signatures are matched against (16 hexadecimal digits)
     unsigned long long bits = 0;
     std::string reason;  // not usable: "unreadable-key" or "unsupported-key"

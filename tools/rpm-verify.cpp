@@ -47,7 +47,11 @@ const char kHelp[] =
     "                     SHA1 digest, MD5 digest, header signature and each header-and-payload\n"
     "                     signature (version, algorithms, key ID), each OK, BAD (with the reason)\n"
     "                     or NOTFOUND; then the verdict and, where one helps, a hint\n"
-    "      --json         print a JSON array with one object per package: \"file\", \"status\",\n"
+    "      --json         print one JSON object (docs/schemas/rpm-verify.schema.json), the same shape\n"
+    "                     on every exit status: \"schemaVersion\", \"policy\", \"key\" (\"path\" and\n"
+    "                     \"keys\", each with \"keyId\", \"algorithm\" and \"bits\"; or \"reason\",\n"
+    "                     \"message\" and \"hint\" for a key that cannot be used) and \"packages\",\n"
+    "                     one object per package: \"file\", \"status\",\n"
     "                     \"message\" (the verifier's message), \"reason\" (a stable code, see\n"
     "                     below), \"detail\" (the verifier's own reason, when it gave one),\n"
     "                     \"checks\" (the checks of --verbose: \"check\", \"result\", \"reason\",\n"
@@ -376,6 +380,25 @@ void PrintText(const json& outcome, bool verbose) {
     }
 }
 
+// The version of the JSON report's shape (docs/schemas/rpm-verify.schema.json).
+const int kSchemaVersion = 1;
+
+// The key file as the report gives it: its keys, or why it cannot be used.
+json KeyReport(const std::string& path, const KeyDiagnosis& key) {
+    json report = {{"path", path}};
+    if (!key.usable) {
+        report["reason"] = key.reason;
+        report["message"] = key.text;
+        if (!key.hint.empty()) report["hint"] = key.hint;
+        return report;
+    }
+    report["keys"] = json::array();
+    for (const KeyDiagnosis::Key& each : key.keys) {
+        report["keys"].push_back({{"keyId", each.keyId}, {"algorithm", each.algorithm}, {"bits", each.bits}});
+    }
+    return report;
+}
+
 std::string Dump(const json& value) {
     return value.dump(2, ' ', false, json::error_handler_t::replace);
 }
@@ -389,14 +412,14 @@ int main(int argc, char** argv) {
 
     // The key, read once before any package.
     const KeyDiagnosis key = DiagnoseKey(options.key, options.policy);
+    json report = {{"schemaVersion", kSchemaVersion},
+                   {"policy", options.policy == SigningPolicy::Current ? "current" : "classic"},
+                   {"key", KeyReport(options.key, key)},
+                   {"packages", json::array()}};
     if (!key.usable) {
         std::fprintf(stderr, "%s: cannot use the key %s: %s%s%s\n", kProgram, options.key.c_str(), key.text.c_str(),
                      key.hint.empty() ? "" : "; hint: ", key.hint.c_str());
-        if (options.json) {
-            json failure = {{"key", options.key}, {"reason", key.reason}, {"message", key.text}};
-            if (!key.hint.empty()) failure["hint"] = key.hint;
-            std::printf("%s\n", Dump(failure).c_str());
-        }
+        if (options.json) std::printf("%s\n", Dump(report).c_str());
         return 2;
     }
     if (options.verbose && !options.json) {
@@ -409,7 +432,7 @@ int main(int argc, char** argv) {
 
     const std::vector<Worker> workers = options.jobs > 1 ? StartWorkers(options, key.keyId) : std::vector<Worker>();
     bool allSigned = true;
-    json outcomes = json::array();
+    json& outcomes = report["packages"];
     const Worker* worker = nullptr;  // the worker of the package at hand; null: the parent's own
     for (size_t i = 0, next = 0; i < options.packages.size(); ++i) {
         if (next < workers.size() && i >= workers[next].begin) worker = &workers[next++];
@@ -435,6 +458,6 @@ int main(int argc, char** argv) {
         if (started.fd >= 0) close(started.fd);
         if (started.pid > 0) waitpid(started.pid, nullptr, 0);
     }
-    if (options.json) std::printf("%s\n", Dump(outcomes).c_str());
+    if (options.json) std::printf("%s\n", Dump(report).c_str());
     return allSigned ? 0 : 1;
 }

@@ -32,11 +32,13 @@ const char kHelp[] =
     "  -s, --set=KEY=VALUE    set a session variable after the session file is read (repeatable)\n"
     "      --policy=NAME      the verification policy, classic (the default) or current: sets the\n"
     "                         session variable signing_policy, which the module reads\n"
-    "      --json             print one JSON object: \"result\" (the check's return value),\n"
-    "                         \"components\" (for each component in session order: \"id\",\n"
-    "                         \"package\", and \"status\" and \"message\" of its verification as the\n"
-    "                         module logged them, or \"status\" null and why it was not verified)\n"
-    "                         and \"variables\" (every final session variable)\n"
+    "      --json             print one JSON object (docs/schemas/signing-check.schema.json):\n"
+    "                         \"schemaVersion\", \"policy\", \"result\" (the check's return value),\n"
+    "                         \"key\" (the key the check used: \"path\", \"source\" and why; or\n"
+    "                         why it had none), \"packages\" (for each component in session order:\n"
+    "                         \"id\", \"package\", and \"status\", \"message\" and \"reason\" of its\n"
+    "                         verification as the module logged them, or \"status\" null and why\n"
+    "                         it was not verified) and \"variables\" (every final session variable)\n"
     "  -h, --help             display this help and exit\n"
     "  -V, --version          output version information and exit\n"
     "\n"
@@ -173,6 +175,48 @@ nlohmann::ordered_json ComponentOutcomes(session_t& session) {
     return components;
 }
 
+// The stable reason code of a component's status (null: not verified).
+const char* ReasonOf(const nlohmann::ordered_json& status, const std::string& message) {
+    if (status.is_null()) return message == "not verified: not available" ? "not-available" : "not-reached";
+    switch (status.get<int>()) {
+        case 0: return "signed";
+        case 1: return "not-signed";
+        case 2: return "invalid-signature";
+        case 3: return "digest-mismatch";
+        case 4: return "invalid-structure";
+        default: return "error";
+    }
+}
+
+// The key the check used, read back from its line "packages are checked with the key specified by
+// user [PATH]", "... with the downloaded key [PATH]" (", no local key being set: REASON"), "... with
+// the local key [PATH]: REASON"; without one, why the check found no key.
+nlohmann::ordered_json KeyReport(const session_t& session) {
+    static const std::string kUsed = "signing_validate_package_list: packages are checked with the ";
+    for (const std::string& line : session.log) {
+        if (line.compare(0, kUsed.size(), kUsed) != 0) continue;
+        const size_t open = line.find(" [", kUsed.size()), close = line.rfind(']');
+        if (open == std::string::npos || close == std::string::npos || close < open) break;
+        const std::string kind = line.substr(kUsed.size(), open - kUsed.size());
+        nlohmann::ordered_json key = {{"path", line.substr(open + 2, close - open - 2)},
+                                      {"source", kind == "downloaded key"  ? "downloaded"
+                                                 : kind == "local key"     ? "local"
+                                                                           : "user"}};
+        const size_t reason = line.find(": ", close);
+        if (reason != std::string::npos) key["because"] = line.substr(reason + 2);
+        return key;
+    }
+    for (const std::string& line : session.log) {
+        if (line == "signing_validate_package_list: unable to obtain public key location") {
+            return {{"reason", "no-key"}, {"message", "no key could be obtained"}};
+        }
+        if (line == "signing_validate_package_list: public key is not valid") {
+            return {{"reason", "invalid-key"}, {"message", "the key failed the screen"}};
+        }
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -203,8 +247,16 @@ int main(int argc, char** argv) {
 
     if (options.json) {
         // Session values are bytes: one that is not UTF-8 is shown with U+FFFD in its place.
+        nlohmann::ordered_json packages = ComponentOutcomes(*session);
+        for (auto& package : packages) package["reason"] = ReasonOf(package["status"], package["message"]);
+        const auto policy = session->variables.find("signing_policy");
         const nlohmann::ordered_json report = {
-            {"result", result}, {"components", ComponentOutcomes(*session)}, {"variables", session->variables}};
+            {"schemaVersion", 1},
+            {"policy", policy != session->variables.end() && policy->second == "current" ? "current" : "classic"},
+            {"result", result},
+            {"key", KeyReport(*session)},
+            {"packages", packages},
+            {"variables", session->variables}};
         std::printf("%s\n", report.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
     } else {
         std::printf("signing-check: the check returned %d\n", result);

@@ -39,12 +39,25 @@ TEST(Commands, OutputAndExitStatusOfEachCase) {
              {"curl-ln/curl", last + "/bin/ln -s /dev/null \"$o\"\n"}}) {
         chmod(fakes.Write(fake.first, "#!/bin/sh\n" + fake.second).c_str(), 0700);
     }
+    // The tools as the cases call them: a run with --json keeps a copy of its report, validated against
+    // its schema at the end.
+    TempFolder reports;
+    for (const auto& tool : std::map<std::string, std::string>{{"rpm-verify", RPM_VERIFY_TOOL},
+                                                               {"signing-check", SIGNING_CHECK_TOOL}}) {
+        chmod(fakes.Write("tools/" + tool.first,
+                          "#!/bin/sh\nfor a; do [ \"$a\" = --json ] || continue; out=$(/usr/bin/mktemp " +
+                              reports.Path() + "/" + tool.first + ".XXXXXX); \"" + tool.second +
+                              "\" \"$@\" > \"$out\"; s=$?; /usr/bin/cat \"$out\"; exit $s; done\nexec \"" +
+                              tool.second + "\" \"$@\"\n")
+                  .c_str(),
+              0700);
+    }
     std::map<std::string, std::string> names = {{"DATA", kData},
                                                 {"EXAMPLES", SIGNING_EXAMPLES},
                                                 {"CASES", kCases},
-                                                {"RPM_VERIFY", RPM_VERIFY_TOOL},
-                                                {"SIGNING_CHECK", SIGNING_CHECK_TOOL},
-                                                {"CHECK", std::string(SIGNING_CHECK_TOOL) + " --set DATA=" + kData},
+                                                {"RPM_VERIFY", fakes / "tools/rpm-verify"},
+                                                {"SIGNING_CHECK", fakes / "tools/signing-check"},
+                                                {"CHECK", fakes / "tools/signing-check" + " --set DATA=" + kData},
                                                 {"FAKES", fakes.Path()},
                                                 {"SERVER", "http://127.0.0.1:" + std::to_string(server.port)},
                                                 {"SERVER_LOG", fakes / "requests.log"},
@@ -84,5 +97,8 @@ TEST(Commands, OutputAndExitStatusOfEachCase) {
         }
         check();
     }
-    EXPECT_EQ(count, 33 + 39);
+    EXPECT_EQ(count, 35 + 39);
+    const auto valid = Shell("/usr/bin/python3 " + kData + "/../support/validate_json.py " + SIGNING_SCHEMAS + " " +
+                             reports.Path() + " 8 2>&1");
+    EXPECT_EQ(valid.first, 0) << valid.second;
 }
