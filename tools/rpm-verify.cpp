@@ -43,6 +43,8 @@ const char kHelp[] =
     "                     rpmkeys --checksig of rpm 4.18 says \"digests signatures OK\" with that\n"
     "                     key file: header-only signatures covered by the payload digest, EdDSA\n"
     "                     and subkeys, several keys in the file, packages of any size)\n"
+    "  -q, --quiet        print only the packages that are not signed and valid (their verdicts and\n"
+    "                     hints); the exit status says the rest\n"
     "  -v, --verbose      list every check of each package, the way rpmkeys -Kv does: header\n"
     "                     SHA1 digest, MD5 digest, header signature and each header-and-payload\n"
     "                     signature (version, algorithms, key ID), each OK, BAD (with the reason)\n"
@@ -87,6 +89,7 @@ struct Options {
     SigningPolicy policy = SigningPolicy::Classic;
     bool json = false;
     bool verbose = false;
+    bool quiet = false;
     unsigned int jobs = 1;
     std::string key;
     std::vector<std::string> packages;
@@ -101,10 +104,11 @@ int ParseArguments(int argc, char** argv, Options& options) {
     static const struct option kLong[] = {
         {"key", required_argument, nullptr, 'k'},  {"policy", required_argument, nullptr, 'P'},
         {"verbose", no_argument, nullptr, 'v'},    {"json", no_argument, nullptr, 'J'},
+        {"quiet", no_argument, nullptr, 'q'},
         {"jobs", required_argument, nullptr, 'j'}, {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, 'V'},    {nullptr, 0, nullptr, 0}};
     opterr = 0;
-    for (int option; (option = getopt_long(argc, argv, ":k:vj:hV", kLong, nullptr)) != -1;) {
+    for (int option; (option = getopt_long(argc, argv, ":k:vqj:hV", kLong, nullptr)) != -1;) {
         switch (option) {
             case 'k': options.key = optarg; break;
             case 'P':
@@ -113,6 +117,7 @@ int ParseArguments(int argc, char** argv, Options& options) {
                 }
                 break;
             case 'v': options.verbose = true; break;
+            case 'q': options.quiet = true; break;
             case 'J': options.json = true; break;
             case 'j': {
                 char* end = nullptr;
@@ -354,13 +359,14 @@ std::string Text(const json& value) {
 // The verdict line: the message, led by the file name when the message does not name it.
 std::string VerdictLine(const json& outcome, bool withDetail) {
     const std::string file = Text(outcome["file"]), message = Text(outcome["message"]);
-    std::string line = message.find(file) == std::string::npos ? file + ": " + message : message;
+    std::string line = message.compare(0, file.size(), file) == 0 ? message : file + ": " + message;
     if (withDetail && outcome["status"] != 0 && outcome.contains("detail"))
         line += " (" + Text(outcome["detail"]) + ")";
     return line;
 }
 
-void PrintText(const json& outcome, bool verbose) {
+void PrintText(const json& outcome, bool verbose, bool quiet) {
+    if (quiet && outcome["status"] == 0) return;
     if (verbose) {
         std::printf("%s:\n", Text(outcome["file"]).c_str());
         for (const json& check : outcome["checks"]) {
@@ -370,6 +376,8 @@ void PrintText(const json& outcome, bool verbose) {
         }
     }
     std::printf("%s\n", VerdictLine(outcome, verbose).c_str());
+    // The hint goes to standard error after its package's verdict, also when both streams are one.
+    std::fflush(stdout);
     if (outcome.contains("hint")) {
         if (verbose) {
             std::printf("    Hint: %s\n", Text(outcome["hint"]).c_str());
@@ -451,7 +459,7 @@ int main(int argc, char** argv) {
         if (options.json) {
             outcomes.push_back(std::move(outcome));
         } else {
-            PrintText(outcome, options.verbose);
+            PrintText(outcome, options.verbose, options.quiet);
         }
     }
     for (const Worker& started : workers) {
