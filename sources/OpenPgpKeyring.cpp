@@ -490,6 +490,28 @@ OpenPgpKeyring OpenPgpKeyring::Parse(const unsigned char* data, uint64_t size) {
     return keyring;
 }
 
+std::vector<std::vector<unsigned char>> OpenPgpKeyring::SplitKeys(const unsigned char* data, uint64_t size) {
+    std::vector<std::vector<unsigned char>> binaries;
+    const std::string text(reinterpret_cast<const char*>(data), static_cast<size_t>(size));
+    if (text.find(kBegin) == std::string::npos) binaries.emplace_back(data, data + size);
+    for (size_t begin = text.find(kBegin); begin != std::string::npos; begin = text.find(kBegin, begin + 1)) {
+        const size_t end = text.find(kEnd, begin);
+        if (end == std::string::npos) throw DataFormatException("The armored key block has no END line");
+        binaries.push_back(DecodeArmor(text.substr(begin, end - begin)));
+    }
+    std::vector<std::vector<unsigned char>> keys;
+    for (const std::vector<unsigned char>& binary : binaries) {
+        ByteCursor cursor(binary.data(), binary.size(), "OpenPGP key block");
+        while (cursor.Remaining() > 0) {
+            const unsigned char* start = cursor.Here();
+            const Packet packet = NextPacket(cursor);
+            if (packet.tag == kPublicKeyTag || keys.empty()) keys.emplace_back();
+            keys.back().insert(keys.back().end(), start, cursor.Here());
+        }
+    }
+    return keys;
+}
+
 void OpenPgpKeyring::ParseBlock(const unsigned char* data, uint64_t size) {
     ByteCursor cursor(data, size, "OpenPGP key block");
     // The primary key being read, its packet body, where its keys begin in keys_, and the subkey

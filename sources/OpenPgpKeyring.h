@@ -61,6 +61,11 @@ public:
     // The key file at path (at most 1 MiB).
     static OpenPgpKeyring ReadFile(const std::string& path);
 
+    // The key blocks of a key file's bytes, armored or binary, one binary block per primary key (its
+    // packet and everything up to the next primary key), in their order. Throws DataFormatException
+    // when the framing cannot be read.
+    static std::vector<std::vector<unsigned char>> SplitKeys(const unsigned char* data, uint64_t size);
+
     const std::vector<OpenPgpPublicKey>& Keys() const { return keys_; }
     // The key whose key ID is keyId, or null.
     const OpenPgpPublicKey* Find(const std::string& keyId) const;

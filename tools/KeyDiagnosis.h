@@ -15,7 +15,7 @@ struct KeyDiagnosis {
     };
     bool usable = false;
     std::vector<Key> keys;  // usable: the keys of the file (classic: its one key)
-    std::string keyId;  // usable: the key ID signatures are matched against (16 hexadecimal digits)
+    std::string keyId;      // usable: the key ID signatures are matched against (16 hexadecimal digits)
     unsigned long long bits = 0;
     std::string reason;  // not usable: "unreadable-key" or "unsupported-key"
     std::string text;    // not usable: why, the verifier's own text included

@@ -3,6 +3,7 @@
 //
 // Exit status: 0 when every package is signed and valid, 1 otherwise, 2 on a usage error or a key
 // that cannot be used.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,6 +19,7 @@
 #include "CommandLine.h"
 #include "Exceptions.h"
 #include "KeyDiagnosis.h"
+#include "OpenPgpKeyring.h"
 #include "RpmReport.h"
 #include "Signature.h"
 
@@ -37,7 +39,11 @@ const char kHelp[] =
     "verifier cannot use ends the run with one line that names the key and the reason.\n"
     "\n"
     "Options:\n"
-    "  -k, --key=KEY      the publisher's OpenPGP public key file (armored or binary)\n"
+    "  -k, --key=KEY      the publisher's OpenPGP public key file (armored or binary; a pipe will\n"
+    "                     do); repeat it for more keys. A file may hold several keys: a package\n"
+    "                     passes with any of them, and the report names the key ID that verified\n"
+    "                     it. A file that the installer's check would refuse (a line with\n"
+    "                     \"http://\") is named, with the line\n"
     "      --policy=NAME  how packages are judged: classic (the default: the installer's verdicts\n"
     "                     as they have always been) or current (a package is signed exactly when\n"
     "                     rpmkeys --checksig of rpm 4.18 says \"digests signatures OK\" with that\n"
@@ -91,7 +97,7 @@ struct Options {
     bool verbose = false;
     bool quiet = false;
     unsigned int jobs = 1;
-    std::string key;
+    std::vector<std::string> keys;
     std::vector<std::string> packages;
 };
 
@@ -101,16 +107,22 @@ int UsageError(const std::string& text) {
 
 // -1 when the arguments are good, else the exit status to end with.
 int ParseArguments(int argc, char** argv, Options& options) {
-    static const struct option kLong[] = {
-        {"key", required_argument, nullptr, 'k'},  {"policy", required_argument, nullptr, 'P'},
-        {"verbose", no_argument, nullptr, 'v'},    {"json", no_argument, nullptr, 'J'},
-        {"quiet", no_argument, nullptr, 'q'},
-        {"jobs", required_argument, nullptr, 'j'}, {"help", no_argument, nullptr, 'h'},
-        {"version", no_argument, nullptr, 'V'},    {nullptr, 0, nullptr, 0}};
+    static const struct option kLong[] = {{"key", required_argument, nullptr, 'k'},
+                                          {"policy", required_argument, nullptr, 'P'},
+                                          {"verbose", no_argument, nullptr, 'v'},
+                                          {"json", no_argument, nullptr, 'J'},
+                                          {"quiet", no_argument, nullptr, 'q'},
+                                          {"jobs", required_argument, nullptr, 'j'},
+                                          {"help", no_argument, nullptr, 'h'},
+                                          {"version", no_argument, nullptr, 'V'},
+                                          {nullptr, 0, nullptr, 0}};
     opterr = 0;
     for (int option; (option = getopt_long(argc, argv, ":k:vqj:hV", kLong, nullptr)) != -1;) {
         switch (option) {
-            case 'k': options.key = optarg; break;
+            case 'k':
+                if (*optarg == '\0') return UsageError("no key file given (--key=KEY)");
+                options.keys.emplace_back(optarg);
+                break;
             case 'P':
                 if (!ParseSigningPolicy(optarg, options.policy)) {
                     return UsageError(std::string("--policy wants classic or current, not '") + optarg + "'");
@@ -135,7 +147,7 @@ int ParseArguments(int argc, char** argv, Options& options) {
         }
     }
     for (int i = optind; i < argc; ++i) options.packages.emplace_back(argv[i]);
-    if (options.key.empty()) return UsageError("no key file given (--key=KEY)");
+    if (options.keys.empty()) return UsageError("no key file given (--key=KEY)");
     if (options.packages.empty()) return UsageError("no package file given");
     return -1;
 }
@@ -273,6 +285,200 @@ json Outcome(const std::string& file, const std::string& keyPath, const std::str
 }
 
 // ---------------------------------------------------------------------------------------------
+// Keys
+
+bool WriteAll(int fd, const void* data, size_t size);
+
+// The version of the JSON report's shape (docs/schemas/rpm-verify.schema.json).
+const int kSchemaVersion = 1;
+
+// The key file as the report gives it: its keys, or why it cannot be used.
+json KeyReport(const std::string& path, const KeyDiagnosis& key) {
+    json report = {{"path", path}};
+    if (!key.usable) {
+        report["reason"] = key.reason;
+        report["message"] = key.text;
+        if (!key.hint.empty()) report["hint"] = key.hint;
+        return report;
+    }
+    report["keys"] = json::array();
+    for (const KeyDiagnosis::Key& each : key.keys) {
+        report["keys"].push_back({{"keyId", each.keyId}, {"algorithm", each.algorithm}, {"bits", each.bits}});
+    }
+    return report;
+}
+
+// The keys a run verifies with: classic checks a package with one key block at a time, so each
+// block of the key files is a file of its own; current reads every key of one file. The files live
+// in a private folder that goes with the object.
+struct Keys {
+    std::string folder;
+    std::vector<std::string> paths;   // in the order given
+    std::vector<std::string> keyIds;  // classic: the key ID of each path
+    json reports = json::array();     // one per key file given
+    std::string firstError;           // the stderr line of the first key that cannot be used
+    int Unusable() const { return firstError.empty() ? 0 : 1; }
+    Keys() = default;
+    Keys(const Keys&) = delete;
+    Keys& operator=(const Keys&) = delete;
+    ~Keys() {
+        for (const std::string& path : paths) unlink(path.c_str());
+        if (!folder.empty()) rmdir(folder.c_str());
+    }
+};
+
+// The bytes of a key file, a pipe as well (at most 1 MiB and one byte, so that a larger file is told).
+bool ReadKeyBytes(const std::string& path, std::string& bytes, std::string& error) {
+    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0) {
+        // The verifier's own words for a key file it cannot open.
+        error = "Cannot open file " + path + ": " + std::strerror(errno);
+        try {
+            rpm_read_key_file(path);
+        } catch (const std::exception& e) {
+            error = e.what();
+        }
+        return false;
+    }
+    char buffer[65536];
+    for (ssize_t count; (count = read(descriptor, buffer, sizeof buffer)) != 0;) {
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0 || bytes.size() > 1024 * 1024) {
+            error = count < 0 ? "Cannot read file " + path + ": " + std::strerror(errno)
+                              : "PGP public key file " + path + " holds more than 1048576 bytes";
+            close(descriptor);
+            return false;
+        }
+        bytes.append(buffer, static_cast<size_t>(count));
+    }
+    close(descriptor);
+    return true;
+}
+
+std::string WriteKeyFile(Keys& keys, const std::string& name, const void* data, size_t size) {
+    const std::string path = keys.folder + "/" + name;
+    const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    const bool written = descriptor >= 0 && WriteAll(descriptor, data, size);
+    if (descriptor >= 0) close(descriptor);
+    keys.paths.push_back(path);
+    if (!written) throw std::runtime_error("cannot write " + path);
+    return path;
+}
+
+// The line of a key file that the installer's key screen refuses (it holds "http://"), or "".
+std::string InstallerRefusal(const std::string& bytes) {
+    size_t number = 1;
+    for (size_t at = 0; at < bytes.size(); ++number) {
+        const size_t end = std::min(bytes.find('\n', at), bytes.size());
+        const std::string line = bytes.substr(at, end - at);
+        if (line.find("http://") != std::string::npos) return "line " + std::to_string(number) + ": " + line;
+        at = end + 1;
+    }
+    return "";
+}
+
+void AddKeyReport(Keys& keys, const std::string& given, const KeyDiagnosis& key, const std::string& refusal) {
+    json report = KeyReport(given, key);
+    if (!refusal.empty()) report["installerRefuses"] = refusal;
+    if (!key.usable && keys.firstError.empty()) {
+        keys.firstError =
+            "cannot use the key " + given + ": " + key.text + (key.hint.empty() ? "" : "; hint: ") + key.hint;
+    }
+    keys.reports.push_back(std::move(report));
+}
+
+// Reads every key file given and writes the files verification reads.
+void PrepareKeys(const Options& options, Keys& keys) {
+    const char* temporary = getenv("TMPDIR");
+    std::string pattern =
+        std::string(temporary != nullptr && temporary[0] == '/' ? temporary : "/tmp") + "/rpm-verify.XXXXXX";
+    if (mkdtemp(&pattern[0]) == nullptr) {
+        throw std::runtime_error("cannot make a folder for the keys: " + std::string(std::strerror(errno)));
+    }
+    keys.folder = pattern;
+    std::vector<unsigned char> keyring;  // current: every key block, binary
+    for (size_t index = 0; index < options.keys.size(); ++index) {
+        const std::string& given = options.keys[index];
+        std::string bytes, error;
+        if (!ReadKeyBytes(given, bytes, error)) {
+            KeyDiagnosis unreadable;
+            unreadable.reason = "unreadable-key";
+            unreadable.text = error;
+            AddKeyReport(keys, given, unreadable, "");
+            continue;
+        }
+        const std::string refusal = InstallerRefusal(bytes);
+        std::vector<std::vector<unsigned char>> blocks;
+        try {
+            blocks = OpenPgpKeyring::SplitKeys(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+        } catch (const std::exception&) {
+            blocks.clear();  // the diagnosis of the bytes as given tells why
+        }
+        const std::string name = "key" + std::to_string(index);
+        if (options.policy == SigningPolicy::Current) {
+            const std::string own = WriteKeyFile(keys, name, bytes.data(), bytes.size());
+            const KeyDiagnosis key = DiagnoseKey(own, options.policy);
+            AddKeyReport(keys, given, key, refusal);
+            keys.paths.pop_back();
+            unlink(own.c_str());
+            for (const auto& block : blocks) keyring.insert(keyring.end(), block.begin(), block.end());
+            continue;
+        }
+        if (blocks.size() <= 1) {
+            // One key block (or one that cannot be split): the bytes as given.
+            const std::string path = WriteKeyFile(keys, name, bytes.data(), bytes.size());
+            const KeyDiagnosis key = DiagnoseKey(path, options.policy);
+            keys.keyIds.push_back(key.keyId);
+            AddKeyReport(keys, given, key, refusal);
+            continue;
+        }
+        KeyDiagnosis all;
+        all.usable = true;
+        for (size_t block = 0; block < blocks.size() && all.usable; ++block) {
+            const std::string path =
+                WriteKeyFile(keys, name + "-" + std::to_string(block), blocks[block].data(), blocks[block].size());
+            const KeyDiagnosis key = DiagnoseKey(path, options.policy);
+            keys.keyIds.push_back(key.keyId);
+            if (!key.usable) {
+                all = key;
+                all.text =
+                    "key " + std::to_string(block + 1) + " of " + std::to_string(blocks.size()) + ": " + key.text;
+            } else {
+                all.keys.insert(all.keys.end(), key.keys.begin(), key.keys.end());
+            }
+        }
+        AddKeyReport(keys, given, all, refusal);
+    }
+    if (options.policy == SigningPolicy::Current && keys.firstError.empty()) {
+        WriteKeyFile(keys, "keyring.gpg", keyring.data(), keyring.size());
+        std::string ids;
+        for (const json& key : keys.reports) {
+            for (const json& each : key["keys"]) ids += (ids.empty() ? "" : ", ") + each["keyId"].get<std::string>();
+        }
+        keys.keyIds.push_back(ids);
+    }
+}
+
+// The outcome of a package with the keys: the first key that verifies it, else the first key's.
+json Outcome(const std::string& file, const Keys& keys, SigningPolicy policy) {
+    json first;
+    for (size_t i = 0; i < keys.paths.size(); ++i) {
+        const std::string keyId = i < keys.keyIds.size() ? keys.keyIds[i] : "";
+        json outcome = Outcome(file, keys.paths[i], keyId, policy);
+        if (outcome["status"] == 0) {
+            std::string verified = keyId;
+            for (const json& check : outcome["checks"]) {
+                if (check["result"] == "OK" && check.contains("keyId")) verified = check["keyId"].get<std::string>();
+            }
+            if (!verified.empty()) outcome["keyId"] = verified;
+            return outcome;
+        }
+        if (i == 0) first = std::move(outcome);
+    }
+    return first;
+}
+
+// ---------------------------------------------------------------------------------------------
 // Worker processes: the packages are cut into N blocks in their order; the parent verifies the first
 // block itself while each worker verifies one of the others and sends its outcomes, when all are
 // made, through a pipe as length-prefixed CBOR. The parent then reads them back block by block.
@@ -325,7 +531,7 @@ struct Worker {
 };
 
 // Starts a worker for each block after the first.
-std::vector<Worker> StartWorkers(const Options& options, const std::string& keyId) {
+std::vector<Worker> StartWorkers(const Options& options, const Keys& keys) {
     const size_t packages = options.packages.size();
     const size_t count = std::min<size_t>(options.jobs, packages);
     std::vector<Worker> workers;
@@ -339,7 +545,7 @@ std::vector<Worker> StartWorkers(const Options& options, const std::string& keyI
             for (const Worker& other : workers) close(other.fd);
             std::vector<std::uint8_t> frames;
             for (size_t i = begin; i < end; ++i)
-                AppendOutcome(frames, Outcome(options.packages[i], options.key, keyId, options.policy));
+                AppendOutcome(frames, Outcome(options.packages[i], keys, options.policy));
             _exit(WriteAll(ends[1], frames.data(), frames.size()) ? 0 : 1);
         }
         if (ends[1] >= 0) close(ends[1]);
@@ -388,25 +594,6 @@ void PrintText(const json& outcome, bool verbose, bool quiet) {
     }
 }
 
-// The version of the JSON report's shape (docs/schemas/rpm-verify.schema.json).
-const int kSchemaVersion = 1;
-
-// The key file as the report gives it: its keys, or why it cannot be used.
-json KeyReport(const std::string& path, const KeyDiagnosis& key) {
-    json report = {{"path", path}};
-    if (!key.usable) {
-        report["reason"] = key.reason;
-        report["message"] = key.text;
-        if (!key.hint.empty()) report["hint"] = key.hint;
-        return report;
-    }
-    report["keys"] = json::array();
-    for (const KeyDiagnosis::Key& each : key.keys) {
-        report["keys"].push_back({{"keyId", each.keyId}, {"algorithm", each.algorithm}, {"bits", each.bits}});
-    }
-    return report;
-}
-
 std::string Dump(const json& value) {
     return value.dump(2, ' ', false, json::error_handler_t::replace);
 }
@@ -418,27 +605,39 @@ int main(int argc, char** argv) {
     const int early = ParseArguments(argc, argv, options);
     if (early >= 0) return early;
 
-    // The key, read once before any package.
-    const KeyDiagnosis key = DiagnoseKey(options.key, options.policy);
+    // The keys, read once before any package.
+    Keys keys;
+    try {
+        PrepareKeys(options, keys);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "%s: %s\n", kProgram, e.what());
+        return 2;
+    }
     json report = {{"schemaVersion", kSchemaVersion},
                    {"policy", options.policy == SigningPolicy::Current ? "current" : "classic"},
-                   {"key", KeyReport(options.key, key)},
+                   {"keys", keys.reports},
                    {"packages", json::array()}};
-    if (!key.usable) {
-        std::fprintf(stderr, "%s: cannot use the key %s: %s%s%s\n", kProgram, options.key.c_str(), key.text.c_str(),
-                     key.hint.empty() ? "" : "; hint: ", key.hint.c_str());
+    for (const json& key : keys.reports) {
+        if (key.contains("installerRefuses")) {
+            std::fprintf(stderr, "%s: note: the installer's check would refuse the key file %s (%s)\n", kProgram,
+                         Text(key["path"]).c_str(), Text(key["installerRefuses"]).c_str());
+        }
+    }
+    if (keys.Unusable() != 0) {
+        std::fprintf(stderr, "%s: %s\n", kProgram, keys.firstError.c_str());
         if (options.json) std::printf("%s\n", Dump(report).c_str());
         return 2;
     }
     if (options.verbose && !options.json) {
-        if (options.policy == SigningPolicy::Current) {
-            std::printf("Key %s: %s\n", options.key.c_str(), key.text.c_str());
-        } else {
-            std::printf("Key %s: key ID %s, RSA %llu bits\n", options.key.c_str(), key.keyId.c_str(), key.bits);
+        for (const json& key : keys.reports) {
+            for (const json& each : key["keys"]) {
+                std::printf("Key %s: key ID %s, %s %llu bits\n", Text(key["path"]).c_str(), Text(each["keyId"]).c_str(),
+                            Text(each["algorithm"]).c_str(), each["bits"].get<unsigned long long>());
+            }
         }
     }
 
-    const std::vector<Worker> workers = options.jobs > 1 ? StartWorkers(options, key.keyId) : std::vector<Worker>();
+    const std::vector<Worker> workers = options.jobs > 1 ? StartWorkers(options, keys) : std::vector<Worker>();
     bool allSigned = true;
     json& outcomes = report["packages"];
     const Worker* worker = nullptr;  // the worker of the package at hand; null: the parent's own
@@ -446,7 +645,7 @@ int main(int argc, char** argv) {
         if (next < workers.size() && i >= workers[next].begin) worker = &workers[next++];
         json outcome;
         if (worker == nullptr || worker->fd < 0) {
-            outcome = Outcome(options.packages[i], options.key, key.keyId, options.policy);
+            outcome = Outcome(options.packages[i], keys, options.policy);
         } else if (!ReceiveOutcome(worker->fd, outcome)) {
             outcome = {{"file", options.packages[i]},
                        {"status", 5},

@@ -199,9 +199,9 @@ nlohmann::ordered_json KeyReport(const session_t& session) {
         if (open == std::string::npos || close == std::string::npos || close < open) break;
         const std::string kind = line.substr(kUsed.size(), open - kUsed.size());
         nlohmann::ordered_json key = {{"path", line.substr(open + 2, close - open - 2)},
-                                      {"source", kind == "downloaded key"  ? "downloaded"
-                                                 : kind == "local key"     ? "local"
-                                                                           : "user"}};
+                                      {"source", kind == "downloaded key" ? "downloaded"
+                                                 : kind == "local key"    ? "local"
+                                                                          : "user"}};
         const size_t reason = line.find(": ", close);
         if (reason != std::string::npos) key["because"] = line.substr(reason + 2);
         return key;

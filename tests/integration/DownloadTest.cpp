@@ -42,13 +42,14 @@ TEST(Commands, OutputAndExitStatusOfEachCase) {
     // The tools as the cases call them: a run with --json keeps a copy of its report, validated against
     // its schema at the end.
     TempFolder reports;
-    for (const auto& tool : std::map<std::string, std::string>{{"rpm-verify", RPM_VERIFY_TOOL},
-                                                               {"signing-check", SIGNING_CHECK_TOOL}}) {
-        chmod(fakes.Write("tools/" + tool.first,
-                          "#!/bin/sh\nfor a; do [ \"$a\" = --json ] || continue; out=$(/usr/bin/mktemp " +
-                              reports.Path() + "/" + tool.first + ".XXXXXX); \"" + tool.second +
-                              "\" \"$@\" > \"$out\"; s=$?; /usr/bin/cat \"$out\"; exit $s; done\nexec \"" +
-                              tool.second + "\" \"$@\"\n")
+    for (const auto& tool :
+         std::map<std::string, std::string>{{"rpm-verify", RPM_VERIFY_TOOL}, {"signing-check", SIGNING_CHECK_TOOL}}) {
+        chmod(fakes
+                  .Write("tools/" + tool.first,
+                         "#!/bin/sh\nfor a; do [ \"$a\" = --json ] || continue; out=$(/usr/bin/mktemp " +
+                             reports.Path() + "/" + tool.first + ".XXXXXX); \"" + tool.second +
+                             "\" \"$@\" > \"$out\"; s=$?; /usr/bin/cat \"$out\"; exit $s; done\nexec \"" + tool.second +
+                             "\" \"$@\"\n")
                   .c_str(),
               0700);
     }
@@ -97,7 +98,7 @@ TEST(Commands, OutputAndExitStatusOfEachCase) {
         }
         check();
     }
-    EXPECT_EQ(count, 36 + 39);
+    EXPECT_EQ(count, 37 + 39);
     const auto valid = Shell("/usr/bin/python3 " + kData + "/../support/validate_json.py " + SIGNING_SCHEMAS + " " +
                              reports.Path() + " 8 2>&1");
     EXPECT_EQ(valid.first, 0) << valid.second;
