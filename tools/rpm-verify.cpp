@@ -89,7 +89,9 @@ const char kHelp[] =
     "Examples:\n"
     "  rpm-verify --key=publisher.asc hello-1.0-1.noarch.rpm\n"
     "  rpm-verify --verbose --key publisher.asc *.rpm\n"
-    "  rpm-verify --json --jobs=2 --key publisher.asc *.rpm\n";
+    "  rpm-verify --quiet --key old.asc --key new.asc *.rpm\n"
+    "  rpm-verify --policy=current --key publisher.asc *.rpm\n"
+    "  rpm-verify --json --jobs=2 --key publisher.asc *.rpm | jq '.packages[].status'\n";
 
 struct Options {
     SigningPolicy policy = SigningPolicy::Classic;

@@ -54,6 +54,7 @@ const char kHelp[] =
     "\n"
     "Examples:\n"
     "  signing-check --set signature=$PWD/keys/publisher.asc session.json\n"
+    "  signing-check --policy=current session.json\n"
     "  signing-check --json --set=TEMP_FOLDER=$HOME/.cache/signing session.json\n";
 
 const char* const kReported[] = {"operation_progress", "SIGNIFICANCE", "SHORT_DESC", "FULL_DESC"};
