@@ -29,7 +29,10 @@ int main(int argc, char** argv) {
         fprintf(stderr, "%s: %s\n", argv[0], dlerror());
         return 2;
     }
-    VerifyFunction verify = (VerifyFunction)dlsym(module, "rpm_verify");
+    /* POSIX's way to take a function from dlsym(): ISO C converts no object pointer to a function
+     * pointer. */
+    VerifyFunction verify = NULL;
+    *(void**)&verify = dlsym(module, "rpm_verify");
     if (verify == NULL) {
         fprintf(stderr, "%s: %s\n", argv[0], dlerror());
         dlclose(module);
