@@ -10,6 +10,7 @@
 
 #include "ByteCursor.h"
 #include "Exceptions.h"
+#include "OpenPgpTrailer.h"
 #include "OpenSslHandles.h"
 #include "PgpKey.h"
 
@@ -400,13 +401,8 @@ OpenPgpSignature OpenPgpSignature::ParseBody(const unsigned char* data, uint64_t
         // The trailer: the fields up to the end of the hashed area, then 04 FF and their length.
         const uint32_t fieldsLength = 6u + hashedLength;
         signature.trailer.assign(data, data + fieldsLength);
-        const unsigned char tail[6] = {4,
-                                       0xFF,
-                                       static_cast<unsigned char>(fieldsLength >> 24),
-                                       static_cast<unsigned char>(fieldsLength >> 16),
-                                       static_cast<unsigned char>(fieldsLength >> 8),
-                                       static_cast<unsigned char>(fieldsLength)};
-        signature.trailer.insert(signature.trailer.end(), tail, tail + sizeof tail);
+        const auto tail = OpenPgpV4Trailer(fieldsLength);
+        signature.trailer.insert(signature.trailer.end(), tail.begin(), tail.end());
         std::string fingerprintIssuer;
         for (ByteCursor* area : {&hashed, &unhashed}) {
             while (area->Remaining() > 0) {

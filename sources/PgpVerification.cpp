@@ -6,6 +6,7 @@
 #include "ByteCursor.h"
 #include "Digest.h"
 #include "Exceptions.h"
+#include "OpenPgpTrailer.h"
 #include "ProcessingResult.h"
 
 namespace {
@@ -70,15 +71,8 @@ std::unique_ptr<DigestBase> FinishSignatureHash(const PgpSignatureData& signatur
                                          static_cast<unsigned char>(hashedLength)};
         digest->Update(fields, sizeof fields);
         digest->Update(signature.GetHashedData(), hashedLength);
-        // RFC 4880, 5.2.4: 0x04 0xFF and the length of the hashed part, as 32 bits.
-        const uint32_t hashedPart = hashedLength + 6u;
-        const unsigned char trailer[6] = {0x04,
-                                          0xFF,
-                                          static_cast<unsigned char>(hashedPart >> 24),
-                                          static_cast<unsigned char>(hashedPart >> 16),
-                                          static_cast<unsigned char>(hashedPart >> 8),
-                                          static_cast<unsigned char>(hashedPart)};
-        digest->Update(trailer, sizeof trailer);
+        const auto trailer = OpenPgpV4Trailer(hashedLength + 6u);
+        digest->Update(trailer.data(), static_cast<unsigned int>(trailer.size()));
     }
     return digest;
 }
