@@ -3,6 +3,8 @@
 #include <memory>
 #include <vector>
 
+#include <openssl/sha.h>
+
 #include "Base.h"
 #include "Base64.h"
 #include "ByteCursor.h"
@@ -23,7 +25,19 @@ struct KeyBlock {
     bool notKey = false;        // the first packet is not a key
     bool damagedArmor = false;  // an armor whose Base64 body does not decode
     std::string issuer;         // of the first signature packet that names one
+    std::string keyId;          // of a version 4 primary key: the low 8 octets of its fingerprint
 };
+
+// A version 4 key's ID: the last 8 octets of SHA-1 over 0x99, the packet's two-octet length and
+// its body.
+std::string KeyIdOf(const unsigned char* packet, uint64_t size) {
+    if (size == 0 || packet[0] != 4 || size > 0xFFFF) return "";
+    std::vector<unsigned char> framed = {0x99, static_cast<unsigned char>(size >> 8), static_cast<unsigned char>(size)};
+    framed.insert(framed.end(), packet, packet + size);
+    unsigned char fingerprint[SHA_DIGEST_LENGTH];
+    if (SHA1(framed.data(), framed.size(), fingerprint) == nullptr) return "";
+    return Base::DumpBufferToString(fingerprint + SHA_DIGEST_LENGTH - 8, 8, true);
+}
 
 std::string AlgorithmName(int id) {
     switch (id) {
@@ -140,6 +154,7 @@ KeyBlock Describe(const std::string& text) {
                 const unsigned char* packet = body.Here();
                 const uint64_t at = packet[0] == 4 ? 5 : 7;
                 block.primaryAlgorithm = body.Size() > at ? packet[at] : -1;
+                if (block.keyId.empty()) block.keyId = KeyIdOf(packet, body.Size());
             }
             if (tag == 2) {
                 block.hasSignature = true;
@@ -153,7 +168,7 @@ KeyBlock Describe(const std::string& text) {
 
 // What to give instead of a key block the verifier cannot read, and what the block is.
 void Explain(const KeyBlock& block, KeyDiagnosis& diagnosis) {
-    const std::string id = block.issuer.empty() ? "KEYID" : block.issuer;
+    const std::string id = !block.keyId.empty() ? block.keyId : !block.issuer.empty() ? block.issuer : "KEYID";
     std::string kind;
     if (block.damagedArmor) {
         kind = "the armor's Base64 text is damaged";
