@@ -5,6 +5,7 @@
 
 #include "ByteCursor.h"
 #include "Digest.h"
+#include "DigestPipeline.h"
 #include "Exceptions.h"
 #include "ProcessingResult.h"
 
@@ -139,32 +140,41 @@ PackageDigests PackageReader::DigestPackage(uint64_t headerOffset, const HeaderS
     }
     DigestBase* const headerDigests[] = {digests.headerSha1.get(), digests.headerSigned.get(),
                                          digests.headerSha1Extra.get()};
-    DigestBase* const packageDigests[] = {digests.packageMd5.get(), digests.packageSigned.get(),
-                                          digests.packageSha1Extra.get()};
+    DigestBase* const signed_ = digests.packageSigned.get();
+    DigestBase* const sha1Extra = digests.packageSha1Extra.get();
+    DigestBase* const md5 = digests.packageMd5.get();
 
     input_.AdviseSequential(headerOffset);
     const uint32_t blockSize = input_.GetBufferSize();
-    std::unique_ptr<char[]> block = std::make_unique<char[]>(blockSize);
-    uint64_t position = headerOffset;
-    int32_t count = 0;
-    do {
-        count = input_.Read(block.get(), position, blockSize);
+    const uint64_t fileSize = FileHelper::GetSize(input_.GetPath());
+    // Read, the header digests on the part of a block inside the main header, the signed hash (and
+    // the signing path's SHA-1) and the copy on this thread; MD5 on the other one when the package
+    // is large enough to share the work.
+    const auto read = [&](char* block, uint64_t position, size_t size) -> size_t {
+        const int32_t count = input_.Read(block, position, size);
         if (count < 0) {
             throw FileIoException("Cannot read file " + input_.GetPath() + ": " + SystemErrorText(errno));
         }
-        // The part of the block inside the main header goes through the header digests as well.
+        return static_cast<size_t>(count);
+    };
+    // The pass ends at the first block shorter than a whole one (after the file's end).
+    const auto more = [blockSize](size_t count, uint64_t) { return count == blockSize; };
+    const auto front = [&](const char* block, uint64_t position, size_t count) {
         if (position < main.End()) {
             const auto inHeader = static_cast<unsigned int>(std::min<uint64_t>(count, main.End() - position));
             for (DigestBase* digest : headerDigests) {
-                if (digest != nullptr) digest->Update(block.get(), inHeader);
+                if (digest != nullptr) digest->Update(block, inHeader);
             }
         }
-        for (DigestBase* digest : packageDigests) {
-            if (digest != nullptr) digest->Update(block.get(), count);
-        }
-        if (copy != nullptr) copy->WriteBlock(block.get(), count);
-        position += static_cast<uint32_t>(count);
-    } while (static_cast<uint32_t>(count) == blockSize);
+        signed_->Update(block, static_cast<unsigned int>(count));
+        if (sha1Extra != nullptr) sha1Extra->Update(block, static_cast<unsigned int>(count));
+        if (copy != nullptr) copy->WriteBlock(block, static_cast<uint32_t>(count));
+    };
+    const auto back = [md5](const char* block, uint64_t, size_t count) {
+        md5->Update(block, static_cast<unsigned int>(count));
+    };
+    const bool threaded = DigestPipeline::Worthwhile(fileSize > headerOffset ? fileSize - headerOffset : 0);
+    const uint64_t position = DigestPipeline::Run(headerOffset, blockSize, threaded, read, more, front, back);
     if (position < main.End()) {
         throw InvalidFileStructureException("Header section: the header could not be read");
     }

@@ -76,7 +76,9 @@ RpmSignature* RpmSigner::PassDigestsToSignature(RpmSignature* signature, unsigne
     const PackageReader reader(Input());
     const HeaderStructureHeader header = reader.RequireStructureHeader(headerOffset, "Header section");
     const soapWrap::HashAlgorithm hash = SignedHash(*signature);
-    PackageDigests digests = reader.DigestPackage(headerOffset, header, hash, copyToOutput ? &Output() : nullptr, true);
+    // The SHA-1 digests 2 and 5 serve the signing path only: they are made when the package is copied.
+    PackageDigests digests =
+        reader.DigestPackage(headerOffset, header, hash, copyToOutput ? &Output() : nullptr, copyToOutput);
     signature->SetPayloadLength(digests.payloadLength);
     signature->SetDigest(0, digests.headerSha1.release());
     signature->SetDigest(1, digests.headerSigned.release());

@@ -2,8 +2,8 @@
  *
  * The bundle's module carries libcrypto, libstdc++ and libgcc inside it, and must load on the
  * distributions installers run on, whose glibc may be as old as 2.28. The archives it is linked
- * from were built against this machine's glibc and name newer symbol versions: stat at 2.33,
- * the pthread and dl functions at 2.34 (when libpthread and libdl moved into libc),
+ * from, and the module's own code, were built against this machine's glibc and name newer symbol
+ * versions: stat at 2.33, the pthread and dl functions at 2.34 (when libpthread and libdl moved into libc),
  * __libc_single_threaded at 2.32, _dl_find_object at 2.35, arc4random at 2.36.
  *
  * Each such name is defined here, hidden, so that every reference inside the module binds to this
@@ -29,6 +29,7 @@
 
 #if defined(__x86_64__)
 #define OLD_PTHREAD "GLIBC_2.2.5"
+#define OLD_PTHREAD_CREATE "GLIBC_2.2.5"
 #define OLD_PTHREAD_RWLOCK "GLIBC_2.2.5"
 #define OLD_DL "GLIBC_2.2.5"
 #define OLD_DLOPEN "GLIBC_2.2.5"
@@ -39,6 +40,7 @@
 #define STAT64_VERSION 1
 #elif defined(__i386__)
 #define OLD_PTHREAD "GLIBC_2.0"
+#define OLD_PTHREAD_CREATE "GLIBC_2.1"
 #define OLD_PTHREAD_RWLOCK "GLIBC_2.1"
 #define OLD_DL "GLIBC_2.0"
 #define OLD_DLOPEN "GLIBC_2.1"
@@ -85,7 +87,23 @@ HIDDEN int lstat64(const char* path, void* buffer) {
     return old___lxstat64(STAT64_VERSION, path, buffer);
 }
 
-/* The pthread functions that libstdc++, libgcc and libcrypto call and that glibc 2.34 moved. */
+/* The pthread functions that the module (its digest thread), libstdc++, libgcc and libcrypto call
+ * and that glibc 2.34 moved. */
+int old_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+int old_pthread_join(pthread_t, void**);
+int old_pthread_detach(pthread_t);
+OLD(pthread_create, OLD_PTHREAD_CREATE);
+OLD(pthread_join, OLD_PTHREAD);
+OLD(pthread_detach, OLD_PTHREAD);
+HIDDEN int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*), void* argument) {
+    return old_pthread_create(thread, attributes, start, argument);
+}
+HIDDEN int pthread_join(pthread_t thread, void** result) {
+    return old_pthread_join(thread, result);
+}
+HIDDEN int pthread_detach(pthread_t thread) {
+    return old_pthread_detach(thread);
+}
 int old_pthread_once(pthread_once_t*, void (*)(void));
 int old_pthread_key_create(pthread_key_t*, void (*)(void*));
 int old___pthread_key_create(pthread_key_t*, void (*)(void*));

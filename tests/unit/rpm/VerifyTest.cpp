@@ -4,6 +4,7 @@
 #include <map>
 
 #include "Digest.h"
+#include "RpmReport.h"
 #include "RpmTestSupport.h"
 
 namespace {
@@ -134,5 +135,33 @@ TEST(RpmVerify, DigestSlotsAcrossPayloadBlocks) {
         EXPECT_TRUE(copy == package.substr(0, 96) + package.substr(package.size() - c.total)) << c.total;
         signer.reset();  // the signer removes its output file
         EXPECT_FALSE(FileHelper::IsExist(temp / "out.rpm"));
+    }
+}
+
+// Packages from 1 MiB on are hashed on two threads, MD5 on the second, the signed hash on the first: a
+// flipped payload byte at the start, in the middle or in the last block is caught by MD5, and by the
+// package signature when the package's MD5 value was made over the changed payload.
+TEST(RpmVerify, LargePackagesAreHashedOnTwoThreads) {
+    TempFolder temp;
+    const std::string key = KeyFile(temp), path = temp / "big.rpm";
+    for (const size_t payload : {size_t{1} << 20, (size_t{3} << 20) + 12345}) {
+        PackageOptions o;
+        o.payload.resize(payload);
+        for (size_t i = 0; i < payload; ++i) o.payload[i] = static_cast<char>(i * 131 % 251);
+        const std::vector<Entry> entries = SignatureEntries(o);
+        EXPECT_EQ(Verify(temp.Write("big.rpm", Package(o)), key), "0 " + path + " is signed.") << payload;
+        for (const size_t flip : {size_t{0}, payload / 2, payload - 1}) {
+            PackageOptions changed = o;
+            changed.payload[flip] ^= 1;
+            EXPECT_EQ(Verify(temp.Write("big.rpm", Package(changed, &entries)), key),
+                      "3 " + path + " has invalid hash. | Invalid value of MD5 hash")
+                << payload << " " << flip;
+            std::vector<Entry> md5Matches = entries;
+            for (Entry& entry : md5Matches) {
+                if (entry.tag == 1004) entry.value = HashOf(EVP_md5(), Text(MainHeader()) + changed.payload);
+            }
+            EXPECT_EQ(Verify(temp.Write("big.rpm", Package(changed, &md5Matches)), key).substr(0, 2), "2 ")
+                << payload << " " << flip;
+        }
     }
 }

@@ -1,0 +1,134 @@
+#include "DigestPipeline.h"
+
+#include <condition_variable>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// What the two threads share. Block i lives in slot i % kSlots; the reader may fill it once the
+// worker has consumed block i - kSlots. Every field is read and written under the mutex; the block
+// bytes are written before their block is published and read after, so the lock orders them too.
+struct Ring {
+    struct Slot {
+        std::unique_ptr<char[]> bytes;
+        uint64_t position = 0;
+        size_t count = 0;
+    };
+
+    explicit Ring(size_t blockSize) : slots(DigestPipeline::kSlots) {
+        for (Slot& slot : slots) slot.bytes = std::make_unique<char[]>(blockSize);
+    }
+
+    std::vector<Slot> slots;
+    std::mutex mutex;
+    std::condition_variable changed;
+    uint64_t published = 0;  // blocks handed to the worker
+    uint64_t consumed = 0;   // blocks the worker is done with
+    bool finished = false;   // no block will be published any more
+    bool failed = false;     // the worker stopped on an exception (kept in error)
+    std::exception_ptr error;
+};
+
+void Work(Ring& ring, const DigestPipeline::Consume& back) {
+    for (uint64_t i = 0;; ++i) {
+        {
+            std::unique_lock<std::mutex> lock(ring.mutex);
+            ring.changed.wait(lock, [&] { return ring.published > i || ring.finished; });
+            if (ring.published <= i) return;  // finished, and every block consumed
+        }
+        const Ring::Slot& slot = ring.slots[i % DigestPipeline::kSlots];
+        try {
+            back(slot.bytes.get(), slot.position, slot.count);
+        } catch (...) {
+            const std::lock_guard<std::mutex> lock(ring.mutex);
+            ring.error = std::current_exception();
+            ring.failed = true;
+            ring.changed.notify_all();
+            return;
+        }
+        {
+            const std::lock_guard<std::mutex> lock(ring.mutex);
+            ring.consumed = i + 1;
+        }
+        ring.changed.notify_all();
+    }
+}
+
+// Ends the worker however the reader leaves: no more blocks, then join.
+class WorkerThread {
+public:
+    WorkerThread(Ring& ring, const DigestPipeline::Consume& back)
+        : ring_(ring), thread_([&ring, &back] { Work(ring, back); }) {}
+    WorkerThread(const WorkerThread&) = delete;
+    WorkerThread& operator=(const WorkerThread&) = delete;
+    ~WorkerThread() { Join(); }
+
+    void Join() {
+        if (!thread_.joinable()) return;
+        {
+            const std::lock_guard<std::mutex> lock(ring_.mutex);
+            ring_.finished = true;
+        }
+        ring_.changed.notify_all();
+        thread_.join();
+    }
+
+private:
+    Ring& ring_;
+    std::thread thread_;
+};
+
+uint64_t RunAlone(uint64_t position, size_t blockSize, const DigestPipeline::Read& read,
+                  const DigestPipeline::More& more, const DigestPipeline::Consume& front,
+                  const DigestPipeline::Consume& back) {
+    std::unique_ptr<char[]> block = std::make_unique<char[]>(blockSize);
+    for (;;) {
+        const size_t count = read(block.get(), position, blockSize);
+        front(block.get(), position, count);
+        back(block.get(), position, count);
+        position += count;
+        if (!more(count, position)) return position;
+    }
+}
+
+}  // namespace
+
+bool DigestPipeline::Worthwhile(uint64_t size) {
+    return size >= kThreadedFrom && std::thread::hardware_concurrency() >= 2;
+}
+
+uint64_t DigestPipeline::Run(uint64_t start, size_t blockSize, bool threaded, const Read& read, const More& more,
+                             const Consume& front, const Consume& back) {
+    if (!threaded) return RunAlone(start, blockSize, read, more, front, back);
+    Ring ring(blockSize);
+    uint64_t position = start;
+    {
+        WorkerThread worker(ring, back);  // joined when this block is left, by a throw as well
+        for (uint64_t i = 0;; ++i) {
+            Ring::Slot& slot = ring.slots[i % kSlots];
+            {
+                std::unique_lock<std::mutex> lock(ring.mutex);
+                ring.changed.wait(lock, [&] { return ring.consumed + kSlots > i || ring.failed; });
+                if (ring.failed) break;
+            }
+            const size_t count = read(slot.bytes.get(), position, blockSize);
+            front(slot.bytes.get(), position, count);
+            slot.position = position;
+            slot.count = count;
+            {
+                const std::lock_guard<std::mutex> lock(ring.mutex);
+                ring.published = i + 1;
+            }
+            ring.changed.notify_all();
+            position += count;
+            if (!more(count, position)) break;
+        }
+        worker.Join();
+    }
+    if (ring.error) std::rethrow_exception(ring.error);
+    return position;
+}

@@ -1,0 +1,93 @@
+// The pass over main header and payload: every block reaches both consumers, in order, on one thread
+// or on two; the pass ends where its caller says; a failure on either side ends it with that
+// failure, and the second thread is gone when Run returns.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "DigestPipeline.h"
+
+namespace {
+
+const size_t kBlock = 1000;
+
+struct Pass {
+    std::string front, back;
+    bool backOnOtherThread = false;
+    uint64_t end = 0;
+};
+
+// Hands data to Run in blocks of kBlock bytes; the pass ends at the first short block, as the
+// classic reader's does. failAt: the block at which read, front or back throws (none when -1).
+Pass RunPass(const std::string& data, bool threaded, const std::string& failing = "", long failAt = -1) {
+    Pass pass;
+    const std::thread::id caller = std::this_thread::get_id();
+    long reads = 0, fronts = 0, backs = 0;
+    auto fail = [&](const std::string& side, long& calls) {
+        if (side == failing && calls++ == failAt) throw std::runtime_error(side + " failed");
+    };
+    pass.end = DigestPipeline::Run(
+        0, kBlock, threaded,
+        [&](char* block, uint64_t position, size_t size) {
+            fail("read", reads);
+            const size_t count = position < data.size() ? std::min(size, data.size() - position) : 0;
+            data.copy(block, count, position);
+            return count;
+        },
+        [](size_t count, uint64_t) { return count == kBlock; },
+        [&](const char* block, uint64_t position, size_t count) {
+            fail("front", fronts);
+            EXPECT_EQ(position, pass.front.size());
+            pass.front.append(block, count);
+        },
+        [&](const char* block, uint64_t position, size_t count) {
+            fail("back", backs);
+            EXPECT_EQ(position, pass.back.size());
+            pass.back.append(block, count);
+            if (std::this_thread::get_id() != caller) pass.backOnOtherThread = true;
+        });
+    return pass;
+}
+
+}  // namespace
+
+TEST(DigestPipeline, EveryBlockReachesBothSidesInOrder) {
+    // Sizes around a block and around the ring of kSlots blocks, and many times round it.
+    const size_t ring = DigestPipeline::kSlots * kBlock;
+    for (const size_t size :
+         {size_t{0}, size_t{1}, kBlock - 1, kBlock, kBlock + 1, ring - 1, ring, ring + 1, 25 * ring + 7}) {
+        std::string data(size, 0);
+        for (size_t i = 0; i < size; ++i) data[i] = static_cast<char>(i % 253);
+        for (const bool threaded : {false, true}) {
+            const Pass pass = RunPass(data, threaded);
+            EXPECT_EQ(pass.front, data) << size << " " << threaded;
+            EXPECT_EQ(pass.back, data) << size << " " << threaded;
+            EXPECT_EQ(pass.end, size) << size << " " << threaded;
+            EXPECT_EQ(pass.backOnOtherThread, threaded) << size;
+        }
+    }
+}
+
+TEST(DigestPipeline, AFailureOnEitherSideEndsThePassWithIt) {
+    const std::string data(40 * kBlock, 'x');
+    for (const bool threaded : {false, true}) {
+        for (const std::string side : {"read", "front", "back"}) {
+            for (const long at : {0L, 1L, 9L, 39L}) {  // 9: after the ring is full once
+                try {
+                    RunPass(data, threaded, side, at);
+                    ADD_FAILURE() << side << " " << at << " did not fail";
+                } catch (const std::runtime_error& e) {
+                    EXPECT_EQ(std::string(e.what()), side + " failed") << threaded << " " << at;
+                }
+            }
+        }
+    }
+}
+
+TEST(DigestPipeline, ASecondThreadOnlyForLargeStretches) {
+    EXPECT_FALSE(DigestPipeline::Worthwhile(DigestPipeline::kThreadedFrom - 1));
+    EXPECT_EQ(DigestPipeline::Worthwhile(DigestPipeline::kThreadedFrom), std::thread::hardware_concurrency() >= 2);
+}
