@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "CertificateManager.h"
+#include "RpmReport.h"
 #include "RpmWriter.h"
 #include "TestSupport.h"
 #include "rpmutil.h"
@@ -83,22 +84,48 @@ TEST(Soak, AHostileSignatureHeaderCostsASmallMultipleOfItsSize) {
     EXPECT_TRUE(kSanitized || before <= 0 || grown < 4 * sizeKiB) << grown;
 }
 
-// Two host threads, two keys: each call gives the answer a lone call gives. The same package is
-// signed with one key and refused with the other, so a key that leaks from one call into another
-// shows as a wrong status.
+// Two host threads, two keys, both policies: each call gives the answer a lone call gives. The same
+// package is signed with one key and refused with the other, so a key that leaks from one call into
+// another shows as a wrong status. Packages of 2 MiB are hashed on a second thread of their call, so
+// both threads' calls run their own digest threads at the same time.
 TEST(Threads, CallsWithTwoKeysOnTwoThreadsGiveTheAnswersOfLoneCalls) {
+    using namespace rpm;
+    TempFolder temp;
+    const std::string testKey =
+        temp.Write("key.asc", pgp::Armor(pgp::KeyBlock(TestKey(2048), pgp::SignatureOptions().issuer)));
+    PackageOptions large;
+    large.payload = std::string(2 << 20, 'l');
+    const std::string bytes = Package(large);
+    const std::string big = temp.Write("big.rpm", bytes);
+    std::string tampered = bytes;
+    tampered.back() ^= 1;
+    const std::string bigTampered = temp.Write("big-tampered.rpm", tampered);
     struct Case {
         std::string package, key;
         int status;
+        SigningPolicy policy;
     };
-    const std::vector<Case> cases[2] = {
-        {{"signed-sha256.rpm", "publisher-2048", 0}, {"other-key.rpm", "publisher-2048", 2}},
-        {{"signed-sha256.rpm", "other-2048", 2}, {"other-key.rpm", "other-2048", 0}}};
+    const auto fixture = [](const std::string& name) { return kData + "/rpm/" + name; };
+    const auto key = [](const std::string& name) { return kData + "/keys/" + name + ".asc"; };
+    const SigningPolicy classic = SigningPolicy::Classic, current = SigningPolicy::Current;
+    const std::vector<Case> cases[2] = {{{fixture("signed-sha256.rpm"), key("publisher-2048"), 0, classic},
+                                         {fixture("other-key.rpm"), key("publisher-2048"), 2, classic},
+                                         {fixture("signed-sha256.rpm"), key("publisher-2048"), 0, current},
+                                         {big, testKey, 0, classic},
+                                         {bigTampered, testKey, 3, classic}},
+                                        {{fixture("signed-sha256.rpm"), key("other-2048"), 2, classic},
+                                         {fixture("other-key.rpm"), key("other-2048"), 0, classic},
+                                         {fixture("other-key.rpm"), key("other-2048"), 0, current},
+                                         {bigTampered, testKey, 3, classic},
+                                         {big, testKey, 0, classic}}};
     std::atomic<int> wrong{0};
     auto run = [&](const std::vector<Case>& mine) {
         for (int i = 0; i < 300; ++i) {
             const Case& c = mine[static_cast<size_t>(i) % mine.size()];
-            if (Verify(kData + "/rpm/" + c.package, kData + "/keys/" + c.key + ".asc").first != c.status) ++wrong;
+            RpmReport report;
+            RpmVerifyResult result = rpm_verify_report(c.package.c_str(), c.key.c_str(), report, c.policy);
+            if (result.status != c.status) ++wrong;
+            std::free(result.message);
         }
     };
     std::thread first(run, cases[0]), second(run, cases[1]);
