@@ -40,7 +40,7 @@ std::pair<int, std::string> Verify(const std::string& file, const std::string& k
     return answer;
 }
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)  // their own memory per thread and allocation
 const bool kSanitized = true;
 #else
 const bool kSanitized = false;
