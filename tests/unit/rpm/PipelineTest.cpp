@@ -33,8 +33,9 @@ Pass RunPass(const std::string& data, bool threaded, const std::string& failing 
         0, kBlock, threaded,
         [&](char* block, uint64_t position, size_t size) {
             fail("read", reads);
-            const size_t count = position < data.size() ? std::min(size, data.size() - position) : 0;
-            data.copy(block, count, position);
+            const auto at = static_cast<size_t>(position);
+            const size_t count = at < data.size() ? std::min(size, data.size() - at) : 0;
+            data.copy(block, count, at);
             return count;
         },
         [](size_t count, uint64_t) { return count == kBlock; },
