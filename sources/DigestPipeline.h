@@ -14,9 +14,10 @@ class DigestPipeline {
 public:
     // Blocks in flight between the two threads: 8 of 64 KiB.
     static constexpr unsigned int kSlots = 8;
-    // Stretches of at least this many bytes are hashed on two threads (measured: below it, starting
-    // and ending the thread costs more than it saves).
-    static constexpr uint64_t kThreadedFrom = 1024 * 1024;
+    // Stretches of at least this many bytes are hashed on two threads (bench/threshold: from here
+    // on two threads take two thirds of one thread's time; below 256 KiB starting and ending the
+    // thread costs more than it saves).
+    static constexpr uint64_t kThreadedFrom = 512 * 1024;
 
     // Reads up to size bytes at position into block; returns the count read. Throws on errors.
     using Read = std::function<size_t(char* block, uint64_t position, size_t size)>;

@@ -138,7 +138,7 @@ TEST(RpmVerify, DigestSlotsAcrossPayloadBlocks) {
     }
 }
 
-// Packages from 1 MiB on are hashed on two threads, MD5 on the second, the signed hash on the first: a
+// Packages from 512 KiB on are hashed on two threads, MD5 on the second, the signed hash on the first: a
 // flipped payload byte at the start, in the middle or in the last block is caught by MD5, and by the
 // package signature when the package's MD5 value was made over the changed payload.
 TEST(RpmVerify, LargePackagesAreHashedOnTwoThreads) {
