@@ -250,18 +250,7 @@ public:
     }
     void Update(const void* data, size_t size) { EVP_DigestUpdate(context_.get(), data, size); }
     const EVP_MD_CTX* Context() const { return context_.get(); }
-    // Rough time per byte against MD5's, on x86 processors with SHA extensions (where SHA-1 and
-    // SHA-256 are the fast ones): enough to share hashes between two threads.
-    double Cost() const {
-        switch (id_) {
-            case kHashSha1:
-            case kHashSha256:
-            case 11:  // SHA-224
-                return 0.5;
-            case kHashSha3256: return 1.5;
-            default: return 1.0;  // MD5, SHA-384, SHA-512
-        }
-    }
+    double Cost() const { return DigestPipeline::Cost(id_); }
     // The value of a copy, in lower-case hexadecimal.
     std::string HexValue() const {
         const EvpMdCtxHandle copy(EVP_MD_CTX_new());
@@ -474,18 +463,16 @@ private:
         // package is hashed on two cores.
         struct Lane {
             std::vector<Hash*> package, payload;
-            double load = 0;
         } lanes[2];
-        lanes[0].load = 0.25;                         // reading the blocks
         std::vector<std::pair<Hash*, bool>> streams;  // the hash, and whether it covers the payload only
         for (auto& hash : packageHashes_) streams.emplace_back(hash.second.get(), false);
         for (auto& hash : payloadHashes_) streams.emplace_back(hash.second.get(), true);
-        std::stable_sort(streams.begin(), streams.end(),
-                         [](const auto& a, const auto& b) { return a.first->Cost() > b.first->Cost(); });
-        for (const auto& [hash, payloadOnly] : streams) {
-            Lane& lane = lanes[1].load < lanes[0].load ? lanes[1] : lanes[0];
-            (payloadOnly ? lane.payload : lane.package).push_back(hash);
-            lane.load += hash->Cost();
+        std::vector<double> costs;
+        for (const auto& stream : streams) costs.push_back(stream.first->Cost());
+        const std::vector<bool> second = DigestPipeline::Share(costs);
+        for (size_t i = 0; i < streams.size(); ++i) {
+            Lane& lane = lanes[second[i] ? 1 : 0];
+            (streams[i].second ? lane.payload : lane.package).push_back(streams[i].first);
         }
         const uint64_t headerEnd = main.End();
         const auto feed = [headerEnd](const Lane& lane, const char* block, uint64_t position, size_t count) {
@@ -509,7 +496,8 @@ private:
             feed(lanes[1], block, position, count);
         };
         if (main.start < size) {
-            const bool threaded = lanes[1].load > 0 && DigestPipeline::Worthwhile(size - main.start);
+            const bool threaded = (!lanes[1].package.empty() || !lanes[1].payload.empty()) &&
+                                  DigestPipeline::Worthwhile(size - main.start);
             DigestPipeline::Run(main.start, kBlockSize, threaded, read, more, front, back);
         }
         payloadLength_ = file_.Size() > main.End() ? file_.Size() - main.End() : 0;

@@ -1,5 +1,6 @@
 #include "DigestPipeline.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <exception>
 #include <memory>
@@ -96,6 +97,41 @@ uint64_t RunAlone(uint64_t position, size_t blockSize, const DigestPipeline::Rea
 }
 
 }  // namespace
+
+double DigestPipeline::Cost(unsigned int hashId) {
+    const bool bits32 = sizeof(void*) == 4;
+    switch (hashId) {
+        case 2:   // SHA-1
+        case 8:   // SHA-256
+        case 11:  // SHA-224
+            return 0.4;
+        case 9:   // SHA-384
+        case 10:  // SHA-512
+            return bits32 ? 1.75 : 0.75;
+        case 12:  // SHA3-256
+        case 14:  // SHA3-512
+            return 1.5;
+        default: return 1.0;  // MD5, and what is not known
+    }
+}
+
+std::vector<bool> DigestPipeline::Share(const std::vector<double>& costs) {
+    std::vector<size_t> order(costs.size());
+    for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+    std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return costs[a] > costs[b]; });
+    std::vector<bool> second(costs.size(), false);
+    if (costs.size() < 2) return second;
+    double first = 0.25, other = 0;  // the calling thread reads
+    for (const size_t i : order) {
+        if (other < first) {
+            second[i] = true;
+            other += costs[i];
+        } else {
+            first += costs[i];
+        }
+    }
+    return second;
+}
 
 bool DigestPipeline::Worthwhile(uint64_t size) {
     return size >= kThreadedFrom && std::thread::hardware_concurrency() >= 2;

@@ -16,6 +16,19 @@ const uint32_t kSignatureTypeOffset = 78;  // in the lead
 const uint16_t kHeaderStyleSignature = 5;
 const uint32_t kRegionTag = 62;  // the first entry of a signature header: header-signatures region
 
+// The OpenPGP id of a hash algorithm (RFC 4880, 9.4), by which DigestPipeline::Cost knows it.
+unsigned int OpenPgpHashId(soapWrap::HashAlgorithm hash) {
+    switch (hash) {
+        case soapWrap::Md5: return 1;
+        case soapWrap::Sha1: return 2;
+        case soapWrap::Sha256: return 8;
+        case soapWrap::Sha384: return 9;
+        case soapWrap::Sha512: return 10;
+        case soapWrap::Sha224: return 11;
+        default: return 0;
+    }
+}
+
 // A part of the file: where it starts and how many bytes it takes. In 64 bits, a start below 2^32
 // plus 16 x a 32-bit count plus a 32-bit size cannot wrap.
 struct Section {
@@ -140,16 +153,26 @@ PackageDigests PackageReader::DigestPackage(uint64_t headerOffset, const HeaderS
     }
     DigestBase* const headerDigests[] = {digests.headerSha1.get(), digests.headerSigned.get(),
                                          digests.headerSha1Extra.get()};
-    DigestBase* const signed_ = digests.packageSigned.get();
-    DigestBase* const sha1Extra = digests.packageSha1Extra.get();
-    DigestBase* const md5 = digests.packageMd5.get();
+    // Over header and payload: MD5, the signed hash and (signing path) SHA-1, shared between the two
+    // threads by their cost; the header digests, on the part of a block inside the main header, and
+    // the copy stay with the reading thread.
+    DigestBase* const packageDigests[] = {digests.packageMd5.get(), digests.packageSigned.get(),
+                                          digests.packageSha1Extra.get()};
+    const unsigned int hashIds[] = {1, OpenPgpHashId(hash), 2};
+    std::vector<DigestBase*> lanes[2];
+    std::vector<double> costs;
+    std::vector<DigestBase*> present;
+    for (size_t i = 0; i < 3; ++i) {
+        if (packageDigests[i] == nullptr) continue;
+        present.push_back(packageDigests[i]);
+        costs.push_back(DigestPipeline::Cost(hashIds[i]));
+    }
+    const std::vector<bool> second = DigestPipeline::Share(costs);
+    for (size_t i = 0; i < present.size(); ++i) lanes[second[i] ? 1 : 0].push_back(present[i]);
 
     input_.AdviseSequential(headerOffset);
     const uint32_t blockSize = input_.GetBufferSize();
     const uint64_t fileSize = FileHelper::GetSize(input_.GetPath());
-    // Read, the header digests on the part of a block inside the main header, the signed hash (and
-    // the signing path's SHA-1) and the copy on this thread; MD5 on the other one when the package
-    // is large enough to share the work.
     const auto read = [&](char* block, uint64_t position, size_t size) -> size_t {
         const int32_t count = input_.Read(block, position, size);
         if (count < 0) {
@@ -166,14 +189,14 @@ PackageDigests PackageReader::DigestPackage(uint64_t headerOffset, const HeaderS
                 if (digest != nullptr) digest->Update(block, inHeader);
             }
         }
-        signed_->Update(block, static_cast<unsigned int>(count));
-        if (sha1Extra != nullptr) sha1Extra->Update(block, static_cast<unsigned int>(count));
+        for (DigestBase* digest : lanes[0]) digest->Update(block, static_cast<unsigned int>(count));
         if (copy != nullptr) copy->WriteBlock(block, static_cast<uint32_t>(count));
     };
-    const auto back = [md5](const char* block, uint64_t, size_t count) {
-        md5->Update(block, static_cast<unsigned int>(count));
+    const auto back = [&lanes](const char* block, uint64_t, size_t count) {
+        for (DigestBase* digest : lanes[1]) digest->Update(block, static_cast<unsigned int>(count));
     };
-    const bool threaded = DigestPipeline::Worthwhile(fileSize > headerOffset ? fileSize - headerOffset : 0);
+    const bool threaded =
+        !lanes[1].empty() && DigestPipeline::Worthwhile(fileSize > headerOffset ? fileSize - headerOffset : 0);
     const uint64_t position = DigestPipeline::Run(headerOffset, blockSize, threaded, read, more, front, back);
     if (position < main.End()) {
         throw InvalidFileStructureException("Header section: the header could not be read");

@@ -92,3 +92,22 @@ TEST(DigestPipeline, ASecondThreadOnlyForLargeStretches) {
     EXPECT_FALSE(DigestPipeline::Worthwhile(DigestPipeline::kThreadedFrom - 1));
     EXPECT_EQ(DigestPipeline::Worthwhile(DigestPipeline::kThreadedFrom), std::thread::hardware_concurrency() >= 2);
 }
+
+// The costliest hash goes to the second thread, then each to the thread with less work, the calling
+// thread starting with the reading (0.25): rows of costs and the hashes that go to the second thread.
+TEST(DigestPipeline, HashesAreSharedByCost) {
+    const struct {
+        std::vector<double> costs;
+        std::vector<bool> second;
+    } rows[] = {{{}, {}},
+                {{1.0}, {false}},
+                {{1.0, 0.75}, {true, false}},             // MD5, SHA-512 on x86-64
+                {{1.0, 1.75}, {false, true}},             // MD5, SHA-512 on i386
+                {{1.0, 1.0}, {true, false}},              // a tie: the first one
+                {{1.0, 0.4, 0.4}, {true, false, false}},  // MD5, SHA-256 payload and package
+                {{0.4, 1.0, 0.75, 0.4}, {false, true, false, true}}};
+    for (const auto& row : rows) EXPECT_EQ(DigestPipeline::Share(row.costs), row.second) << row.costs.size();
+    EXPECT_EQ(DigestPipeline::Cost(1), 1.0);
+    EXPECT_EQ(DigestPipeline::Cost(10), sizeof(void*) == 4 ? 1.75 : 0.75);
+    EXPECT_LT(DigestPipeline::Cost(8), DigestPipeline::Cost(1));
+}
