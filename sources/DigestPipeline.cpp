@@ -13,6 +13,9 @@ namespace {
 // What the two threads share. Block i lives in slot i % kSlots; the reader may fill it once the
 // worker has consumed block i - kSlots. Every field is read and written under the mutex; the block
 // bytes are written before their block is published and read after, so the lock orders them too.
+// A side that has to wait says so, and the other wakes it only then: the reader, when the ring is
+// full, waits for half of it to be free, so that it is woken once per kSlots / 2 blocks, not once
+// per block.
 struct Ring {
     struct Slot {
         std::unique_ptr<char[]> bytes;
@@ -26,11 +29,14 @@ struct Ring {
 
     std::vector<Slot> slots;
     std::mutex mutex;
-    std::condition_variable changed;
-    uint64_t published = 0;  // blocks handed to the worker
-    uint64_t consumed = 0;   // blocks the worker is done with
-    bool finished = false;   // no block will be published any more
-    bool failed = false;     // the worker stopped on an exception (kept in error)
+    std::condition_variable forReader, forWorker;
+    uint64_t published = 0;    // blocks handed to the worker
+    uint64_t consumed = 0;     // blocks the worker is done with
+    bool finished = false;     // no block will be published any more
+    bool failed = false;       // the worker stopped on an exception (kept in error)
+    bool readerWaits = false;  // the reader waits until consumed reaches readerNeeds
+    uint64_t readerNeeds = 0;
+    bool workerWaits = false;  // the worker waits for a block or the end
     std::exception_ptr error;
 };
 
@@ -38,24 +44,33 @@ void Work(Ring& ring, const DigestPipeline::Consume& back) {
     for (uint64_t i = 0;; ++i) {
         {
             std::unique_lock<std::mutex> lock(ring.mutex);
-            ring.changed.wait(lock, [&] { return ring.published > i || ring.finished; });
+            const auto ready = [&] { return ring.published > i || ring.finished; };
+            if (!ready()) {
+                ring.workerWaits = true;
+                ring.forWorker.wait(lock, ready);
+                ring.workerWaits = false;
+            }
             if (ring.published <= i) return;  // finished, and every block consumed
         }
         const Ring::Slot& slot = ring.slots[i % DigestPipeline::kSlots];
         try {
             back(slot.bytes.get(), slot.position, slot.count);
         } catch (...) {
-            const std::lock_guard<std::mutex> lock(ring.mutex);
-            ring.error = std::current_exception();
-            ring.failed = true;
-            ring.changed.notify_all();
+            {
+                const std::lock_guard<std::mutex> lock(ring.mutex);
+                ring.error = std::current_exception();
+                ring.failed = true;
+            }
+            ring.forReader.notify_one();
             return;
         }
+        bool wake = false;
         {
             const std::lock_guard<std::mutex> lock(ring.mutex);
             ring.consumed = i + 1;
+            wake = ring.readerWaits && ring.consumed >= ring.readerNeeds;
         }
-        ring.changed.notify_all();
+        if (wake) ring.forReader.notify_one();
     }
 }
 
@@ -74,7 +89,7 @@ public:
             const std::lock_guard<std::mutex> lock(ring_.mutex);
             ring_.finished = true;
         }
-        ring_.changed.notify_all();
+        ring_.forWorker.notify_one();
         thread_.join();
     }
 
@@ -147,19 +162,28 @@ uint64_t DigestPipeline::Run(uint64_t start, size_t blockSize, bool threaded, co
         for (uint64_t i = 0;; ++i) {
             Ring::Slot& slot = ring.slots[i % kSlots];
             {
+                // Slot i is free once block i - kSlots is consumed; when it is not, wait until half
+                // of the ring is.
                 std::unique_lock<std::mutex> lock(ring.mutex);
-                ring.changed.wait(lock, [&] { return ring.consumed + kSlots > i || ring.failed; });
+                if (ring.consumed + kSlots <= i && !ring.failed) {
+                    ring.readerNeeds = i + 1 - kSlots + kSlots / 2;
+                    ring.readerWaits = true;
+                    ring.forReader.wait(lock, [&] { return ring.consumed >= ring.readerNeeds || ring.failed; });
+                    ring.readerWaits = false;
+                }
                 if (ring.failed) break;
             }
             const size_t count = read(slot.bytes.get(), position, blockSize);
             front(slot.bytes.get(), position, count);
             slot.position = position;
             slot.count = count;
+            bool wake = false;
             {
                 const std::lock_guard<std::mutex> lock(ring.mutex);
                 ring.published = i + 1;
+                wake = ring.workerWaits;
             }
-            ring.changed.notify_all();
+            if (wake) ring.forWorker.notify_one();
             position += count;
             if (!more(count, position)) break;
         }
