@@ -13,9 +13,11 @@ namespace {
 // What the two threads share. Block i lives in slot i % kSlots; the reader may fill it once the
 // worker has consumed block i - kSlots. Every field is read and written under the mutex; the block
 // bytes are written before their block is published and read after, so the lock orders them too.
-// A side that has to wait says so, and the other wakes it only then: the reader, when the ring is
-// full, waits for half of it to be free, so that it is woken once per kSlots / 2 blocks, not once
-// per block.
+// A side that has to wait says so, and the other wakes it only then, and not at once: the reader,
+// when the ring is full, waits for half of it to be free, the worker, when it is empty, for half of
+// it to be filled (or the end), so that a side that is faster than the other is woken once per
+// kSlots / 2 blocks, not once per block. (Each wake-up costs the sleeper's core the time to come
+// back from idle, up to a tenth of a millisecond.)
 struct Ring {
     struct Slot {
         std::unique_ptr<char[]> bytes;
@@ -36,18 +38,20 @@ struct Ring {
     bool failed = false;       // the worker stopped on an exception (kept in error)
     bool readerWaits = false;  // the reader waits until consumed reaches readerNeeds
     uint64_t readerNeeds = 0;
-    bool workerWaits = false;  // the worker waits for a block or the end
+    bool workerWaits = false;  // the worker waits until published reaches workerNeeds, or the end
+    uint64_t workerNeeds = 0;
     std::exception_ptr error;
 };
 
 void Work(Ring& ring, const DigestPipeline::Consume& back) {
     for (uint64_t i = 0;; ++i) {
         {
+            // When no block is there, wait until half of the ring is filled, or the end.
             std::unique_lock<std::mutex> lock(ring.mutex);
-            const auto ready = [&] { return ring.published > i || ring.finished; };
-            if (!ready()) {
+            if (ring.published <= i && !ring.finished) {
+                ring.workerNeeds = i + DigestPipeline::kSlots / 2;
                 ring.workerWaits = true;
-                ring.forWorker.wait(lock, ready);
+                ring.forWorker.wait(lock, [&] { return ring.published >= ring.workerNeeds || ring.finished; });
                 ring.workerWaits = false;
             }
             if (ring.published <= i) return;  // finished, and every block consumed
@@ -181,7 +185,7 @@ uint64_t DigestPipeline::Run(uint64_t start, size_t blockSize, bool threaded, co
             {
                 const std::lock_guard<std::mutex> lock(ring.mutex);
                 ring.published = i + 1;
-                wake = ring.workerWaits;
+                wake = ring.workerWaits && ring.published >= ring.workerNeeds;
             }
             if (wake) ring.forWorker.notify_one();
             position += count;
