@@ -49,7 +49,8 @@ void Work(Ring& ring, const DigestPipeline::Consume& back) {
             // When no block is there, wait until half of the ring is filled, or the end.
             std::unique_lock<std::mutex> lock(ring.mutex);
             if (ring.published <= i && !ring.finished) {
-                ring.workerNeeds = i + DigestPipeline::kSlots / 2;
+                // (Not at the start: there the reader has just begun to fill the ring.)
+                ring.workerNeeds = i < DigestPipeline::kSlots ? i + 1 : i + DigestPipeline::kSlots / 2;
                 ring.workerWaits = true;
                 ring.forWorker.wait(lock, [&] { return ring.published >= ring.workerNeeds || ring.finished; });
                 ring.workerWaits = false;
