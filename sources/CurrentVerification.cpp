@@ -467,8 +467,8 @@ private:
         std::vector<std::pair<Hash*, bool>> streams;  // the hash, and whether it covers the payload only
         for (auto& hash : packageHashes_) streams.emplace_back(hash.second.get(), false);
         for (auto& hash : payloadHashes_) streams.emplace_back(hash.second.get(), true);
-        std::vector<double> costs;
-        for (const auto& stream : streams) costs.push_back(stream.first->Cost());
+        std::vector<double> costs(streams.size());
+        for (size_t i = 0; i < streams.size(); ++i) costs[i] = streams[i].first->Cost();
         const std::vector<bool> second = DigestPipeline::Share(costs);
         for (size_t i = 0; i < streams.size(); ++i) {
             Lane& lane = lanes[second[i] ? 1 : 0];

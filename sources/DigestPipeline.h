@@ -18,7 +18,7 @@ public:
     // Stretches of at least this many bytes are hashed on two threads (bench/threshold: from here
     // on two threads take two thirds of one thread's time; below 256 KiB starting and ending the
     // thread costs more than it saves).
-    static constexpr uint64_t kThreadedFrom = 512 * 1024;
+    static constexpr uint64_t kThreadedFrom = uint64_t{512} * 1024;
 
     // Reads up to size bytes at position into block; returns the count read. Throws on errors.
     using Read = std::function<size_t(char* block, uint64_t position, size_t size)>;
