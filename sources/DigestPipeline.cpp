@@ -5,6 +5,7 @@
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -163,7 +164,14 @@ uint64_t DigestPipeline::Run(uint64_t start, size_t blockSize, bool threaded, co
     Ring ring(blockSize);
     uint64_t position = start;
     {
-        WorkerThread worker(ring, back);  // joined when this block is left, by a throw as well
+        std::unique_ptr<WorkerThread> worker;  // joined when this block is left, by a throw as well
+        try {
+            worker = std::make_unique<WorkerThread>(ring, back);
+        } catch (const std::system_error&) {
+            // No thread to be had (a limit of the host's, such as its address space): the calling
+            // thread does it all, as for a small package.
+            return RunAlone(start, blockSize, read, more, front, back);
+        }
         for (uint64_t i = 0;; ++i) {
             Ring::Slot& slot = ring.slots[i % kSlots];
             {
@@ -192,7 +200,7 @@ uint64_t DigestPipeline::Run(uint64_t start, size_t blockSize, bool threaded, co
             position += count;
             if (!more(count, position)) break;
         }
-        worker.Join();
+        worker->Join();
     }
     if (ring.error) std::rethrow_exception(ring.error);
     return position;

@@ -2,8 +2,12 @@
 // or on two; the pass ends where its caller says; a failure on either side ends it with that
 // failure, and the second thread is gone when Run returns.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -110,4 +114,36 @@ TEST(DigestPipeline, HashesAreSharedByCost) {
     EXPECT_EQ(DigestPipeline::Cost(1), 1.0);
     EXPECT_EQ(DigestPipeline::Cost(10), sizeof(void*) == 4 ? 1.75 : 0.75);
     EXPECT_LT(DigestPipeline::Cost(8), DigestPipeline::Cost(1));
+}
+
+// A host that has no room for another thread (here: an address space too small for a thread's
+// stack) still gets every block through both sides, on its own thread. Run in a process of its own,
+// which has no stacks of earlier threads to reuse.
+TEST(DigestPipeline, WithoutRoomForAThreadTheCallingThreadDoesItAll) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizers reserve more address space than the limit leaves";
+#else
+    const char* const name = "DigestPipeline.WithoutRoomForAThreadTheCallingThreadDoesItAll";
+    if (std::getenv("SIGNING_TEST_NO_ROOM") == nullptr) {
+        char self[4096] = {};
+        ASSERT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
+        const std::string command =
+            std::string("SIGNING_TEST_NO_ROOM=1 '") + self + "' --gtest_filter=" + name + " > /dev/null 2>&1";
+        EXPECT_EQ(std::system(command.c_str()), 0);
+        return;
+    }
+    std::string data(40 * kBlock + 3, 0);
+    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i % 249);
+    // Room for the ring and the copies, not for a thread's stack of 8 MiB.
+    std::ifstream statm("/proc/self/statm");
+    unsigned long pages = 0;
+    statm >> pages;
+    const rlim_t limit = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + 4 * 1024 * 1024;
+    const rlimit room{limit, limit};
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &room), 0);
+    const Pass pass = RunPass(data, true);
+    EXPECT_EQ(pass.front, data);
+    EXPECT_EQ(pass.back, data);
+    EXPECT_FALSE(pass.backOnOtherThread);
+#endif
 }
