@@ -489,7 +489,9 @@ private:
         const auto front = [&](const char* block, uint64_t position, size_t count) {
             const uint64_t end = position + count;
             const size_t inHeader = position < headerEnd ? static_cast<size_t>(std::min(end, headerEnd) - position) : 0;
-            for (auto& hash : headerHashes_) hash.second->Update(block, inHeader);
+            if (inHeader > 0) {
+                for (auto& hash : headerHashes_) hash.second->Update(block, inHeader);
+            }
             feed(lanes[0], block, position, count);
         };
         const auto back = [&](const char* block, uint64_t position, size_t count) {

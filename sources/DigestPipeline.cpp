@@ -9,6 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include "PgpPacket.h"
+
 namespace {
 
 // What the two threads share. Block i lives in slot i % kSlots; the reader may fill it once the
@@ -122,13 +124,11 @@ uint64_t RunAlone(uint64_t position, size_t blockSize, const DigestPipeline::Rea
 double DigestPipeline::Cost(unsigned int hashId) {
     const bool bits32 = sizeof(void*) == 4;
     switch (hashId) {
-        case 2:   // SHA-1
-        case 8:   // SHA-256
-        case 11:  // SHA-224
-            return 0.4;
-        case 9:   // SHA-384
-        case 10:  // SHA-512
-            return bits32 ? 1.75 : 0.75;
+        case PgpHashSha1:
+        case PgpHashSha256:
+        case PgpHashSha224: return 0.4;
+        case PgpHashSha384:
+        case PgpHashSha512: return bits32 ? 1.75 : 0.75;
         case 12:  // SHA3-256
         case 14:  // SHA3-512
             return 1.5;

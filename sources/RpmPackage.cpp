@@ -19,12 +19,12 @@ const uint32_t kRegionTag = 62;  // the first entry of a signature header: heade
 // The OpenPGP id of a hash algorithm (RFC 4880, 9.4), by which DigestPipeline::Cost knows it.
 unsigned int OpenPgpHashId(soapWrap::HashAlgorithm hash) {
     switch (hash) {
-        case soapWrap::Md5: return 1;
-        case soapWrap::Sha1: return 2;
-        case soapWrap::Sha256: return 8;
-        case soapWrap::Sha384: return 9;
-        case soapWrap::Sha512: return 10;
-        case soapWrap::Sha224: return 11;
+        case soapWrap::Md5: return PgpHashMd5;
+        case soapWrap::Sha1: return PgpHashSha1;
+        case soapWrap::Sha256: return PgpHashSha256;
+        case soapWrap::Sha384: return PgpHashSha384;
+        case soapWrap::Sha512: return PgpHashSha512;
+        case soapWrap::Sha224: return PgpHashSha224;
         default: return 0;
     }
 }
@@ -140,7 +140,8 @@ PackageDigests PackageReader::DigestPackage(uint64_t headerOffset, const HeaderS
                                             soapWrap::HashAlgorithm hash, FileHelper* copy, bool signingDigests) const {
     RequireBounds("Header section", header, kMainHeaderBounds);
     const Section main{headerOffset, sizeof header + IndexAndStoreSize(header)};
-    RequireInFile("Header section", main, header, FileHelper::GetSize(input_.GetPath()));
+    const uint64_t fileSize = FileHelper::GetSize(input_.GetPath());
+    RequireInFile("Header section", main, header, fileSize);
 
     PackageDigests digests;
     digests.headerSha1 = std::make_unique<Digest>(soapWrap::Sha1);
@@ -158,7 +159,7 @@ PackageDigests PackageReader::DigestPackage(uint64_t headerOffset, const HeaderS
     // the copy stay with the reading thread.
     DigestBase* const packageDigests[] = {digests.packageMd5.get(), digests.packageSigned.get(),
                                           digests.packageSha1Extra.get()};
-    const unsigned int hashIds[] = {1, OpenPgpHashId(hash), 2};
+    const unsigned int hashIds[] = {PgpHashMd5, OpenPgpHashId(hash), PgpHashSha1};
     std::vector<DigestBase*> lanes[2];
     std::vector<double> costs;
     std::vector<DigestBase*> present;
@@ -172,7 +173,6 @@ PackageDigests PackageReader::DigestPackage(uint64_t headerOffset, const HeaderS
 
     input_.AdviseSequential(headerOffset);
     const uint32_t blockSize = input_.GetBufferSize();
-    const uint64_t fileSize = FileHelper::GetSize(input_.GetPath());
     const auto read = [&](char* block, uint64_t position, size_t size) -> size_t {
         const int32_t count = input_.Read(block, position, size);
         if (count < 0) {
