@@ -1,5 +1,9 @@
 #include "DigestPipeline.h"
 
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
+
 #include <algorithm>
 #include <condition_variable>
 #include <exception>
@@ -85,8 +89,20 @@ void Work(Ring& ring, const DigestPipeline::Consume& back) {
 // Ends the worker however the reader leaves: no more blocks, then join.
 class WorkerThread {
 public:
-    WorkerThread(Ring& ring, const DigestPipeline::Consume& back)
-        : ring_(ring), thread_([&ring, &back] { Work(ring, back); }) {}
+    // The thread starts with every signal blocked, so that the host's signal handlers run on the
+    // host's own threads only.
+    WorkerThread(Ring& ring, const DigestPipeline::Consume& back) : ring_(ring) {
+        sigset_t all, before;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before);
+        try {
+            thread_ = std::thread([&ring, &back] { Work(ring, back); });
+        } catch (...) {
+            pthread_sigmask(SIG_SETMASK, &before, nullptr);
+            throw;
+        }
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    }
     WorkerThread(const WorkerThread&) = delete;
     WorkerThread& operator=(const WorkerThread&) = delete;
     ~WorkerThread() { Join(); }
@@ -155,7 +171,11 @@ std::vector<bool> DigestPipeline::Share(const std::vector<double>& costs) {
 }
 
 bool DigestPipeline::Worthwhile(uint64_t size) {
-    return size >= kThreadedFrom && std::thread::hardware_concurrency() >= 2;
+    if (size < kThreadedFrom) return false;
+    // The cores this process may run on (a host pinned to one core gains nothing from a thread).
+    cpu_set_t cores;
+    if (sched_getaffinity(0, sizeof cores, &cores) == 0) return CPU_COUNT(&cores) >= 2;
+    return std::thread::hardware_concurrency() >= 2;
 }
 
 uint64_t DigestPipeline::Run(uint64_t start, size_t blockSize, bool threaded, const Read& read, const More& more,

@@ -1,8 +1,8 @@
 #pragma once
 // One pass over a stretch of a package (the main header and the payload) in blocks, each block handed
 // to two consumers: the digests of the calling thread, which also reads, and those of a second
-// thread, so that a large package is hashed on two cores. A small stretch, or a machine with one
-// core, is done on the calling thread alone, the two consumers one after the other.
+// thread, so that a large package is hashed on two cores. A small stretch, or a process that may
+// run on one core only, is done on the calling thread alone, the two consumers one after the other.
 //
 // The second thread lives for one Run: it is started there and joined before Run returns or throws.
 // Blocks travel through a ring of kSlots buffers, so memory stays at kSlots blocks whatever the size.

@@ -17,13 +17,16 @@
 #include <dlfcn.h>
 #include <elf.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <link.h>
 #include <pthread.h>
+#include <signal.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <sys/random.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #define HIDDEN __attribute__((visibility("hidden")))
 
@@ -103,6 +106,12 @@ HIDDEN int pthread_join(pthread_t thread, void** result) {
 }
 HIDDEN int pthread_detach(pthread_t thread) {
     return old_pthread_detach(thread);
+}
+/* pthread_sigmask: in libc since glibc 2.32. */
+int old_pthread_sigmask(int, const sigset_t*, sigset_t*);
+OLD(pthread_sigmask, OLD_PTHREAD);
+HIDDEN int pthread_sigmask(int how, const sigset_t* set, sigset_t* before) {
+    return old_pthread_sigmask(how, set, before);
 }
 int old_pthread_once(pthread_once_t*, void (*)(void));
 int old_pthread_key_create(pthread_key_t*, void (*)(void*));
@@ -192,17 +201,29 @@ HIDDEN int dladdr(const void* address, Dl_info* info) {
     return old_dladdr(address, info);
 }
 
-/* A random 32-bit number from the kernel (getrandom: glibc 2.25). Like glibc's own, it cannot fail:
- * without entropy the process stops. */
+/* A random 32-bit number from the kernel (getrandom: glibc 2.25), or from /dev/urandom where the
+ * system call is missing or filtered, as glibc's own does. Like glibc's, it cannot fail: without
+ * entropy the process stops. */
 HIDDEN uint32_t arc4random(void) {
     uint32_t value = 0;
     unsigned char* out = (unsigned char*)&value;
     size_t have = 0;
+    int urandom = -1;
     while (have < sizeof value) {
-        ssize_t got = getrandom(out + have, sizeof value - have, 0);
-        if (got > 0) have += (size_t)got;
-        else if (got < 0 && errno != EINTR) abort();
+        ssize_t got = urandom < 0 ? getrandom(out + have, sizeof value - have, 0)
+                                  : read(urandom, out + have, sizeof value - have);
+        if (got > 0) {
+            have += (size_t)got;
+        } else if (got < 0 && errno == EINTR) {
+            continue;
+        } else if (urandom < 0 && got < 0 && (errno == ENOSYS || errno == EPERM)) {
+            urandom = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
+            if (urandom < 0) abort();
+        } else {
+            abort();
+        }
     }
+    if (urandom >= 0) close(urandom);
     return value;
 }
 

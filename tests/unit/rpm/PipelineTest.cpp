@@ -2,6 +2,9 @@
 // or on two; the pass ends where its caller says; a failure on either side ends it with that
 // failure, and the second thread is gone when Run returns.
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -92,9 +95,49 @@ TEST(DigestPipeline, AFailureOnEitherSideEndsThePassWithIt) {
     }
 }
 
-TEST(DigestPipeline, ASecondThreadOnlyForLargeStretches) {
+// A second thread for large stretches only, and only where the process may run on two cores: a
+// thread pinned to one core keeps the work.
+TEST(DigestPipeline, ASecondThreadOnlyForLargeStretchesAndTwoCores) {
+    cpu_set_t allowed;
+    ASSERT_EQ(sched_getaffinity(0, sizeof allowed, &allowed), 0);
     EXPECT_FALSE(DigestPipeline::Worthwhile(DigestPipeline::kThreadedFrom - 1));
-    EXPECT_EQ(DigestPipeline::Worthwhile(DigestPipeline::kThreadedFrom), std::thread::hardware_concurrency() >= 2);
+    EXPECT_EQ(DigestPipeline::Worthwhile(DigestPipeline::kThreadedFrom), CPU_COUNT(&allowed) >= 2);
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+        if (CPU_ISSET(cpu, &allowed)) {
+            CPU_SET(cpu, &one);
+            break;
+        }
+    }
+    ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+    EXPECT_FALSE(DigestPipeline::Worthwhile(DigestPipeline::kThreadedFrom));
+    ASSERT_EQ(sched_setaffinity(0, sizeof allowed, &allowed), 0);
+}
+
+// The second thread takes none of the host's signals; the caller's signal mask is as it was.
+TEST(DigestPipeline, TheSecondThreadTakesNoSignals) {
+    sigset_t before, inWorker, after;
+    ASSERT_EQ(pthread_sigmask(SIG_SETMASK, nullptr, &before), 0);
+    sigemptyset(&inWorker);
+    const std::string data(20 * kBlock, 's');
+    DigestPipeline::Run(
+        0, kBlock, true,
+        [&](char* block, uint64_t position, size_t size) {
+            const auto at = static_cast<size_t>(position);
+            const size_t count = at < data.size() ? std::min(size, data.size() - at) : 0;
+            data.copy(block, count, at);
+            return count;
+        },
+        [](size_t count, uint64_t) { return count == kBlock; }, [](const char*, uint64_t, size_t) {},
+        [&](const char*, uint64_t position, size_t) {
+            if (position == 0) pthread_sigmask(SIG_SETMASK, nullptr, &inWorker);
+        });
+    for (const int signal : {SIGINT, SIGTERM, SIGCHLD, SIGUSR1, SIGALRM}) {
+        EXPECT_TRUE(sigismember(&inWorker, signal)) << signal;
+    }
+    ASSERT_EQ(pthread_sigmask(SIG_SETMASK, nullptr, &after), 0);
+    for (int signal = 1; signal < 32; ++signal) EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal));
 }
 
 // The costliest hash goes to the second thread, then each to the thread with less work, the calling
