@@ -2,9 +2,18 @@
 # texts and the sections of INCLUDE (its EXAMPLES, one per paragraph); NAME is the page's one-line
 # description. With GZIP it also writes OUTPUT.gz, compressed the
 # way Debian installs man pages (gzip -9n: no name or time stamp inside).
+# With EMULATOR (a 32-bit build where the kernel starts no 32-bit program) help2man runs the program
+# through it, by a script of the program's own name, so the page reads as the native one.
 set(arguments --no-info "--name=${NAME}" "--include=${INCLUDE}" "--output=${OUTPUT}")
 get_filename_component(folder ${OUTPUT} DIRECTORY)
 file(MAKE_DIRECTORY ${folder})
+if(EMULATOR)
+  get_filename_component(name ${PROGRAM} NAME)
+  set(launcher ${folder}/emulated/${name})
+  file(WRITE ${launcher} "#!/bin/sh\nexec '${EMULATOR}' '${PROGRAM}' \"$@\"\n")
+  file(CHMOD ${launcher} PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE)
+  set(PROGRAM ${launcher})
+endif()
 execute_process(COMMAND ${HELP2MAN} ${arguments} ${PROGRAM} RESULT_VARIABLE result)
 if(NOT result EQUAL 0)
   file(REMOVE ${OUTPUT})

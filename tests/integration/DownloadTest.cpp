@@ -47,9 +47,10 @@ TEST(Commands, OutputAndExitStatusOfEachCase) {
         chmod(fakes
                   .Write("tools/" + tool.first,
                          "#!/bin/sh\nfor a; do [ \"$a\" = --json ] || continue; out=$(/usr/bin/mktemp " +
-                             reports.Path() + "/" + tool.first + ".XXXXXX); \"" + tool.second +
-                             "\" \"$@\" > \"$out\"; s=$?; /usr/bin/cat \"$out\"; exit $s; done\nexec \"" + tool.second +
-                             "\" \"$@\"\n")
+                             reports.Path() + "/" + tool.first + ".XXXXXX); " SIGNING_LAUNCHER " \"" + tool.second +
+                             "\" \"$@\" > \"$out\"; s=$?; /usr/bin/cat \"$out\"; exit $s; done\nexec " SIGNING_LAUNCHER
+                             " \"" +
+                             tool.second + "\" \"$@\"\n")
                   .c_str(),
               0700);
     }

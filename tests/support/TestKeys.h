@@ -3,8 +3,11 @@
 // module's own RSA code.
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
+#include <openssl/pem.h>
 #include <openssl/rsa.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <string>
@@ -12,11 +15,22 @@
 
 typedef std::vector<unsigned char> Bytes;
 
-// One key per size for the whole test program (generating 4096-bit keys is slow).
+// One key per size for the whole test program, read from tests/data/keys/openssl/rsa-BITS.pem (made
+// by scripts/make-key-fixtures with openssl genpkey): generating them here took minutes where the
+// tests run under an emulator.
 inline EVP_PKEY* TestKey(unsigned int bits) {
     static std::map<unsigned int, std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)>> keys;
     auto it = keys.find(bits);
-    if (it == keys.end()) it = keys.emplace(bits, decltype(it->second)(EVP_RSA_gen(bits), EVP_PKEY_free)).first;
+    if (it == keys.end()) {
+        const std::string path = SIGNING_TEST_DATA "/keys/openssl/rsa-" + std::to_string(bits) + ".pem";
+        std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path.c_str(), "r"), fclose);
+        EVP_PKEY* key = file ? PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr) : nullptr;
+        if (key == nullptr) {
+            fprintf(stderr, "no test key %s\n", path.c_str());
+            abort();
+        }
+        it = keys.emplace(bits, decltype(it->second)(key, EVP_PKEY_free)).first;
+    }
     return it->second.get();
 }
 // A public component ("n" or "e") as big-endian bytes without leading zeros.

@@ -70,9 +70,12 @@ std::string Rsa(const Args& a) {
     const EVP_MD* md = EVP_get_digestbyname(a[1].c_str());
     const bool zero = std::string("zero short shorter long lone-zero empty").find(a[3]) != std::string::npos;
     Bytes digest = HashOf(md, "payload"), value = SignDigest(key, md, digest);
-    // Exactly one leading zero octet: with two, dropping two octets would leave the same number.
-    for (int& i = zeroAt[a[0] + a[1]]; zero && (value[0] != 0 || value[1] == 0); ++i)
+    // Exactly one leading zero octet: with two, dropping two octets would leave the same number. The
+    // search stops at the message it found, where the next row of the same key and digest begins.
+    for (int& i = zeroAt[a[0] + a[1]]; zero; ++i) {
         value = SignDigest(key, md, digest = HashOf(md, "payload " + std::to_string(i)));
+        if (value[0] == 0 && value[1] != 0) break;
+    }
     const std::map<std::string, std::function<void()>> changes = {
         {"digest", [&] { digest[0] ^= 1; }},
         {"flip", [&] { value[value.size() / 2] ^= 0x40; }},

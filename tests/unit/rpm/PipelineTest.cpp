@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -159,9 +160,39 @@ TEST(DigestPipeline, HashesAreSharedByCost) {
     EXPECT_LT(DigestPipeline::Cost(8), DigestPipeline::Cost(1));
 }
 
+// Leaves this process room for the ring and the copies, not for a thread's stack of 8 MiB. A 64-bit
+// process gets an address-space limit 4 MiB above what it maps now; a 32-bit one has its address space
+// filled, all but a hole of 4 MiB, with reservations that are never touched. That works the same where
+// a user-mode emulator runs the test (which keeps the limit for itself and ignores a program's).
+static void LeaveNoRoomForAThread() {
+    const size_t room = 4 * 1024 * 1024;
+    if (sizeof(void*) == 8) {
+        std::ifstream statm("/proc/self/statm");
+        unsigned long pages = 0;
+        statm >> pages;
+        const rlim_t limit = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + room;
+        const rlimit most{limit, limit};
+        ASSERT_EQ(setrlimit(RLIMIT_AS, &most), 0);
+        return;
+    }
+    const int flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
+    void* const hole = mmap(nullptr, room, PROT_NONE, flags, -1, 0);
+    ASSERT_NE(hole, MAP_FAILED);
+    size_t reserved = 0;
+    for (size_t size = size_t{1} << 30; size >= static_cast<size_t>(sysconf(_SC_PAGESIZE));) {
+        if (mmap(nullptr, size, PROT_NONE, flags, -1, 0) == MAP_FAILED) {
+            size /= 2;
+        } else {
+            reserved += size;
+        }
+    }
+    ASSERT_GT(reserved, size_t{1} << 30);  // most of a 32-bit address space
+    ASSERT_EQ(munmap(hole, room), 0);
+}
+
 // A host that has no room for another thread (here: an address space too small for a thread's
 // stack) still gets every block through both sides, on its own thread. Run in a process of its own,
-// which has no stacks of earlier threads to reuse.
+// which has no stacks of earlier threads to reuse, and with the usual stack size of 8 MiB.
 TEST(DigestPipeline, WithoutRoomForAThreadTheCallingThreadDoesItAll) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the sanitizers reserve more address space than the limit leaves";
@@ -170,20 +201,14 @@ TEST(DigestPipeline, WithoutRoomForAThreadTheCallingThreadDoesItAll) {
     if (std::getenv("SIGNING_TEST_NO_ROOM") == nullptr) {
         char self[4096] = {};
         ASSERT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
-        const std::string command =
-            std::string("SIGNING_TEST_NO_ROOM=1 '") + self + "' --gtest_filter=" + name + " > /dev/null 2>&1";
+        const std::string command = std::string("ulimit -s 8192; SIGNING_TEST_NO_ROOM=1 " SIGNING_LAUNCHER " '") +
+                                    self + "' --gtest_filter=" + name + " > /dev/null 2>&1";
         EXPECT_EQ(std::system(command.c_str()), 0);
         return;
     }
     std::string data(40 * kBlock + 3, 0);
     for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i % 249);
-    // Room for the ring and the copies, not for a thread's stack of 8 MiB.
-    std::ifstream statm("/proc/self/statm");
-    unsigned long pages = 0;
-    statm >> pages;
-    const rlim_t limit = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + 4 * 1024 * 1024;
-    const rlimit room{limit, limit};
-    ASSERT_EQ(setrlimit(RLIMIT_AS, &room), 0);
+    LeaveNoRoomForAThread();
     const Pass pass = RunPass(data, true);
     EXPECT_EQ(pass.front, data);
     EXPECT_EQ(pass.back, data);
