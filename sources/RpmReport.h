@@ -6,7 +6,8 @@
 #include <vector>
 
 #include "RpmCheck.h"
-#include "rpmutil.h"
+#include "SigningPolicy.h"
+#include "signing/signing.h"
 
 // How far the verification of a package got.
 enum class RpmStage {

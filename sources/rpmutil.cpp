@@ -74,17 +74,6 @@ RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmRepor
 
 }  // namespace
 
-bool ParseSigningPolicy(const std::string& name, SigningPolicy& policy) {
-    if (name == "classic") {
-        policy = SigningPolicy::Classic;
-    } else if (name == "current") {
-        policy = SigningPolicy::Current;
-    } else {
-        return false;
-    }
-    return true;
-}
-
 RpmVerifyResult response(RPM_STATUS status, const std::string& text) {
     char* copy = static_cast<char*>(std::malloc(text.size() + 1));
     if (copy == nullptr) {

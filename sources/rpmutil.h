@@ -6,14 +6,9 @@
 #include "KeyAcquisition.h"
 #include "LogText.h"
 #include "RunCommand.h"
+#include "SigningPolicy.h"
 #include "signing/signing.h"
 
-// How packages are judged. Classic: the verdicts rpm_verify has always given (the exports keep it).
-// Current: a package is signed exactly when rpm 4.18's rpmkeys --checksig would say "digests
-// signatures OK" with that key file (CurrentVerification.h).
-enum class SigningPolicy { Classic, Current };
-// The policy a name gives ("classic" or "current"); false for any other name.
-bool ParseSigningPolicy(const std::string& name, SigningPolicy& policy);
 
 // rpm_verify, also handing back the signer's own reason (empty when the signer was not reached or
 // gave none), under policy. For the module's tools; not exported.
