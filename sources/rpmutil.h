@@ -9,7 +9,6 @@
 #include "SigningPolicy.h"
 #include "signing/signing.h"
 
-
 // rpm_verify, also handing back the signer's own reason (empty when the signer was not reached or
 // gave none), under policy. For the module's tools; not exported.
 RpmVerifyResult rpm_verify_detailed(const char* file, const char* key, std::string& detail,
