@@ -1,9 +1,6 @@
 #include "CurrentVerification.h"
 
-#include <fcntl.h>
 #include <openssl/evp.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -47,106 +44,9 @@ const unsigned int kHashSha256 = 8;
 const unsigned int kHashSha512 = 10;
 const unsigned int kHashSha3256 = 12;
 
-const uint32_t kBlockSize = 64 * 1024;
-
-// A package file opened for reading at 64-bit positions.
-class PackageFile {
-public:
-    explicit PackageFile(const std::string& path) : path_(path) {
-        descriptor_ = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-        struct stat status;
-        if (descriptor_ < 0 || fstat(descriptor_, &status) != 0) {
-            throw FileIoException("Cannot open file " + path + ": " + SystemErrorText(errno));
-        }
-        if (!S_ISREG(status.st_mode)) throw FileIoException("Cannot read " + path + ": it is not a regular file");
-        size_ = static_cast<uint64_t>(status.st_size);
-    }
-    ~PackageFile() {
-        if (descriptor_ >= 0) close(descriptor_);
-    }
-    PackageFile(const PackageFile&) = delete;
-    PackageFile& operator=(const PackageFile&) = delete;
-
-    uint64_t Size() const { return size_; }
-    // Up to size bytes at position; fewer only at the end of the file.
-    size_t Read(void* data, size_t size, uint64_t position) const {
-        size_t done = 0;
-        while (done < size) {
-            const ssize_t count =
-                pread(descriptor_, static_cast<char*>(data) + done, size - done, static_cast<off_t>(position + done));
-            if (count < 0 && errno == EINTR) continue;
-            if (count < 0) throw FileIoException("Cannot read file " + path_ + ": " + SystemErrorText(errno));
-            if (count == 0) break;
-            done += static_cast<size_t>(count);
-        }
-        return done;
-    }
-    void ReadExactly(void* data, size_t size, uint64_t position, const char* what) const {
-        if (Read(data, size, position) != size)
-            throw InvalidFileStructureException(std::string(what) + " is cut short");
-    }
-
-private:
-    std::string path_;
-    int descriptor_ = -1;
-    uint64_t size_ = 0;
-};
-
-struct Entry {
-    uint32_t tag, type, offset, count;
-};
-
-// A header structure: its index entries and where its store begins in the file.
-struct HeaderIndex {
-    uint64_t start = 0;  // of the 16-byte structure header
-    uint32_t count = 0, dataSize = 0;
-    std::vector<Entry> entries;
-    uint64_t StoreStart() const { return start + 16 + 16ull * count; }
-    uint64_t End() const { return StoreStart() + dataSize; }
-    const Entry* Find(uint32_t tag) const {
-        for (const Entry& entry : entries) {
-            if (entry.tag == tag) return &entry;
-        }
-        return nullptr;
-    }
-};
-
-HeaderIndex ReadHeaderIndex(const PackageFile& file, uint64_t start, const HeaderBounds& bounds, const char* name) {
-    unsigned char intro[16];
-    file.ReadExactly(intro, sizeof intro, start, name);
-    static const unsigned char kMagic[4] = {0x8E, 0xAD, 0xE8, 0x01};
-    if (std::memcmp(intro, kMagic, 4) != 0) {
-        throw InvalidFileStructureException(std::string(name) + ": RPM header magic number is not found.");
-    }
-    ByteCursor counts(intro + 8, 8, name);
-    HeaderIndex index;
-    index.start = start;
-    index.count = counts.ReadUInt32();
-    index.dataSize = counts.ReadUInt32();
-    if (index.count > bounds.maxEntries || index.dataSize > bounds.maxDataSize) {
-        throw InvalidFileStructureException(std::string(name) + ": " + std::to_string(index.count) +
-                                            " index entries and " + std::to_string(index.dataSize) +
-                                            " bytes of data exceed what an RPM header may hold");
-    }
-    if (index.End() > file.Size()) {
-        throw InvalidFileStructureException(std::string(name) + ": " + std::to_string(index.count) +
-                                            " index entries and " + std::to_string(index.dataSize) +
-                                            " bytes of data do not fit in the file of " + std::to_string(file.Size()) +
-                                            " bytes");
-    }
-    std::vector<unsigned char> bytes(16ull * index.count);
-    file.ReadExactly(bytes.data(), bytes.size(), start + 16, name);
-    ByteCursor cursor(bytes.data(), bytes.size(), name);
-    for (uint32_t i = 0; i < index.count; ++i) {
-        Entry entry{};
-        entry.tag = cursor.ReadUInt32();
-        entry.type = cursor.ReadUInt32();
-        entry.offset = cursor.ReadUInt32();
-        entry.count = cursor.ReadUInt32();
-        index.entries.push_back(entry);
-    }
-    return index;
-}
+// How the current verification reads a package: sizes in 64 bits without a limit; a refused header
+// size is given alone; a header structure cut short is refused as such.
+const ReaderStyle kCurrentReader{0, false, false};
 
 std::string TagName(uint32_t tag) {
     return "RPM tag " + std::to_string(tag);
@@ -155,15 +55,10 @@ std::string TagName(uint32_t tag) {
 // The signature header, read whole (it is bounded to 64 MiB), with its values looked up by tag.
 class SignatureStore {
 public:
-    SignatureStore(const PackageFile& file, const HeaderIndex& index) : index_(index), store_(index.dataSize) {
-        file.ReadExactly(store_.data(), store_.size(), index.StoreStart(), "Signature section");
-        if (index.entries.empty() || index.entries.front().tag != kRegionTag) {
-            throw DataFormatException("RPM signature is expected to be the first header");
-        }
-    }
+    explicit SignatureStore(SignatureHeaderData data) : data_(std::move(data)) {}
     // The bytes of a binary entry (its count of them).
-    ByteCursor Binary(const Entry& entry) const {
-        ByteCursor store(store_.data(), store_.size(), "RPM signature store");
+    ByteCursor Binary(const HeaderEntry& entry) const {
+        ByteCursor store = data_.Store();
         if (!store.HasAt(entry.offset, entry.count)) {
             throw DataFormatException(TagName(entry.tag) + ": the value lies outside the store");
         }
@@ -171,9 +66,9 @@ public:
         return store.Take(entry.count);
     }
     // The count NUL-terminated strings of a string or string-array entry.
-    std::vector<std::string> Strings(const Entry& entry) const {
+    std::vector<std::string> Strings(const HeaderEntry& entry) const {
         std::vector<std::string> strings;
-        ByteCursor store(store_.data(), store_.size(), "RPM signature store");
+        ByteCursor store = data_.Store();
         if (!store.Has(entry.offset))
             throw DataFormatException(TagName(entry.tag) + ": the value lies outside the store");
         store.Skip(entry.offset);
@@ -189,37 +84,40 @@ public:
         return strings;
     }
     // The first string of a digest entry.
-    std::string Text(const Entry& entry) const {
+    std::string Text(const HeaderEntry& entry) const {
         const std::vector<std::string> strings = Strings(entry);
         if (strings.empty()) throw DataFormatException(TagName(entry.tag) + ": the entry holds no text");
         return strings.front();
     }
-    const HeaderIndex& Index() const { return index_; }
+    const HeaderStructure& Index() const { return data_.structure; }
 
 private:
-    const HeaderIndex& index_;
-    std::vector<unsigned char> store_;
+    SignatureHeaderData data_;
 };
 
 // The first string of a main-header entry (a hexadecimal digest), read from the file.
-std::string MainString(const PackageFile& file, const HeaderIndex& header, const Entry& entry) {
+std::string MainString(const PackageFile& file, const HeaderStructure& header, const HeaderEntry& entry) {
     if (entry.offset >= header.dataSize)
         throw DataFormatException(TagName(entry.tag) + ": the value lies outside the store");
     char text[257] = {};
     const auto length = static_cast<size_t>(std::min<uint32_t>(256, header.dataSize - entry.offset));
-    file.ReadExactly(text, length, header.StoreStart() + entry.offset, "Header section");
+    if (file.Read(text, length, header.StoreStart() + entry.offset) != length) {
+        throw InvalidFileStructureException("Header section is cut short");
+    }
     if (std::memchr(text, '\0', length) == nullptr) {
         throw DataFormatException(TagName(entry.tag) + ": the digest text is not terminated");
     }
     return text;
 }
 
-uint32_t MainInt32(const PackageFile& file, const HeaderIndex& header, const Entry& entry) {
+uint32_t MainInt32(const PackageFile& file, const HeaderStructure& header, const HeaderEntry& entry) {
     if (entry.offset > header.dataSize || header.dataSize - entry.offset < 4) {
         throw DataFormatException(TagName(entry.tag) + ": the value lies outside the store");
     }
     unsigned char bytes[4];
-    file.ReadExactly(bytes, 4, header.StoreStart() + entry.offset, "Header section");
+    if (file.Read(bytes, 4, header.StoreStart() + entry.offset) != 4) {
+        throw InvalidFileStructureException("Header section is cut short");
+    }
     return (uint32_t(bytes[0]) << 24) | (uint32_t(bytes[1]) << 16) | (uint32_t(bytes[2]) << 8) | bytes[3];
 }
 
@@ -248,9 +146,13 @@ public:
             throw NotSupportedException("The hash algorithm " + OpenPgpHashName(id) + " is not supported");
         }
     }
-    void Update(const void* data, size_t size) { EVP_DigestUpdate(context_.get(), data, size); }
     const EVP_MD_CTX* Context() const { return context_.get(); }
-    double Cost() const { return DigestPipeline::Cost(id_); }
+    // This digest as a digest pass feeds it.
+    DigestStream Stream() {
+        EVP_MD_CTX* context = context_.get();
+        return DigestStream{[context](const char* data, size_t size) { EVP_DigestUpdate(context, data, size); },
+                            DigestPipeline::Cost(id_)};
+    }
     // The value of a copy, in lower-case hexadecimal.
     std::string HexValue() const {
         const EvpMdCtxHandle copy(EVP_MD_CTX_new());
@@ -329,15 +231,14 @@ private:
 
 class CurrentVerification {
 public:
-    CurrentVerification(const std::string& path, const std::string& keyFile) : file_(path), keyFile_(keyFile) {}
+    CurrentVerification(const PackageFile& file, const std::string& keyFile) : file_(file), keyFile_(keyFile) {}
 
     int Run(std::string& message, std::vector<RpmCheck>* checks) {
-        ReadLead();
-        const HeaderIndex signatureIndex =
-            ReadHeaderIndex(file_, PackageReader::LeadSize, kSignatureHeaderBounds, "Signature section");
-        const SignatureStore signatures(file_, signatureIndex);
-        const uint64_t mainStart = (signatureIndex.End() + 7) & ~uint64_t(7);
-        const HeaderIndex main = ReadHeaderIndex(file_, mainStart, kMainHeaderBounds, "Header section");
+        file_.CheckLead(kCurrentReader);
+        const SignatureStore signatures(ReadSignatureHeaderData(file_, kCurrentReader));
+        const uint64_t mainStart = (signatures.Index().End() + 7) & ~uint64_t(7);
+        const HeaderStructure main =
+            ReadHeaderStructure(file_, mainStart, kMainHeaderBounds, "Header section", kCurrentReader);
         ReadSignatureHeader(signatures);
         ReadMainHeader(main);
         Digest(main);
@@ -353,19 +254,8 @@ public:
     }
 
 private:
-    void ReadLead() const {
-        unsigned char lead[PackageReader::LeadSize];
-        if (file_.Size() <= PackageReader::LeadSize)
-            throw InvalidFileStructureException("File is too small to have RPM format");
-        file_.ReadExactly(lead, sizeof lead, 0, "RPM lead");
-        static const unsigned char kLeadMagic[4] = {0xED, 0xAB, 0xEE, 0xDB};
-        if (std::memcmp(lead, kLeadMagic, 4) != 0)
-            throw InvalidFileStructureException("The file is not an RPM package");
-        if (lead[78] != 0 || lead[79] != 5) throw InvalidFileStructureException("Unsupported signature type");
-    }
-
     void ReadSignatureHeader(const SignatureStore& store) {
-        for (const Entry& entry : store.Index().entries) {
+        for (const HeaderEntry& entry : store.Index().entries) {
             // rpm 6 packages hold no tag above 999 in their signature header.
             laterTags_ = laterTags_ || entry.tag > 999;
             switch (entry.tag) {
@@ -429,27 +319,27 @@ private:
         signatures_.push_back(std::move(signature));
     }
 
-    void ReadMainHeader(const HeaderIndex& main) {
-        if (const Entry* entry = main.Find(kPayloadDigest)) {
-            const Entry* algorithm = main.Find(kPayloadDigestAlgorithm);
+    void ReadMainHeader(const HeaderStructure& main) {
+        if (const HeaderEntry* entry = main.Find(kPayloadDigest)) {
+            const HeaderEntry* algorithm = main.Find(kPayloadDigestAlgorithm);
             const unsigned int id = algorithm != nullptr ? MainInt32(file_, main, *algorithm) : kHashSha256;
             payloadDigests_.push_back(
                 {id, Lower(MainString(file_, main, *entry)), "Payload " + OpenPgpHashName(id) + " digest"});
         }
-        if (const Entry* entry = main.Find(kPayloadSha512)) {
+        if (const HeaderEntry* entry = main.Find(kPayloadSha512)) {
             payloadDigests_.push_back({kHashSha512, Lower(MainString(file_, main, *entry)), "Payload SHA512 digest"});
         }
-        if (const Entry* entry = main.Find(kPayloadSha3256)) {
+        if (const HeaderEntry* entry = main.Find(kPayloadSha3256)) {
             payloadDigests_.push_back(
                 {kHashSha3256, Lower(MainString(file_, main, *entry)), "Payload SHA3-256 digest"});
         }
-        if (const Entry* entry = main.Find(kRpmFormat)) version6_ = MainInt32(file_, main, *entry) >= 6;
+        if (const HeaderEntry* entry = main.Find(kRpmFormat)) version6_ = MainInt32(file_, main, *entry) >= 6;
     }
 
     // One pass over the main header and the payload in blocks: the header digests and the header
     // signatures' hashes over the main header, MD5 and the package signatures' hashes over header and
     // payload, the payload digests over what follows the main header.
-    void Digest(const HeaderIndex& main) {
+    void Digest(const HeaderStructure& main) {
         for (const auto& digest : headerDigests_) Want(headerHashes_, digest.first);
         if (!md5_.empty()) Want(packageHashes_, 1);
         for (const PayloadDigest& digest : payloadDigests_) Want(payloadHashes_, digest.id);
@@ -458,51 +348,11 @@ private:
                 Want(signature.header ? headerHashes_ : packageHashes_, signature.packet.hashAlgorithm);
             }
         }
-        // The header hashes (a few KiB) and the reading stay on this thread; the hashes over header
-        // and payload are shared between the two threads by their rough cost, so that a large
-        // package is hashed on two cores.
-        struct Lane {
-            std::vector<Hash*> package, payload;
-        } lanes[2];
-        std::vector<std::pair<Hash*, bool>> streams;  // the hash, and whether it covers the payload only
-        for (auto& hash : packageHashes_) streams.emplace_back(hash.second.get(), false);
-        for (auto& hash : payloadHashes_) streams.emplace_back(hash.second.get(), true);
-        std::vector<double> costs(streams.size());
-        for (size_t i = 0; i < streams.size(); ++i) costs[i] = streams[i].first->Cost();
-        const std::vector<bool> second = DigestPipeline::Share(costs);
-        for (size_t i = 0; i < streams.size(); ++i) {
-            Lane& lane = lanes[second[i] ? 1 : 0];
-            (streams[i].second ? lane.payload : lane.package).push_back(streams[i].first);
-        }
-        const uint64_t headerEnd = main.End();
-        const auto feed = [headerEnd](const Lane& lane, const char* block, uint64_t position, size_t count) {
-            const uint64_t end = position + count;
-            const size_t inHeader = position < headerEnd ? static_cast<size_t>(std::min(end, headerEnd) - position) : 0;
-            for (Hash* hash : lane.package) hash->Update(block, count);
-            for (Hash* hash : lane.payload) hash->Update(block + inHeader, count - inHeader);
-        };
-        const auto read = [this](char* block, uint64_t position, size_t size) {
-            return file_.Read(block, size, position);
-        };
-        const uint64_t size = file_.Size();
-        const auto more = [size](size_t count, uint64_t end) { return count != 0 && end < size; };
-        const auto front = [&](const char* block, uint64_t position, size_t count) {
-            const uint64_t end = position + count;
-            const size_t inHeader = position < headerEnd ? static_cast<size_t>(std::min(end, headerEnd) - position) : 0;
-            if (inHeader > 0) {
-                for (auto& hash : headerHashes_) hash.second->Update(block, inHeader);
-            }
-            feed(lanes[0], block, position, count);
-        };
-        const auto back = [&](const char* block, uint64_t position, size_t count) {
-            feed(lanes[1], block, position, count);
-        };
-        if (main.start < size) {
-            const bool threaded = (!lanes[1].package.empty() || !lanes[1].payload.empty()) &&
-                                  DigestPipeline::Worthwhile(size - main.start);
-            DigestPipeline::Run(main.start, kBlockSize, threaded, read, more, front, back);
-        }
-        payloadLength_ = file_.Size() > main.End() ? file_.Size() - main.End() : 0;
+        DigestStreams streams;
+        for (auto& hash : headerHashes_) streams.header.push_back(hash.second->Stream());
+        for (auto& hash : packageHashes_) streams.package.push_back(hash.second->Stream());
+        for (auto& hash : payloadHashes_) streams.payload.push_back(hash.second->Stream());
+        payloadLength_ = DigestPass(file_, main, streams);
     }
 
     const OpenPgpKeyring& Keys() {
@@ -615,7 +465,7 @@ private:
         std::string label;
     };
 
-    PackageFile file_;
+    const PackageFile& file_;
     std::string keyFile_;
     std::unique_ptr<OpenPgpKeyring> keys_;
     std::exception_ptr keyError_;
@@ -633,10 +483,10 @@ private:
 
 }  // namespace
 
-int VerifyPackageCurrent(const std::string& path, const std::string& keyFile, std::string& message,
+int VerifyPackageCurrent(const PackageFile& file, const std::string& keyFile, std::string& message,
                          std::vector<RpmCheck>* checks) {
     try {
-        CurrentVerification verification(path, keyFile);
+        CurrentVerification verification(file, keyFile);
         return verification.Run(message, checks);
     } catch (const std::exception& e) {
         message = e.what();

@@ -17,7 +17,11 @@ std::unique_ptr<DigestBase> CopyOf(const DigestBase* digest) {
 }  // namespace
 
 RpmSignature::RpmSignature(std::shared_ptr<char[]> entries, const HeaderStructureHeader& header)
-    : header_(std::move(entries), header), payloadLength_(0) {
+    : header_(entries, header), payloadLength_(0) {
+    WrapParsedSignatures();
+}
+
+RpmSignature::RpmSignature(SignatureHeaderData data) : header_(std::move(data)), payloadLength_(0) {
     WrapParsedSignatures();
 }
 

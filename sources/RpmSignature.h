@@ -33,6 +33,8 @@ public:
     // that is used points outside the store or holds no OpenPGP signature.
     RpmSignature(void* entries, const HeaderStructureHeader& header);
     RpmSignature(std::shared_ptr<char[]> entries, const HeaderStructureHeader& header);
+    // The signature header as the package reader decoded it.
+    explicit RpmSignature(SignatureHeaderData data);
     ~RpmSignature() override;
 
     // The ProcessingResult of the package, with the reason in message.

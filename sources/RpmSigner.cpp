@@ -19,9 +19,7 @@ soapWrap::HashAlgorithm SignedHash(RpmSignature& signature) {
 RpmSigner::RpmSigner(unsigned int creationArgument)
     : Signer(1, creationArgument, true), signatureEntryCount_(0), settingC_(1), checks_(nullptr) {}
 
-RpmSigner::~RpmSigner() {
-    signatureHeader_.reset();
-}
+RpmSigner::~RpmSigner() = default;
 
 FileHelper& RpmSigner::Input() const {
     if (inputFile_ == nullptr) {
@@ -55,30 +53,31 @@ ContentInfo* RpmSigner::BuildContentInfo(bool) {
 
 // The lead, the signature header's structure header, then its index and store.
 RpmSignature* RpmSigner::ParseSignature(unsigned int& headerOffset, bool copyToOutput) {
-    const PackageReader reader(Input());
-    const uint64_t fileSize = reader.CheckLead();
-    const HeaderStructureHeader header = reader.RequireStructureHeader(LeadSize, "Signature section");
+    const PackageFile file(Input().GetPath());
+    file.CheckLead(kClassicReader);
+    SignatureHeaderData data = ReadSignatureHeaderData(file, kClassicReader);
     if (copyToOutput) {
         Input().CopyData(&Output(), 0, LeadSize);
     }
-    SignatureStore store = reader.ReadSignatureStore(header, fileSize);
-    signatureHeader_ = store.entries;
-    signatureEntryCount_ = header.indexCount;
-    RpmSignature* signature = new RpmSignature(std::move(store.entries), header);
+    signatureEntryCount_ = data.structure.indexCount;
     // The main header starts at the next multiple of 8; the file size bounds this below 2^32.
-    headerOffset = static_cast<unsigned int>((store.end + 7) & ~uint64_t(7));
-    return signature;
+    headerOffset = static_cast<unsigned int>(data.MainHeaderStart());
+    return new RpmSignature(std::move(data));
 }
 
 // The package digests, computed in one pass, handed to signature's numbered store.
 RpmSignature* RpmSigner::PassDigestsToSignature(RpmSignature* signature, unsigned int headerOffset,
                                                 bool copyToOutput) const {
-    const PackageReader reader(Input());
-    const HeaderStructureHeader header = reader.RequireStructureHeader(headerOffset, "Header section");
+    const PackageFile file(Input().GetPath());
+    const HeaderStructure main = ReadMainHeader(file, headerOffset);
     const soapWrap::HashAlgorithm hash = SignedHash(*signature);
     // The SHA-1 digests 2 and 5 serve the signing path only: they are made when the package is copied.
-    PackageDigests digests =
-        reader.DigestPackage(headerOffset, header, hash, copyToOutput ? &Output() : nullptr, copyToOutput);
+    std::function<void(const char*, size_t)> copy;
+    if (copyToOutput) {
+        FileHelper& output = Output();
+        copy = [&output](const char* block, size_t size) { output.WriteBlock(block, static_cast<uint32_t>(size)); };
+    }
+    PackageDigests digests = DigestPackage(file, main, hash, copy, copyToOutput);
     signature->SetPayloadLength(digests.payloadLength);
     signature->SetDigest(0, digests.headerSha1.release());
     signature->SetDigest(1, digests.headerSigned.release());

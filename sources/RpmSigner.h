@@ -14,8 +14,8 @@
 class RpmSigner : public Signer {
 public:
     // Where the signature header starts, and its index.
-    static const uint32_t LeadSize = PackageReader::LeadSize;
-    static const uint32_t SignatureIndexOffset = PackageReader::SignatureIndexOffset;
+    static const uint32_t LeadSize = PackageFile::LeadSize;
+    static const uint32_t SignatureIndexOffset = PackageFile::LeadSize + sizeof(HeaderStructureHeader);
 
     explicit RpmSigner(unsigned int creationArgument);
     ~RpmSigner() override;
@@ -26,8 +26,7 @@ public:
     ContentInfo* BuildContentInfo(bool detached) override;
     using Signer::BuildContentInfo;
 
-    // Checks the lead and reads the signature header into a buffer this signer keeps; returns a new
-    // RpmSignature over it (caller owns) and the offset of the main header, rounded up to 8.
+    // Checks the lead and reads the signature header; returns a new RpmSignature over it (caller owns) and the offset of the main header, rounded up to 8.
     RpmSignature* ParseSignature(unsigned int& headerOffset, bool copyToOutput);
     // Computes the header digests (0-2) and the header-and-payload digests (3-5) and hands them to
     // signature; returns signature.
@@ -43,9 +42,6 @@ private:
     FileHelper& Input() const;
     FileHelper& Output() const;
 
-    // Index and store of the signature header, shared with the RpmSignature made over it: a
-    // second parse replaces the signer's share without pulling the first object's buffer away.
-    std::shared_ptr<char[]> signatureHeader_;
     uint32_t signatureEntryCount_;
     int32_t settingC_;
     std::vector<RpmCheck>* checks_;

@@ -10,7 +10,12 @@ bool RpmSignerCreator::IsMe(FileHelper* file) {
     if (file == nullptr) {
         throw ArgumentException("no file to recognise");
     }
-    return PackageReader::IsRpm(*file);
+    if (file->IsFolder()) {
+        return false;
+    }
+    // Both values are read in host (little-endian) order: ED AB EE DB, then major 3 and minor 0.
+    // A read cut short leaves what the file's scratch held before.
+    return file->GetUInt32(0) == 0xDBEEABED && file->GetUInt16(4) == 3;
 }
 
 const char* RpmSignerCreator::GetFileExtensions() {

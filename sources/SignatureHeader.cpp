@@ -1,7 +1,6 @@
 #include "SignatureHeader.h"
 
-#include <arpa/inet.h>
-
+#include <algorithm>
 #include <cctype>
 #include <cstring>
 
@@ -32,7 +31,7 @@ struct SignatureHeader::TagRule {
     RpmDataType type;
     Extent extent;
     uint32_t length;  // for Extent::Fixed
-    void (SignatureHeader::*keep)(const SignatureEntry& entry, const ByteCursor& value);
+    void (SignatureHeader::*keep)(const HeaderEntry& entry, const ByteCursor& value);
 };
 
 // The signature-header tags the module reads; entries of any other tag are neither read nor checked.
@@ -43,18 +42,11 @@ const SignatureHeader::TagRule SignatureHeader::kTagRules[] = {
     {TagMd5, RpmBinary, Extent::Fixed, 16, &SignatureHeader::KeepMd5},
 };
 
-SignatureHeader::SignatureHeader(std::shared_ptr<char[]> entries, const HeaderStructureHeader& header)
-    : SignatureHeader(static_cast<void*>(entries.get()), header) {
-    share_ = std::move(entries);
-}
+SignatureHeader::SignatureHeader(const std::shared_ptr<char[]>& entries, const HeaderStructureHeader& header)
+    : SignatureHeader(static_cast<const void*>(entries.get()), header) {}
 
-SignatureHeader::SignatureHeader(void* entries, const HeaderStructureHeader& header)
-    : entries_(static_cast<SignatureEntry*>(entries)),
-      entryCount_(header.indexCount),
-      dataSize_(header.dataSize),
-      valueBytes_(0),
-      sha1_(nullptr),
-      md5_(nullptr) {
+SignatureHeader::SignatureHeader(const void* entries, const HeaderStructureHeader& header)
+    : entryCount_(header.indexCount), dataSize_(header.dataSize), valueBytes_(0), sha1_(nullptr), md5_(nullptr) {
     if (entryCount_ == 0) {
         return;
     }
@@ -63,18 +55,39 @@ SignatureHeader::SignatureHeader(void* entries, const HeaderStructureHeader& hea
         throw DataFormatException("RPM signature header holds " + std::to_string(entryCount_) +
                                   " index entries; at most 255 are supported");
     }
-    ParseEntries();
+    // The index and the store as given; the entries become values, the store a copy of its own.
+    const uint64_t indexSize = 16ull * entryCount_;
+    ByteCursor index(entries, indexSize, "RPM signature index");
+    entries_.resize(entryCount_);
+    for (HeaderEntry& entry : entries_) {
+        entry.tag = index.ReadUInt32();
+        entry.type = index.ReadUInt32();
+        entry.offset = index.ReadUInt32();
+        entry.count = index.ReadUInt32();
+    }
+    const auto* store = static_cast<const unsigned char*>(entries) + indexSize;
+    store_.assign(store, store + dataSize_);
+    ParseEntries(entryCount_);
 }
 
-void SignatureHeader::ParseEntries() {
-    for (uint32_t index = 0; index < entryCount_; ++index) {
-        SignatureEntry& entry = entries_[index];
-        entry.offset = ntohl(entry.offset);
-        entry.count = ntohl(entry.count);
-        entry.type = ntohl(entry.type) & 0xFF;
-        // The tag stays in file order; it is compared with the big-endian form of each tag.
+SignatureHeader::SignatureHeader(SignatureHeaderData data)
+    : entries_(std::move(data.structure.entries)),
+      store_(std::move(data.store)),
+      entryCount_(data.structure.indexCount),
+      dataSize_(data.structure.dataSize),
+      valueBytes_(0),
+      sha1_(nullptr),
+      md5_(nullptr) {
+    ParseEntries(std::min<uint32_t>(entryCount_, MaxEntries));
+}
+
+void SignatureHeader::ParseEntries(uint32_t entryCount) {
+    for (uint32_t index = 0; index < entryCount; ++index) {
+        HeaderEntry& entry = entries_[index];
+        // The type keeps its low byte, as the walk always read it.
+        entry.type &= 0xFF;
         for (const TagRule& rule : kTagRules) {
-            if (entry.tag == htonl(rule.tag)) {
+            if (entry.tag == rule.tag) {
                 (this->*rule.keep)(entry, ValueFor(rule, entry));
                 break;
             }
@@ -83,10 +96,10 @@ void SignatureHeader::ParseEntries() {
 }
 
 ByteCursor SignatureHeader::Store() const {
-    return ByteCursor(entries_ + entryCount_, dataSize_, "RPM signature store");
+    return ByteCursor(store_.data(), store_.size(), "RPM signature store");
 }
 
-ByteCursor SignatureHeader::ValueFor(const TagRule& rule, const SignatureEntry& entry) {
+ByteCursor SignatureHeader::ValueFor(const TagRule& rule, const HeaderEntry& entry) {
     switch (rule.extent) {
         case Extent::Count: return ValueOf(entry, entry.count);
         case Extent::Fixed: return ValueOf(entry, rule.length);
@@ -100,15 +113,15 @@ ByteCursor SignatureHeader::ValueFor(const TagRule& rule, const SignatureEntry& 
     }
     if (end == nullptr) {
         ValueOf(entry, 1);  // outside the store: says so
-        throw DataFormatException(EntryName(ntohl(entry.tag)) + ": the text is not terminated inside the store");
+        throw DataFormatException(EntryName(entry.tag) + ": the text is not terminated inside the store");
     }
     return ValueOf(entry, static_cast<const unsigned char*>(end) - text.Here() + 1);
 }
 
-ByteCursor SignatureHeader::ValueOf(const SignatureEntry& entry, uint64_t length) {
+ByteCursor SignatureHeader::ValueOf(const HeaderEntry& entry, uint64_t length) {
     ByteCursor value = Store();
     if (!value.HasAt(entry.offset, length)) {
-        throw DataFormatException(EntryName(ntohl(entry.tag)) + ": " + std::to_string(length) + " bytes at offset " +
+        throw DataFormatException(EntryName(entry.tag) + ": " + std::to_string(length) + " bytes at offset " +
                                   std::to_string(entry.offset) + " lie outside the store of " +
                                   std::to_string(dataSize_) + " bytes");
     }
@@ -116,7 +129,7 @@ ByteCursor SignatureHeader::ValueOf(const SignatureEntry& entry, uint64_t length
     // that all point at the same bytes would make each of them parsed and kept again.
     valueBytes_ += length;
     if (valueBytes_ > dataSize_) {
-        throw DataFormatException(EntryName(ntohl(entry.tag)) + ": the values read add up to " +
+        throw DataFormatException(EntryName(entry.tag) + ": the values read add up to " +
                                   std::to_string(valueBytes_) + " bytes, more than the store of " +
                                   std::to_string(dataSize_) + " bytes");
     }
@@ -124,16 +137,16 @@ ByteCursor SignatureHeader::ValueOf(const SignatureEntry& entry, uint64_t length
     return value.Take(length);
 }
 
-void SignatureHeader::KeepHeaderSignature(const SignatureEntry& entry, const ByteCursor& value) {
+void SignatureHeader::KeepHeaderSignature(const HeaderEntry& entry, const ByteCursor& value) {
     // A later tag-268 entry replaces the earlier signature.
     headerMessage_ = ParsePgpSignature(entry, value);
 }
 
-void SignatureHeader::KeepSha1(const SignatureEntry&, const ByteCursor& value) {
+void SignatureHeader::KeepSha1(const HeaderEntry&, const ByteCursor& value) {
     sha1_ = reinterpret_cast<const char*>(value.Here());
 }
 
-void SignatureHeader::KeepPackageSignature(const SignatureEntry& entry, const ByteCursor& value) {
+void SignatureHeader::KeepPackageSignature(const HeaderEntry& entry, const ByteCursor& value) {
     std::unique_ptr<PgpMessage> message = ParsePgpSignature(entry, value);
     packageMessages_.reserve(packageMessages_.size() + 1);
     packageSignatures_.reserve(packageSignatures_.size() + 1);
@@ -141,16 +154,16 @@ void SignatureHeader::KeepPackageSignature(const SignatureEntry& entry, const By
     packageMessages_.push_back(std::move(message));
 }
 
-void SignatureHeader::KeepMd5(const SignatureEntry&, const ByteCursor& value) {
+void SignatureHeader::KeepMd5(const HeaderEntry&, const ByteCursor& value) {
     md5_ = value.Here();
 }
 
-std::unique_ptr<PgpMessage> SignatureHeader::ParsePgpSignature(const SignatureEntry& entry, const ByteCursor& value) {
+std::unique_ptr<PgpMessage> SignatureHeader::ParsePgpSignature(const HeaderEntry& entry, const ByteCursor& value) {
     auto message = std::make_unique<PgpMessage>(reinterpret_cast<const char*>(value.Here()),
                                                 static_cast<unsigned int>(value.Size()));
     const PgpSignatureData* data = message->GetSignatureData();
     if (data == nullptr) {
-        throw DataFormatException(EntryName(ntohl(entry.tag)) + " holds no OpenPGP signature packet");
+        throw DataFormatException(EntryName(entry.tag) + " holds no OpenPGP signature packet");
     }
     // A signature over a package signs a document: type 0x00 (binary) or 0x01 (text). A version 3
     // signature hashes the data, then only its type and creation time. A version 4 header signature
@@ -161,7 +174,7 @@ std::unique_ptr<PgpMessage> SignatureHeader::ParsePgpSignature(const SignatureEn
     // not data.
     const unsigned int type = data->GetVersion() == 3 ? data->GetHashedData()[0] : data->GetSignatureType();
     if ((data->GetVersion() == 3 || data->GetVersion() == 4) && type > 0x01) {
-        throw DataFormatException(EntryName(ntohl(entry.tag)) + ": a version " + std::to_string(data->GetVersion()) +
+        throw DataFormatException(EntryName(entry.tag) + ": a version " + std::to_string(data->GetVersion()) +
                                   " signature of type " + std::to_string(type) + " does not sign a document");
     }
     return message;

@@ -4,9 +4,8 @@
 // those over header and payload), and the verdict they give against a key and the package's
 // digests.
 //
-// The index entries live in a buffer the caller provides: the constructor converts their offsets,
-// counts and types to host order in place, so one buffer serves exactly one object. Given as a
-// shared buffer, the object keeps its share, so the buffer lives as long as either user.
+// The index entries are decoded into values and the store is kept by the object: the caller's
+// buffer is read, never changed, and may go once the object is made.
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -14,6 +13,7 @@
 
 #include "ByteCursor.h"
 #include "DigestBase.h"
+#include "PackageFile.h"
 #include "PgpKey.h"
 #include "PgpMessage.h"
 #include "RpmCheck.h"
@@ -76,8 +76,10 @@ public:
     // entries: the index (header.indexCount entries) followed by the store (header.dataSize bytes),
     // with the counts of header already in host order. Throws DataFormatException when an entry
     // that is used points outside the store or holds no OpenPGP signature of a document.
-    SignatureHeader(void* entries, const HeaderStructureHeader& header);
-    SignatureHeader(std::shared_ptr<char[]> entries, const HeaderStructureHeader& header);
+    SignatureHeader(const void* entries, const HeaderStructureHeader& header);
+    SignatureHeader(const std::shared_ptr<char[]>& entries, const HeaderStructureHeader& header);
+    // The signature header as the package reader decoded it.
+    explicit SignatureHeader(SignatureHeaderData data);
 
     SignatureHeader(const SignatureHeader&) = delete;
     SignatureHeader& operator=(const SignatureHeader&) = delete;
@@ -122,23 +124,23 @@ private:
     struct TagRule;
     static const TagRule kTagRules[];
 
-    void ParseEntries();
+    void ParseEntries(uint32_t entryCount);
     // The data store after the index.
     ByteCursor Store() const;
     // The value of entry, as long as rule makes it.
-    ByteCursor ValueFor(const TagRule& rule, const SignatureEntry& entry);
+    ByteCursor ValueFor(const TagRule& rule, const HeaderEntry& entry);
     // The value of entry, checked to lie inside the store with at least length bytes; length is
     // counted against the bytes all values read so far may take.
-    ByteCursor ValueOf(const SignatureEntry& entry, uint64_t length);
-    void KeepHeaderSignature(const SignatureEntry& entry, const ByteCursor& value);
-    void KeepSha1(const SignatureEntry& entry, const ByteCursor& value);
-    void KeepPackageSignature(const SignatureEntry& entry, const ByteCursor& value);
-    void KeepMd5(const SignatureEntry& entry, const ByteCursor& value);
+    ByteCursor ValueOf(const HeaderEntry& entry, uint64_t length);
+    void KeepHeaderSignature(const HeaderEntry& entry, const ByteCursor& value);
+    void KeepSha1(const HeaderEntry& entry, const ByteCursor& value);
+    void KeepPackageSignature(const HeaderEntry& entry, const ByteCursor& value);
+    void KeepMd5(const HeaderEntry& entry, const ByteCursor& value);
     // The message holding the OpenPGP signature in entry's value.
-    std::unique_ptr<PgpMessage> ParsePgpSignature(const SignatureEntry& entry, const ByteCursor& value);
+    std::unique_ptr<PgpMessage> ParsePgpSignature(const HeaderEntry& entry, const ByteCursor& value);
 
-    std::shared_ptr<char[]> share_;  // keeps a shared buffer alive; empty for a borrowed one
-    SignatureEntry* entries_;        // not owned
+    std::vector<HeaderEntry> entries_;
+    std::vector<unsigned char> store_;
     uint32_t entryCount_;
     uint32_t dataSize_;
     uint64_t valueBytes_;  // bytes of the values read so far

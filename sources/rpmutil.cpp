@@ -9,7 +9,7 @@
 
 #include "CurrentVerification.h"
 #include "Exceptions.h"
-#include "FileHelper.h"
+#include "PackageFile.h"
 #include "PgpKey.h"
 #include "ProcessingResult.h"
 #include "RpmPackage.h"
@@ -45,14 +45,14 @@ namespace {
 // the first signature check on, and nothing is shared with other calls.
 RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmReport& report, bool recordChecks,
                        SigningPolicy policy) {
-    std::unique_ptr<FileHelper, FileHelperRelease> package;
+    std::unique_ptr<PackageFile> package;
     try {
         report.stage = RpmStage::Unreadable;
-        package.reset(new FileHelper(file));
+        package = std::make_unique<PackageFile>(file);
     } catch (const std::exception& e) {
         return response(RPM_STATUS_ERROR, e.what());
     }
-    if (!PackageReader::IsRpm(*package)) {
+    if (!package->IsRpm()) {
         report.stage = RpmStage::NotRpm;
         return response(RPM_STATUS_ERROR, file + " is not an RPM file.");
     }
@@ -61,7 +61,7 @@ RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmRepor
     int result = ResultInternalError;
     try {
         std::vector<RpmCheck>* checks = recordChecks ? &report.checks : nullptr;
-        result = policy == SigningPolicy::Current ? VerifyPackageCurrent(file, key, report.detail, checks)
+        result = policy == SigningPolicy::Current ? VerifyPackageCurrent(*package, key, report.detail, checks)
                                                   : VerifyPackage(*package, keyFile, report.detail, checks);
     } catch (const std::exception& e) {
         return response(RPM_STATUS_ERROR, "Could not verify " + file + " with key " + key + " - " + e.what());
