@@ -14,6 +14,7 @@
 #include "Exceptions.h"
 #include "FileHelper.h"
 #include "OpenPgpKeyring.h"
+#include "PgpKey.h"
 #include "OpenSslHandles.h"
 #include "ProcessingResult.h"
 #include "RpmPackage.h"
@@ -231,7 +232,7 @@ private:
 
 class CurrentVerification {
 public:
-    CurrentVerification(const PackageFile& file, const std::string& keyFile) : file_(file), keyFile_(keyFile) {}
+    CurrentVerification(const PackageFile& file, KeyFileBytes& keyFile) : file_(file), keyFile_(keyFile) {}
 
     int Run(std::string& message, std::vector<RpmCheck>* checks) {
         file_.CheckLead(kCurrentReader);
@@ -359,7 +360,9 @@ private:
         if (!keysRead_) {
             keysRead_ = true;
             try {
-                keys_ = std::make_unique<OpenPgpKeyring>(OpenPgpKeyring::ReadFile(keyFile_));
+                const std::vector<char>& bytes = keyFile_.Bytes();
+                keys_ = std::make_unique<OpenPgpKeyring>(
+                    OpenPgpKeyring::Parse(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()));
             } catch (...) {
                 keyError_ = std::current_exception();
             }
@@ -466,7 +469,7 @@ private:
     };
 
     const PackageFile& file_;
-    std::string keyFile_;
+    KeyFileBytes& keyFile_;
     std::unique_ptr<OpenPgpKeyring> keys_;
     std::exception_ptr keyError_;
     bool keysRead_ = false;
@@ -483,7 +486,7 @@ private:
 
 }  // namespace
 
-int VerifyPackageCurrent(const PackageFile& file, const std::string& keyFile, std::string& message,
+int VerifyPackageCurrent(const PackageFile& file, KeyFileBytes& keyFile, std::string& message,
                          std::vector<RpmCheck>* checks) {
     try {
         CurrentVerification verification(file, keyFile);

@@ -16,10 +16,11 @@
 #include <vector>
 
 #include "PackageFile.h"
+#include "PgpKey.h"
 #include "RpmCheck.h"
 
 // The ProcessingResult of the package in file checked with the keys of keyFile, with the reason in
 // message; with checks, every check made is recorded. The key file is read at the first signature
 // check. Any error becomes 5 (ResultInternalError) with its text in message.
-int VerifyPackageCurrent(const PackageFile& file, const std::string& keyFile, std::string& message,
+int VerifyPackageCurrent(const PackageFile& file, KeyFileBytes& keyFile, std::string& message,
                          std::vector<RpmCheck>* checks);

@@ -50,11 +50,26 @@ const unsigned char* PgpKey::KeyId() const {
 
 KeySource::~KeySource() {}
 
-const PgpKey& KeyFromFile::Key() {
+const std::vector<char>& KeyFileBytes::Bytes() {
     if (!read_) {
         read_ = true;
         try {
-            const std::vector<char> bytes = PgpKey::ReadFile(path_);
+            bytes_ = PgpKey::ReadFile(name_);
+        } catch (...) {
+            error_ = std::current_exception();
+        }
+    }
+    if (error_) {
+        std::rethrow_exception(error_);
+    }
+    return bytes_;
+}
+
+const PgpKey& KeyFromFile::Key() {
+    if (!parsed_) {
+        parsed_ = true;
+        try {
+            const std::vector<char>& bytes = file_.Bytes();
             key_ = PgpKey::Parse(bytes.data(), static_cast<unsigned int>(bytes.size()));
         } catch (...) {
             error_ = std::current_exception();

@@ -51,18 +51,38 @@ public:
     virtual const PgpKey& Key() = 0;
 };
 
-// The key file of one verification: read and parsed at the first Key(), after which every call
-// gives the same key, or throws the same error, whatever happens to the file meanwhile. One object
-// serves one verification on one thread.
-class KeyFromFile : public KeySource {
+// The key file of one verification: its bytes, read from its path at the first Bytes() (after which
+// every call gives the same bytes, or throws the same error, whatever happens to the file
+// meanwhile), or given as a value under a name. One object serves one verification on one thread.
+class KeyFileBytes {
 public:
-    explicit KeyFromFile(std::string path) : path_(std::move(path)) {}
-    const PgpKey& Key() override;
-    const std::string& Path() const { return path_; }
+    explicit KeyFileBytes(std::string path) : name_(std::move(path)) {}
+    KeyFileBytes(std::string name, std::vector<char> bytes)
+        : name_(std::move(name)), bytes_(std::move(bytes)), read_(true) {}
+    // The path, or the name the bytes were given under: what messages call the key file.
+    const std::string& Name() const { return name_; }
+    const std::vector<char>& Bytes();
 
 private:
-    std::string path_;
+    std::string name_;
+    std::vector<char> bytes_;
     bool read_ = false;
+    std::exception_ptr error_;
+};
+
+// The key of a key file, parsed at the first Key(); afterwards every call gives the same key or
+// throws the same error.
+class KeyFromFile : public KeySource {
+public:
+    explicit KeyFromFile(std::string path) : owned_(std::make_unique<KeyFileBytes>(std::move(path))), file_(*owned_) {}
+    explicit KeyFromFile(KeyFileBytes& file) : file_(file) {}
+    const PgpKey& Key() override;
+    const std::string& Path() const { return file_.Name(); }
+
+private:
+    std::unique_ptr<KeyFileBytes> owned_;
+    KeyFileBytes& file_;
+    bool parsed_ = false;
     std::unique_ptr<PgpKey> key_;
     std::exception_ptr error_;
 };

@@ -29,6 +29,15 @@ struct RpmReport {
 RpmVerifyResult rpm_verify_report(const char* file, const char* key, RpmReport& report,
                                   SigningPolicy policy = SigningPolicy::Classic);
 
+// A key file as a value: its bytes, and the name messages give it (its path, or what stands for one).
+struct KeyBytes {
+    std::string name;
+    std::vector<char> bytes;
+};
+// The same with the key file given as a value: nothing is read from a path for the key.
+RpmVerifyResult rpm_verify_report(const char* file, const KeyBytes& key, RpmReport& report,
+                                  SigningPolicy policy = SigningPolicy::Classic);
+
 // The public key as verification reads it. The key ID is the issuer of the key block's last signature packet, the
 // identity signatures are matched against. Throws the loader's exception when the key cannot be read; a block without
 // a signature packet that names its key is a DataFormatException.

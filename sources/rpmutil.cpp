@@ -43,7 +43,7 @@ namespace {
 // stays the first failure's), without it the verification stops at the first failure. Everything
 // the verification uses is made here and dropped on return: the key is read at most once, from
 // the first signature check on, and nothing is shared with other calls.
-RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmReport& report, bool recordChecks,
+RpmVerifyResult Verify(const std::string& file, KeyFileBytes& key, RpmReport& report, bool recordChecks,
                        SigningPolicy policy) {
     std::unique_ptr<PackageFile> package;
     try {
@@ -64,7 +64,7 @@ RpmVerifyResult Verify(const std::string& file, const std::string& key, RpmRepor
         result = policy == SigningPolicy::Current ? VerifyPackageCurrent(*package, key, report.detail, checks)
                                                   : VerifyPackage(*package, keyFile, report.detail, checks);
     } catch (const std::exception& e) {
-        return response(RPM_STATUS_ERROR, "Could not verify " + file + " with key " + key + " - " + e.what());
+        return response(RPM_STATUS_ERROR, "Could not verify " + file + " with key " + key.Name() + " - " + e.what());
     }
     package.reset();
     if (result != ResultInternalError) report.stage = RpmStage::Checked;
@@ -86,17 +86,19 @@ RpmVerifyResult response(RPM_STATUS status, const std::string& text) {
 
 namespace {
 
-RpmVerifyResult VerifyEntry(const char* file, const char* key, RpmReport& report, bool recordChecks,
-                            SigningPolicy policy) {
+// key is the key file's path, or null where keyBytes holds the key file as a value.
+RpmVerifyResult VerifyEntry(const char* file, const char* key, const KeyBytes* keyBytes, RpmReport& report,
+                            bool recordChecks, SigningPolicy policy) {
     report = RpmReport();
     // Nothing may leave towards the host: every failure becomes status 5 with its reason.
     try {
-        if (file == nullptr || key == nullptr) {
+        if (file == nullptr || (key == nullptr && keyBytes == nullptr)) {
             return response(RPM_STATUS_ERROR, file == nullptr ? "rpm_verify: no package file was given"
                                                               : "rpm_verify: no key file was given");
         }
         try {
-            return Verify(file, key, report, recordChecks, policy);
+            KeyFileBytes keyFile = keyBytes != nullptr ? KeyFileBytes(keyBytes->name, keyBytes->bytes) : KeyFileBytes(key);
+            return Verify(file, keyFile, report, recordChecks, policy);
         } catch (const std::exception& e) {
             return response(RPM_STATUS_ERROR, std::string("Could not recognise ") + file + " - " + e.what());
         } catch (...) {
@@ -110,12 +112,16 @@ RpmVerifyResult VerifyEntry(const char* file, const char* key, RpmReport& report
 }  // namespace
 
 RpmVerifyResult rpm_verify_report(const char* file, const char* key, RpmReport& report, SigningPolicy policy) {
-    return VerifyEntry(file, key, report, true, policy);
+    return VerifyEntry(file, key, nullptr, report, true, policy);
+}
+
+RpmVerifyResult rpm_verify_report(const char* file, const KeyBytes& key, RpmReport& report, SigningPolicy policy) {
+    return VerifyEntry(file, nullptr, &key, report, true, policy);
 }
 
 RpmVerifyResult rpm_verify_detailed(const char* file, const char* key, std::string& detail, SigningPolicy policy) {
     RpmReport report;
-    const RpmVerifyResult result = VerifyEntry(file, key, report, false, policy);
+    const RpmVerifyResult result = VerifyEntry(file, key, nullptr, report, false, policy);
     detail = std::move(report.detail);
     return result;
 }

@@ -274,3 +274,8 @@ KeyDiagnosis DiagnoseKey(const std::string& path, SigningPolicy policy) {
     }
     return policy == SigningPolicy::Current ? DiagnoseKeyring(data) : DiagnoseKeyData(data);
 }
+
+KeyDiagnosis DiagnoseKeyBytes(const std::vector<char>& bytes, SigningPolicy policy) {
+    const std::string data(bytes.begin(), bytes.end());
+    return policy == SigningPolicy::Current ? DiagnoseKeyring(data) : DiagnoseKeyData(data);
+}

@@ -25,6 +25,8 @@ struct KeyDiagnosis {
 // The key in the file at path; a file that cannot be read is "unreadable-key". Never throws. Under
 // the current policy every key of the file is read (text then lists them, for a usable file).
 KeyDiagnosis DiagnoseKey(const std::string& path, SigningPolicy policy = SigningPolicy::Classic);
+// The same for the bytes of a key file.
+KeyDiagnosis DiagnoseKeyBytes(const std::vector<char>& bytes, SigningPolicy policy = SigningPolicy::Classic);
 // The key block in data (armored or binary). Never throws: whatever the block holds, a block the
 // verifier cannot use gets one line of text and the reason "unsupported-key".
 KeyDiagnosis DiagnoseKeyData(const std::string& data);

@@ -167,7 +167,7 @@ const char* StateText(RpmCheck::State state) {
 }
 
 // The stable reason code of a verdict, from how far the verifier got and what it found.
-std::string ReasonOf(const std::string& file, const RpmReport& report, const std::string& keyPath,
+std::string ReasonOf(const std::string& file, const RpmReport& report, const KeyBytes& key,
                      const std::string& keyId, SigningPolicy policy) {
     switch (report.stage) {
         case RpmStage::Unreadable: return "unreadable-file";
@@ -180,9 +180,10 @@ std::string ReasonOf(const std::string& file, const RpmReport& report, const std
                 static_cast<unsigned long long>(status.st_size) >= 0x80000000ull) {
                 return "too-large";
             }
-            // The key was read before the first package; if it fails now, it changed since.
-            const KeyDiagnosis key = DiagnoseKey(keyPath, policy);
-            return key.usable ? "damaged" : key.reason;
+            // The key was read before the first package: a verification that fails before its checks
+            // is refused for the package, unless the key itself cannot be used.
+            const KeyDiagnosis diagnosis = DiagnoseKeyBytes(key.bytes, policy);
+            return diagnosis.usable ? "damaged" : diagnosis.reason;
         }
     }
     switch (report.result) {
@@ -205,7 +206,7 @@ std::string ReasonOf(const std::string& file, const RpmReport& report, const std
     }
 }
 
-std::string HintOf(const std::string& reason, const RpmReport& report, const std::string& keyPath,
+std::string HintOf(const std::string& reason, const RpmReport& report, const KeyBytes& key,
                    const std::string& keyId, SigningPolicy policy) {
     if (reason == "header-only" && policy == SigningPolicy::Classic) {
         return "the package is signed over its header only (what rpmsign --addsign writes by default); the "
@@ -240,18 +241,18 @@ std::string HintOf(const std::string& reason, const RpmReport& report, const std
         return "signed with key ID " + signers + ", but the key given is " + keyId +
                ": check it with the publisher's key, or re-sign it with that key";
     }
-    if (reason == "unreadable-key" || reason == "unsupported-key") return DiagnoseKey(keyPath, policy).hint;
+    if (reason == "unreadable-key" || reason == "unsupported-key") return DiagnoseKeyBytes(key.bytes, policy).hint;
     return "";
 }
 
-json Outcome(const std::string& file, const std::string& keyPath, const std::string& keyId, SigningPolicy policy) {
+json Outcome(const std::string& file, const KeyBytes& key, const std::string& keyId, SigningPolicy policy) {
     RpmReport report;
-    const RpmVerifyResult result = rpm_verify_report(file.c_str(), keyPath.c_str(), report, policy);
+    const RpmVerifyResult result = rpm_verify_report(file.c_str(), key, report, policy);
     json outcome = {{"file", file}, {"status", static_cast<int>(result.status)}};
     outcome["message"] = result.message != nullptr ? result.message : "";
     // The static text of a failed allocation is not the caller's to free.
     if (result.message != nullptr && std::strcmp(result.message, "Internal error.") != 0) std::free(result.message);
-    std::string reason = ReasonOf(file, report, keyPath, keyId, policy);
+    std::string reason = ReasonOf(file, report, key, keyId, policy);
     outcome["reason"] = reason;  // its place among the keys; a signature the classic check skips may change it
     if (!report.detail.empty()) outcome["detail"] = report.detail;
     outcome["checks"] = json::array();
@@ -265,7 +266,7 @@ json Outcome(const std::string& file, const std::string& keyPath, const std::str
     // are named, as the current policy reads them, so that such a package is not just "not signed".
     if (policy == SigningPolicy::Classic && report.stage == RpmStage::Checked && report.result != ResultSigned) {
         RpmReport current;
-        const RpmVerifyResult other = rpm_verify_report(file.c_str(), keyPath.c_str(), current, SigningPolicy::Current);
+        const RpmVerifyResult other = rpm_verify_report(file.c_str(), key, current, SigningPolicy::Current);
         if (other.message != nullptr && std::strcmp(other.message, "Internal error.") != 0) std::free(other.message);
         for (const RpmCheck& check : current.checks) {
             const bool signature = check.kind == RpmCheck::HeaderSignature || check.kind == RpmCheck::PackageSignature;
@@ -281,7 +282,7 @@ json Outcome(const std::string& file, const std::string& keyPath, const std::str
         }
     }
     outcome["reason"] = reason;
-    const std::string hint = HintOf(reason, report, keyPath, keyId, policy);
+    const std::string hint = HintOf(reason, report, key, keyId, policy);
     if (!hint.empty()) outcome["hint"] = hint;
     return outcome;
 }
@@ -310,23 +311,15 @@ json KeyReport(const std::string& path, const KeyDiagnosis& key) {
     return report;
 }
 
-// The keys a run verifies with: classic checks a package with one key block at a time, so each
-// block of the key files is a file of its own; current reads every key of one file. The files live
-// in a private folder that goes with the object.
+// The keys a run verifies with, as values: classic checks a package with one key block at a time, so
+// each block of the key files is a key file of its own; current reads every key of one key file, made
+// of all the blocks given.
 struct Keys {
-    std::string folder;
-    std::vector<std::string> paths;   // in the order given
-    std::vector<std::string> keyIds;  // classic: the key ID of each path
+    std::vector<KeyBytes> files;      // in the order given
+    std::vector<std::string> keyIds;  // classic: the key ID of each file
     json reports = json::array();     // one per key file given
     std::string firstError;           // the stderr line of the first key that cannot be used
     int Unusable() const { return firstError.empty() ? 0 : 1; }
-    Keys() = default;
-    Keys(const Keys&) = delete;
-    Keys& operator=(const Keys&) = delete;
-    ~Keys() {
-        for (const std::string& path : paths) unlink(path.c_str());
-        if (!folder.empty()) rmdir(folder.c_str());
-    }
 };
 
 // The bytes of a key file, a pipe as well (at most 1 MiB and one byte, so that a larger file is told).
@@ -354,17 +347,18 @@ bool ReadKeyBytes(const std::string& path, std::string& bytes, std::string& erro
         bytes.append(buffer, static_cast<size_t>(count));
     }
     close(descriptor);
+    if (bytes.size() > 1024 * 1024) {
+        error = "PGP public key file " + path + " holds more than 1048576 bytes";
+        return false;
+    }
     return true;
 }
 
-std::string WriteKeyFile(Keys& keys, const std::string& name, const void* data, size_t size) {
-    const std::string path = keys.folder + "/" + name;
-    const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    const bool written = descriptor >= 0 && WriteAll(descriptor, data, size);
-    if (descriptor >= 0) close(descriptor);
-    keys.paths.push_back(path);
-    if (!written) throw std::runtime_error("cannot write " + path);
-    return path;
+// Adds a key file to verify with: data, under the name messages give it.
+const KeyBytes& AddKeyFile(Keys& keys, const std::string& name, const void* data, size_t size) {
+    const char* bytes = static_cast<const char*>(data);
+    keys.files.push_back(KeyBytes{name, std::vector<char>(bytes, bytes + size)});
+    return keys.files.back();
 }
 
 // The line of a key file that the installer's key screen refuses (it holds "http://"), or "".
@@ -391,16 +385,8 @@ void AddKeyReport(Keys& keys, const std::string& given, const KeyDiagnosis& key,
 
 // Reads every key file given and writes the files verification reads.
 void PrepareKeys(const Options& options, Keys& keys) {
-    const char* temporary = getenv("TMPDIR");
-    std::string pattern =
-        std::string(temporary != nullptr && temporary[0] == '/' ? temporary : "/tmp") + "/rpm-verify.XXXXXX";
-    if (mkdtemp(&pattern[0]) == nullptr) {
-        throw std::runtime_error("cannot make a folder for the keys: " + std::string(std::strerror(errno)));
-    }
-    keys.folder = pattern;
     std::vector<unsigned char> keyring;  // current: every key block, binary
-    for (size_t index = 0; index < options.keys.size(); ++index) {
-        const std::string& given = options.keys[index];
+    for (const std::string& given : options.keys) {
         std::string bytes, error;
         if (!ReadKeyBytes(given, bytes, error)) {
             KeyDiagnosis unreadable;
@@ -416,20 +402,15 @@ void PrepareKeys(const Options& options, Keys& keys) {
         } catch (const std::exception&) {
             blocks.clear();  // the diagnosis of the bytes as given tells why
         }
-        const std::string name = "key" + std::to_string(index);
         if (options.policy == SigningPolicy::Current) {
-            const std::string own = WriteKeyFile(keys, name, bytes.data(), bytes.size());
-            const KeyDiagnosis key = DiagnoseKey(own, options.policy);
-            AddKeyReport(keys, given, key, refusal);
-            keys.paths.pop_back();
-            unlink(own.c_str());
+            AddKeyReport(keys, given, DiagnoseKeyBytes(std::vector<char>(bytes.begin(), bytes.end()), options.policy),
+                         refusal);
             for (const auto& block : blocks) keyring.insert(keyring.end(), block.begin(), block.end());
             continue;
         }
         if (blocks.size() <= 1) {
             // One key block (or one that cannot be split): the bytes as given.
-            const std::string path = WriteKeyFile(keys, name, bytes.data(), bytes.size());
-            const KeyDiagnosis key = DiagnoseKey(path, options.policy);
+            const KeyDiagnosis key = DiagnoseKeyBytes(AddKeyFile(keys, given, bytes.data(), bytes.size()).bytes);
             keys.keyIds.push_back(key.keyId);
             AddKeyReport(keys, given, key, refusal);
             continue;
@@ -437,14 +418,14 @@ void PrepareKeys(const Options& options, Keys& keys) {
         KeyDiagnosis all;
         all.usable = true;
         for (size_t block = 0; block < blocks.size() && all.usable; ++block) {
-            const std::string path =
-                WriteKeyFile(keys, name + "-" + std::to_string(block), blocks[block].data(), blocks[block].size());
-            const KeyDiagnosis key = DiagnoseKey(path, options.policy);
+            const std::string place = "key " + std::to_string(block + 1) + " of " + std::to_string(blocks.size());
+            const KeyBytes& file =
+                AddKeyFile(keys, given + " (" + place + ")", blocks[block].data(), blocks[block].size());
+            const KeyDiagnosis key = DiagnoseKeyBytes(file.bytes);
             keys.keyIds.push_back(key.keyId);
             if (!key.usable) {
                 all = key;
-                all.text =
-                    "key " + std::to_string(block + 1) + " of " + std::to_string(blocks.size()) + ": " + key.text;
+                all.text = place + ": " + key.text;
             } else {
                 all.keys.insert(all.keys.end(), key.keys.begin(), key.keys.end());
             }
@@ -452,7 +433,7 @@ void PrepareKeys(const Options& options, Keys& keys) {
         AddKeyReport(keys, given, all, refusal);
     }
     if (options.policy == SigningPolicy::Current && keys.firstError.empty()) {
-        WriteKeyFile(keys, "keyring.gpg", keyring.data(), keyring.size());
+        AddKeyFile(keys, "the keys given", keyring.data(), keyring.size());
         std::string ids;
         for (const json& key : keys.reports) {
             for (const json& each : key["keys"]) ids += (ids.empty() ? "" : ", ") + each["keyId"].get<std::string>();
@@ -464,9 +445,9 @@ void PrepareKeys(const Options& options, Keys& keys) {
 // The outcome of a package with the keys: the first key that verifies it, else the first key's.
 json Outcome(const std::string& file, const Keys& keys, SigningPolicy policy) {
     json first;
-    for (size_t i = 0; i < keys.paths.size(); ++i) {
+    for (size_t i = 0; i < keys.files.size(); ++i) {
         const std::string keyId = i < keys.keyIds.size() ? keys.keyIds[i] : "";
-        json outcome = Outcome(file, keys.paths[i], keyId, policy);
+        json outcome = Outcome(file, keys.files[i], keyId, policy);
         if (outcome["status"] == 0) {
             std::string verified = keyId;
             for (const json& check : outcome["checks"]) {
