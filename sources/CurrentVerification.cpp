@@ -14,6 +14,7 @@
 #include "Exceptions.h"
 #include "FileHelper.h"
 #include "OpenPgpKeyring.h"
+#include "PgpPacket.h"
 #include "PgpKey.h"
 #include "OpenSslHandles.h"
 #include "ProcessingResult.h"
@@ -39,11 +40,6 @@ const uint32_t kPayloadSha512 = 5121;
 const uint32_t kPayloadSha3256 = 5123;
 const uint32_t kRpmFormat = 5114;
 
-// OpenPGP hash ids, which rpm also uses for its digests.
-const unsigned int kHashSha1 = 2;
-const unsigned int kHashSha256 = 8;
-const unsigned int kHashSha512 = 10;
-const unsigned int kHashSha3256 = 12;
 
 // How the current verification reads a package: sizes in 64 bits without a limit; a refused header
 // size is given alone; a header structure cut short is refused as such.
@@ -142,7 +138,8 @@ std::vector<unsigned char> Base64Decode(const std::string& text) {
 class Hash {
 public:
     explicit Hash(unsigned int id) : id_(id), context_(EVP_MD_CTX_new()) {
-        const EVP_MD* md = id == 1 ? EVP_md5() : OpenPgpDigest(id);
+        const OpenPgpHashRow* row = FindOpenPgpHash(id);
+        const EVP_MD* md = row != nullptr && row->md != nullptr ? row->md() : nullptr;
         if (md == nullptr || !context_ || EVP_DigestInit_ex(context_.get(), md, nullptr) != 1) {
             throw NotSupportedException("The hash algorithm " + OpenPgpHashName(id) + " is not supported");
         }
@@ -181,7 +178,9 @@ private:
 using Hashes = std::map<unsigned int, std::unique_ptr<Hash>>;
 
 void Want(Hashes& hashes, unsigned int id) {
-    if (hashes.count(id) == 0 && (id == 1 || OpenPgpDigest(id) != nullptr)) hashes[id] = std::make_unique<Hash>(id);
+    if (hashes.count(id) == 0 && (id == PgpHashMd5 || OpenPgpDigest(id) != nullptr)) {
+        hashes[id] = std::make_unique<Hash>(id);
+    }
 }
 
 std::string Lower(std::string text) {
@@ -282,9 +281,9 @@ private:
                         if (!unreadable.empty()) signatures_.back().unreadable = unreadable;
                     }
                     break;
-                case kSha1: headerDigests_[kHashSha1] = Lower(store.Text(entry)); break;
-                case kSha256: headerDigests_[kHashSha256] = Lower(store.Text(entry)); break;
-                case kSha3256: headerDigests_[kHashSha3256] = Lower(store.Text(entry)); break;
+                case kSha1: headerDigests_[PgpHashSha1] = Lower(store.Text(entry)); break;
+                case kSha256: headerDigests_[PgpHashSha256] = Lower(store.Text(entry)); break;
+                case kSha3256: headerDigests_[PgpHashSha3_256] = Lower(store.Text(entry)); break;
                 case kMd5: {
                     if (entry.count != 16) throw DataFormatException("RPM tag 1004: an MD5 digest takes 16 bytes");
                     const ByteCursor value = store.Binary(entry);
@@ -323,16 +322,16 @@ private:
     void ReadMainHeader(const HeaderStructure& main) {
         if (const HeaderEntry* entry = main.Find(kPayloadDigest)) {
             const HeaderEntry* algorithm = main.Find(kPayloadDigestAlgorithm);
-            const unsigned int id = algorithm != nullptr ? MainInt32(file_, main, *algorithm) : kHashSha256;
+            const unsigned int id = algorithm != nullptr ? MainInt32(file_, main, *algorithm) : unsigned{PgpHashSha256};
             payloadDigests_.push_back(
                 {id, Lower(MainString(file_, main, *entry)), "Payload " + OpenPgpHashName(id) + " digest"});
         }
         if (const HeaderEntry* entry = main.Find(kPayloadSha512)) {
-            payloadDigests_.push_back({kHashSha512, Lower(MainString(file_, main, *entry)), "Payload SHA512 digest"});
+            payloadDigests_.push_back({PgpHashSha512, Lower(MainString(file_, main, *entry)), "Payload SHA512 digest"});
         }
         if (const HeaderEntry* entry = main.Find(kPayloadSha3256)) {
             payloadDigests_.push_back(
-                {kHashSha3256, Lower(MainString(file_, main, *entry)), "Payload SHA3-256 digest"});
+                {PgpHashSha3_256, Lower(MainString(file_, main, *entry)), "Payload SHA3-256 digest"});
         }
         if (const HeaderEntry* entry = main.Find(kRpmFormat)) version6_ = MainInt32(file_, main, *entry) >= 6;
     }
@@ -425,7 +424,7 @@ private:
     void CheckDigests(Verdict& verdict) {
         for (const auto& digest : headerDigests_) {
             const std::string label = "Header " + OpenPgpHashName(digest.first) + " digest";
-            CheckDigest(verdict, digest.first == kHashSha1 ? RpmCheck::HeaderSha1 : RpmCheck::HeaderDigest, label,
+            CheckDigest(verdict, digest.first == PgpHashSha1 ? RpmCheck::HeaderSha1 : RpmCheck::HeaderDigest, label,
                         digest.second, headerHashes_.at(digest.first)->HexValue());
         }
         for (const PayloadDigest& digest : payloadDigests_) {

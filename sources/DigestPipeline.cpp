@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "PgpPacket.h"
+#include "OpenPgpAlgorithms.h"
 
 namespace {
 
@@ -138,18 +138,9 @@ uint64_t RunAlone(uint64_t position, size_t blockSize, const DigestPipeline::Rea
 }  // namespace
 
 double DigestPipeline::Cost(unsigned int hashId) {
-    const bool bits32 = sizeof(void*) == 4;
-    switch (hashId) {
-        case PgpHashSha1:
-        case PgpHashSha256:
-        case PgpHashSha224: return 0.4;
-        case PgpHashSha384:
-        case PgpHashSha512: return bits32 ? 1.75 : 0.75;
-        case 12:  // SHA3-256
-        case 14:  // SHA3-512
-            return 1.5;
-        default: return 1.0;  // MD5, and what is not known
-    }
+    const OpenPgpHashRow* row = FindOpenPgpHash(hashId);
+    if (row == nullptr) return 1.0;  // as MD5
+    return sizeof(void*) == 4 ? row->cost32 : row->cost;
 }
 
 std::vector<bool> DigestPipeline::Share(const std::vector<double>& costs) {

@@ -30,11 +30,8 @@ public:
     // Whether a stretch of size bytes is worth a second thread here.
     static bool Worthwhile(uint64_t size);
 
-    // Rough time per byte of a hash over a stretch, by its OpenPGP id (1 MD5, 2 SHA-1, 8 SHA-256,
-    // 9 SHA-384, 10 SHA-512, 11 SHA-224, 12 SHA3-256, 14 SHA3-512), against MD5's, with today's
-    // x86 libcrypto: SHA-1 and SHA-256 run on the SHA extensions; SHA-512 takes 64-bit arithmetic,
-    // which a 32-bit build does in pairs of registers (bench/floor.c on 256 MiB: MD5 0.41-0.50 s,
-    // SHA-512 0.34 s on x86-64 and 0.73 s on i386, SHA-256 and SHA-1 0.17-0.18 s on both).
+    // Rough time per byte of a hash over a stretch, by its OpenPGP id, against MD5's, with today's
+    // x86 libcrypto (the cost columns of OpenPgpAlgorithms.cpp); an unknown id costs as MD5.
     static double Cost(unsigned int hashId);
     // Which of the hashes of the given costs go to the second thread: the costliest first, each to
     // the thread with less work so far, the calling thread starting with the reading (a quarter of

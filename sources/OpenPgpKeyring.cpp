@@ -330,42 +330,8 @@ std::vector<unsigned char> DecodeArmor(const std::string& block) {
 }  // namespace
 
 const EVP_MD* OpenPgpDigest(unsigned int hashId) {
-    switch (hashId) {
-        case 2: return EVP_sha1();
-        case 8: return EVP_sha256();
-        case 9: return EVP_sha384();
-        case 10: return EVP_sha512();
-        case 11: return EVP_sha224();
-        case 12: return EVP_sha3_256();
-        case 14: return EVP_sha3_512();
-        default: return nullptr;
-    }
-}
-
-std::string OpenPgpHashName(unsigned int hashId) {
-    switch (hashId) {
-        case 1: return "MD5";
-        case 2: return "SHA1";
-        case 3: return "RIPEMD160";
-        case 8: return "SHA256";
-        case 9: return "SHA384";
-        case 10: return "SHA512";
-        case 11: return "SHA224";
-        case 12: return "SHA3-256";
-        case 14: return "SHA3-512";
-        default: return "hash " + std::to_string(hashId);
-    }
-}
-
-std::string OpenPgpAlgorithmName(unsigned int algorithm) {
-    switch (algorithm) {
-        case 1:
-        case 2:
-        case 3: return "RSA";
-        case 17: return "DSA";
-        case 22: return "EdDSA";
-        default: return "algorithm " + std::to_string(algorithm);
-    }
+    const OpenPgpHashRow* row = FindOpenPgpHash(hashId);
+    return row != nullptr && row->signs ? row->md() : nullptr;
 }
 
 OpenPgpSignature OpenPgpSignature::Parse(const unsigned char* data, uint64_t size) {

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "OpenPgpAlgorithms.h"
+
 // A key that may verify signatures: a primary key, or a subkey whose binding signature by its
 // primary key verifies.
 struct OpenPgpPublicKey {
@@ -22,12 +24,9 @@ struct OpenPgpPublicKey {
     std::shared_ptr<EVP_PKEY> key;
 };
 
-// The OpenPGP hash algorithm id as OpenSSL's digest (null when not supported: MD5, RIPEMD-160 and
-// unknown ids), and its name ("SHA256") for reports.
+// The OpenPGP hash algorithm id as OpenSSL's digest of a signature (null when not taken: MD5,
+// RIPEMD-160 and unknown ids).
 const EVP_MD* OpenPgpDigest(unsigned int hashId);
-std::string OpenPgpHashName(unsigned int hashId);
-// "RSA", "EdDSA", "DSA" or "algorithm N".
-std::string OpenPgpAlgorithmName(unsigned int algorithm);
 
 // An OpenPGP signature packet of version 3 or 4, as verification reads it.
 struct OpenPgpSignature {

@@ -40,6 +40,8 @@ enum PgpHashAlgorithm : int32_t {
     PgpHashSha384 = 9,
     PgpHashSha512 = 10,
     PgpHashSha224 = 11,
+    PgpHashSha3_256 = 12,
+    PgpHashSha3_512 = 14,
 };
 
 class PgpPacket : public Base {

@@ -6,6 +6,7 @@
 #include "ByteCursor.h"
 #include "Digest.h"
 #include "Exceptions.h"
+#include "OpenPgpAlgorithms.h"
 #include "OpenPgpTrailer.h"
 #include "ProcessingResult.h"
 
@@ -46,15 +47,11 @@ std::string HashedAreaFault(const PgpSignatureData& signature) {
 }  // namespace
 
 soapWrap::HashAlgorithm HashAlgorithmOf(int pgpHashId) {
-    switch (pgpHashId) {
-        case PgpHashMd5: return soapWrap::Md5;
-        case PgpHashSha1: return soapWrap::Sha1;
-        case PgpHashSha256: return soapWrap::Sha256;
-        case PgpHashSha384: return soapWrap::Sha384;
-        case PgpHashSha512: return soapWrap::Sha512;
-        case PgpHashSha224: return soapWrap::Sha224;
-        default: throw NotSupportedException("Not supported hash algorithm in PGP signature");
+    const OpenPgpHashRow* row = pgpHashId < 0 ? nullptr : FindOpenPgpHash(static_cast<unsigned int>(pgpHashId));
+    if (row == nullptr || !row->classic || row->algorithm < 0) {
+        throw NotSupportedException("Not supported hash algorithm in PGP signature");
     }
+    return static_cast<soapWrap::HashAlgorithm>(row->algorithm);
 }
 
 std::unique_ptr<DigestBase> FinishSignatureHash(const PgpSignatureData& signature, const DigestBase& signedData) {

@@ -3,24 +3,9 @@
 #include "Digest.h"
 #include "DigestPipeline.h"
 #include "Exceptions.h"
+#include "OpenPgpAlgorithms.h"
 #include "ProcessingResult.h"
 
-namespace {
-
-// The OpenPGP id of a hash algorithm (RFC 4880, 9.4), by which DigestPipeline::Cost knows it.
-unsigned int OpenPgpHashId(soapWrap::HashAlgorithm hash) {
-    switch (hash) {
-        case soapWrap::Md5: return PgpHashMd5;
-        case soapWrap::Sha1: return PgpHashSha1;
-        case soapWrap::Sha256: return PgpHashSha256;
-        case soapWrap::Sha384: return PgpHashSha384;
-        case soapWrap::Sha512: return PgpHashSha512;
-        case soapWrap::Sha224: return PgpHashSha224;
-        default: return 0;
-    }
-}
-
-}  // namespace
 
 HeaderStructure ReadMainHeader(const PackageFile& file, uint64_t start) {
     return ReadHeaderStructure(file, start, kMainHeaderBounds, "Header section", kClassicReader);
@@ -41,7 +26,7 @@ PackageDigests DigestPackage(const PackageFile& file, const HeaderStructure& mai
         return DigestStream{[digest](const char* data, size_t size) {
                                 digest->Update(data, static_cast<unsigned int>(size));
                             },
-                            DigestPipeline::Cost(OpenPgpHashId(type))};
+                            DigestPipeline::Cost(OpenPgpHashIdOf(type))};
     };
     // Over the main header: SHA-1, the signed hash and (signing path) SHA-1 again; over header and
     // payload: MD5, the signed hash and (signing path) SHA-1.

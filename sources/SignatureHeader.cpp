@@ -6,6 +6,7 @@
 
 #include "Base.h"
 #include "Exceptions.h"
+#include "OpenPgpAlgorithms.h"
 #include "PgpVerification.h"
 #include "ProcessingResult.h"
 
@@ -215,24 +216,7 @@ std::string Mismatch(const std::string& expected, const std::string& computed) {
 
 // "RSA/SHA256" in the manner of rpmkeys: the public-key and hash algorithms of a signature packet.
 std::string AlgorithmsOf(const PgpSignatureData& data) {
-    std::string text;
-    switch (data.GetPublicKeyAlgorithm()) {
-        case 1:
-        case 2:
-        case 3: text = "RSA"; break;
-        case 17: text = "DSA"; break;
-        default: text = "algorithm " + std::to_string(data.GetPublicKeyAlgorithm()); break;
-    }
-    switch (data.GetHashAlgorithm()) {
-        case PgpHashMd5: return text + "/MD5";
-        case PgpHashSha1: return text + "/SHA1";
-        case PgpHashRipemd160: return text + "/RIPEMD160";
-        case PgpHashSha256: return text + "/SHA256";
-        case PgpHashSha384: return text + "/SHA384";
-        case PgpHashSha512: return text + "/SHA512";
-        case PgpHashSha224: return text + "/SHA224";
-        default: return text + "/hash " + std::to_string(data.GetHashAlgorithm());
-    }
+    return OpenPgpAlgorithmName(data.GetPublicKeyAlgorithm(), true) + "/" + OpenPgpHashName(data.GetHashAlgorithm(), true);
 }
 
 RpmCheck SignatureCheck(RpmCheck::Kind kind, const PgpSignatureData& data) {
