@@ -19,31 +19,19 @@
 #include "OpenSslHandles.h"
 #include "ProcessingResult.h"
 #include "RpmPackage.h"
+#include "SigningPolicy.h"
 
 namespace {
 
-// Signature header tags.
-const uint32_t kRegionTag = 62;
-const uint32_t kDsaHeader = 267;
-const uint32_t kRsaHeader = 268;
-const uint32_t kSha1 = 269;
-const uint32_t kSha256 = 273;
-const uint32_t kOpenPgp = 278;
-const uint32_t kSha3256 = 279;
-const uint32_t kPgp = 1002;
-const uint32_t kMd5 = 1004;
-const uint32_t kGpg = 1005;
-// Main header tags.
-const uint32_t kPayloadDigest = 5092;
-const uint32_t kPayloadDigestAlgorithm = 5093;
-const uint32_t kPayloadSha512 = 5121;
-const uint32_t kPayloadSha3256 = 5123;
+// The main header's tag of the package format version (6 for rpm 6 packages).
 const uint32_t kRpmFormat = 5114;
+// The tag of rpm 6's Base64 signatures.
+const uint32_t kOpenPgp = 278;
 
-
-// How the current verification reads a package: sizes in 64 bits without a limit; a refused header
-// size is given alone; a header structure cut short is refused as such.
-const ReaderStyle kCurrentReader{0, false, false};
+// How the current verification reads a package (SigningPolicy.h).
+const ReaderStyle& CurrentReader() {
+    return PolicyOf(SigningPolicy::Current).reader;
+}
 
 std::string TagName(uint32_t tag) {
     return "RPM tag " + std::to_string(tag);
@@ -200,9 +188,10 @@ std::string SignatureLabel(const SignatureEntry& signature) {
     std::string label = signature.header ? "Header " : "";
     if (!signature.unreadable.empty()) return label + "signature (tag " + std::to_string(signature.tag) + ")";
     const std::string shortId = Lower(signature.packet.issuer.size() == 16 ? signature.packet.issuer.substr(8) : "");
+    const bool classic = PolicyOf(SigningPolicy::Current).classicAlgorithms;
     return label + "V" + std::to_string(signature.packet.version) + " " +
-           OpenPgpAlgorithmName(signature.packet.publicKeyAlgorithm) + "/" +
-           OpenPgpHashName(signature.packet.hashAlgorithm) + " Signature, key ID " + shortId;
+           OpenPgpAlgorithmName(signature.packet.publicKeyAlgorithm, classic) + "/" +
+           OpenPgpHashName(signature.packet.hashAlgorithm, classic) + " Signature, key ID " + shortId;
 }
 
 // The verdict as it builds up: the first failure decides it and its message.
@@ -234,11 +223,11 @@ public:
     CurrentVerification(const PackageFile& file, KeyFileBytes& keyFile) : file_(file), keyFile_(keyFile) {}
 
     int Run(std::string& message, std::vector<RpmCheck>* checks) {
-        file_.CheckLead(kCurrentReader);
-        const SignatureStore signatures(ReadSignatureHeaderData(file_, kCurrentReader));
+        file_.CheckLead(CurrentReader());
+        const SignatureStore signatures(ReadSignatureHeaderData(file_, CurrentReader()));
         const uint64_t mainStart = (signatures.Index().End() + 7) & ~uint64_t(7);
         const HeaderStructure main =
-            ReadHeaderStructure(file_, mainStart, kMainHeaderBounds, "Header section", kCurrentReader);
+            ReadHeaderStructure(file_, mainStart, kMainHeaderBounds, "Header section", CurrentReader());
         ReadSignatureHeader(signatures);
         ReadMainHeader(main);
         Digest(main);
@@ -258,54 +247,62 @@ private:
         for (const HeaderEntry& entry : store.Index().entries) {
             // rpm 6 packages hold no tag above 999 in their signature header.
             laterTags_ = laterTags_ || entry.tag > 999;
-            switch (entry.tag) {
-                case kDsaHeader:
-                case kRsaHeader:
-                case kPgp:
-                case kGpg: {
-                    const ByteCursor value = store.Binary(entry);
-                    AddSignature(entry.tag, entry.tag == kDsaHeader || entry.tag == kRsaHeader, value.Here(),
-                                 value.Size());
-                    break;
-                }
-                case kOpenPgp:
-                    for (const std::string& text : store.Strings(entry)) {
-                        std::vector<unsigned char> bytes;
-                        std::string unreadable;
-                        try {
-                            bytes = Base64Decode(text);
-                        } catch (const DataFormatException& e) {
-                            unreadable = e.what();
-                        }
-                        AddSignature(entry.tag, true, bytes.data(), bytes.size());
-                        if (!unreadable.empty()) signatures_.back().unreadable = unreadable;
-                    }
-                    break;
-                case kSha1: headerDigests_[PgpHashSha1] = Lower(store.Text(entry)); break;
-                case kSha256: headerDigests_[PgpHashSha256] = Lower(store.Text(entry)); break;
-                case kSha3256: headerDigests_[PgpHashSha3_256] = Lower(store.Text(entry)); break;
-                case kMd5: {
-                    if (entry.count != 16) throw DataFormatException("RPM tag 1004: an MD5 digest takes 16 bytes");
-                    const ByteCursor value = store.Binary(entry);
-                    static const char kDigits[] = "0123456789abcdef";
-                    for (uint64_t i = 0; i < value.Size(); ++i) {
-                        md5_ += kDigits[value.Here()[i] >> 4];
-                        md5_ += kDigits[value.Here()[i] & 0x0F];
-                    }
-                    break;
-                }
-                default: break;
-            }
+            if (const SignatureTagRow* row = RowOf(entry.tag)) ReadEntry(store, entry, *row);
         }
-        // rpm reads tags 267 and 268 only when tag 278 holds no signature.
-        bool openPgp = false;
-        for (const SignatureEntry& signature : signatures_) openPgp = openPgp || signature.tag == kOpenPgp;
-        if (openPgp) {
-            std::vector<SignatureEntry> kept;
-            for (SignatureEntry& signature : signatures_) {
-                if (signature.tag != kDsaHeader && signature.tag != kRsaHeader) kept.push_back(std::move(signature));
+        // A tag superseded by another that holds a signature is not read (rpm reads 267 and 268 only
+        // when 278 holds none).
+        std::vector<SignatureEntry> kept;
+        for (SignatureEntry& signature : signatures_) {
+            const uint32_t over = RowOf(signature.tag)->supersededBy;
+            const bool superseded =
+                over != 0 && std::any_of(signatures_.begin(), signatures_.end(),
+                                         [over](const SignatureEntry& other) { return other.tag == over; });
+            if (!superseded) kept.push_back(std::move(signature));
+        }
+        signatures_ = std::move(kept);
+    }
+
+    // The row of the tag table that the current policy reads for tag, or null.
+    static const SignatureTagRow* RowOf(uint32_t tag) {
+        const VerificationPolicy& policy = PolicyOf(SigningPolicy::Current);
+        for (size_t row = 0; row < kSignatureTagCount; ++row) {
+            if (kSignatureTags[row].tag == tag && kSignatureTags[row].*policy.reads) return &kSignatureTags[row];
+        }
+        return nullptr;
+    }
+
+    void ReadEntry(const SignatureStore& store, const HeaderEntry& entry, const SignatureTagRow& row) {
+        switch (row.meaning) {
+            case TagMeaning::HeaderSignature:
+            case TagMeaning::PackageSignature: {
+                const ByteCursor value = store.Binary(entry);
+                AddSignature(entry.tag, row.meaning == TagMeaning::HeaderSignature, value.Here(), value.Size());
+                break;
             }
-            signatures_ = std::move(kept);
+            case TagMeaning::Base64Signatures:
+                for (const std::string& text : store.Strings(entry)) {
+                    std::vector<unsigned char> bytes;
+                    std::string unreadable;
+                    try {
+                        bytes = Base64Decode(text);
+                    } catch (const DataFormatException& e) {
+                        unreadable = e.what();
+                    }
+                    AddSignature(entry.tag, true, bytes.data(), bytes.size());
+                    if (!unreadable.empty()) signatures_.back().unreadable = unreadable;
+                }
+                break;
+            case TagMeaning::HeaderDigest: headerDigests_[row.hashId] = Lower(store.Text(entry)); break;
+            case TagMeaning::PackageMd5: {
+                if (entry.count != 16) throw DataFormatException("RPM tag 1004: an MD5 digest takes 16 bytes");
+                const ByteCursor value = store.Binary(entry);
+                static const char kDigits[] = "0123456789abcdef";
+                for (uint64_t i = 0; i < value.Size(); ++i) {
+                    md5_ += kDigits[value.Here()[i] >> 4];
+                    md5_ += kDigits[value.Here()[i] & 0x0F];
+                }
+                break;
+            }
         }
     }
 
@@ -320,18 +317,14 @@ private:
     }
 
     void ReadMainHeader(const HeaderStructure& main) {
-        if (const HeaderEntry* entry = main.Find(kPayloadDigest)) {
-            const HeaderEntry* algorithm = main.Find(kPayloadDigestAlgorithm);
-            const unsigned int id = algorithm != nullptr ? MainInt32(file_, main, *algorithm) : unsigned{PgpHashSha256};
+        for (size_t row = 0; row < kPayloadDigestCount; ++row) {
+            const PayloadDigestRow& digest = kPayloadDigests[row];
+            const HeaderEntry* entry = main.Find(digest.tag);
+            if (entry == nullptr) continue;
+            const HeaderEntry* algorithm = digest.algorithmTag != 0 ? main.Find(digest.algorithmTag) : nullptr;
+            const unsigned int id = algorithm != nullptr ? MainInt32(file_, main, *algorithm) : digest.hashId;
             payloadDigests_.push_back(
                 {id, Lower(MainString(file_, main, *entry)), "Payload " + OpenPgpHashName(id) + " digest"});
-        }
-        if (const HeaderEntry* entry = main.Find(kPayloadSha512)) {
-            payloadDigests_.push_back({PgpHashSha512, Lower(MainString(file_, main, *entry)), "Payload SHA512 digest"});
-        }
-        if (const HeaderEntry* entry = main.Find(kPayloadSha3256)) {
-            payloadDigests_.push_back(
-                {PgpHashSha3_256, Lower(MainString(file_, main, *entry)), "Payload SHA3-256 digest"});
         }
         if (const HeaderEntry* entry = main.Find(kRpmFormat)) version6_ = MainInt32(file_, main, *entry) >= 6;
     }

@@ -72,6 +72,16 @@ private:
     uint64_t size_ = 0;
 };
 
+// The type field of an index entry, as stored in the file.
+enum RpmDataType : uint32_t {
+    RpmInt16 = 3,
+    RpmInt32 = 4,
+    RpmInt64 = 5,
+    RpmString = 6,
+    RpmBinary = 7,
+    RpmStringArray = 8,
+};
+
 // One 16-byte index entry: tag, type, offset into the data store, count.
 struct HeaderEntry {
     uint32_t tag;

@@ -7,8 +7,12 @@
 #include "ProcessingResult.h"
 
 
+const ReaderStyle& ClassicReader() {
+    return PolicyOf(SigningPolicy::Classic).reader;
+}
+
 HeaderStructure ReadMainHeader(const PackageFile& file, uint64_t start) {
-    return ReadHeaderStructure(file, start, kMainHeaderBounds, "Header section", kClassicReader);
+    return ReadHeaderStructure(file, start, kMainHeaderBounds, "Header section", ClassicReader());
 }
 
 PackageDigests DigestPackage(const PackageFile& file, const HeaderStructure& main, soapWrap::HashAlgorithm hash,
@@ -43,8 +47,8 @@ PackageDigests DigestPackage(const PackageFile& file, const HeaderStructure& mai
 
 int VerifyPackage(const PackageFile& input, KeySource& keys, std::string& message, std::vector<RpmCheck>* checks) {
     try {
-        input.CheckLead(kClassicReader);
-        SignatureHeaderData data = ReadSignatureHeaderData(input, kClassicReader);
+        input.CheckLead(ClassicReader());
+        SignatureHeaderData data = ReadSignatureHeaderData(input, ClassicReader());
         const uint64_t mainStart = data.MainHeaderStart();
         const SignatureHeader signatureHeader(std::move(data));
         const HeaderStructure main = ReadMainHeader(input, mainStart);

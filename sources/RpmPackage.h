@@ -11,13 +11,12 @@
 #include "PackageFile.h"
 #include "PgpKey.h"
 #include "RpmCheck.h"
+#include "SigningPolicy.h"
 #include "SignatureHeader.h"
 #include "soapWrap.h"
 
-// How the classic verification reads a package: a 32-bit size, as a 32-bit stat() refuses a file
-// of 2 GiB or more; a refused header size names its bounds; a header structure cut short reads as
-// zeros.
-constexpr ReaderStyle kClassicReader{0x7FFFFFFF, true, true};
+// How the classic verification reads a package (SigningPolicy.h).
+const ReaderStyle& ClassicReader();
 
 // The structure of the main header that starts at start, checked against its bounds and the file.
 HeaderStructure ReadMainHeader(const PackageFile& file, uint64_t start);

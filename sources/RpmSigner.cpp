@@ -54,8 +54,8 @@ ContentInfo* RpmSigner::BuildContentInfo(bool) {
 // The lead, the signature header's structure header, then its index and store.
 RpmSignature* RpmSigner::ParseSignature(unsigned int& headerOffset, bool copyToOutput) {
     const PackageFile file(Input().GetPath());
-    file.CheckLead(kClassicReader);
-    SignatureHeaderData data = ReadSignatureHeaderData(file, kClassicReader);
+    file.CheckLead(ClassicReader());
+    SignatureHeaderData data = ReadSignatureHeaderData(file, ClassicReader());
     if (copyToOutput) {
         Input().CopyData(&Output(), 0, LeadSize);
     }

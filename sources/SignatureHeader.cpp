@@ -9,6 +9,7 @@
 #include "OpenPgpAlgorithms.h"
 #include "PgpVerification.h"
 #include "ProcessingResult.h"
+#include "SigningPolicy.h"
 
 namespace {
 
@@ -18,30 +19,31 @@ std::string EntryName(uint32_t tag) {
 
 }  // namespace
 
-// How the walk finds the length of a value it reads.
-enum class SignatureHeader::Extent {
-    Count,  // the entry's count, in bytes
-    Text,   // up to and with the first NUL inside the store; the count is not read
-    Fixed,  // the rule's length; the count is not read
-};
-
-// A tag the index walk reads. The type is the one writers store; the walk does not check it, so an
-// entry of the tag is read the same way whatever type it gives.
+// How the walk finds the length of a value it reads, and where it keeps the value, by what the tag
+// holds (SigningPolicy.h). The type the index gives is not checked: an entry of a tag the classic
+// policy reads is read the same way whatever type it gives.
 struct SignatureHeader::TagRule {
-    uint32_t tag;
-    RpmDataType type;
-    Extent extent;
-    uint32_t length;  // for Extent::Fixed
+    enum Extent {
+        Count,  // the entry's count, in bytes
+        Text,   // up to and with the first NUL inside the store; the count is not read
+        Fixed,  // the rule's length; the count is not read
+    } extent;
+    uint32_t length;  // for Fixed
     void (SignatureHeader::*keep)(const HeaderEntry& entry, const ByteCursor& value);
 };
 
-// The signature-header tags the module reads; entries of any other tag are neither read nor checked.
-const SignatureHeader::TagRule SignatureHeader::kTagRules[] = {
-    {TagHeaderSignature, RpmBinary, Extent::Count, 0, &SignatureHeader::KeepHeaderSignature},
-    {TagSha1, RpmString, Extent::Text, 0, &SignatureHeader::KeepSha1},
-    {TagPackageSignature, RpmBinary, Extent::Count, 0, &SignatureHeader::KeepPackageSignature},
-    {TagMd5, RpmBinary, Extent::Fixed, 16, &SignatureHeader::KeepMd5},
-};
+const SignatureHeader::TagRule& SignatureHeader::RuleFor(const SignatureTagRow& row) {
+    static const TagRule kHeaderSignature{TagRule::Count, 0, &SignatureHeader::KeepHeaderSignature};
+    static const TagRule kDigest{TagRule::Text, 0, &SignatureHeader::KeepSha1};
+    static const TagRule kPackageSignature{TagRule::Count, 0, &SignatureHeader::KeepPackageSignature};
+    static const TagRule kMd5{TagRule::Fixed, 16, &SignatureHeader::KeepMd5};
+    switch (row.meaning) {
+        case TagMeaning::HeaderSignature: return kHeaderSignature;
+        case TagMeaning::PackageSignature: return kPackageSignature;
+        case TagMeaning::PackageMd5: return kMd5;
+        default: return kDigest;
+    }
+}
 
 SignatureHeader::SignatureHeader(const std::shared_ptr<char[]>& entries, const HeaderStructureHeader& header)
     : SignatureHeader(static_cast<const void*>(entries.get()), header) {}
@@ -87,8 +89,11 @@ void SignatureHeader::ParseEntries(uint32_t entryCount) {
         HeaderEntry& entry = entries_[index];
         // The type keeps its low byte, as the walk always read it.
         entry.type &= 0xFF;
-        for (const TagRule& rule : kTagRules) {
-            if (entry.tag == rule.tag) {
+        // The tags the classic policy reads; entries of any other tag are neither read nor checked.
+        const VerificationPolicy& policy = PolicyOf(SigningPolicy::Classic);
+        for (size_t row = 0; row < kSignatureTagCount; ++row) {
+            if (kSignatureTags[row].*policy.reads && entry.tag == kSignatureTags[row].tag) {
+                const TagRule& rule = RuleFor(kSignatureTags[row]);
                 (this->*rule.keep)(entry, ValueFor(rule, entry));
                 break;
             }
@@ -102,9 +107,9 @@ ByteCursor SignatureHeader::Store() const {
 
 ByteCursor SignatureHeader::ValueFor(const TagRule& rule, const HeaderEntry& entry) {
     switch (rule.extent) {
-        case Extent::Count: return ValueOf(entry, entry.count);
-        case Extent::Fixed: return ValueOf(entry, rule.length);
-        case Extent::Text: break;
+        case TagRule::Count: return ValueOf(entry, entry.count);
+        case TagRule::Fixed: return ValueOf(entry, rule.length);
+        case TagRule::Text: break;
     }
     ByteCursor text = Store();
     const void* end = nullptr;
@@ -216,7 +221,9 @@ std::string Mismatch(const std::string& expected, const std::string& computed) {
 
 // "RSA/SHA256" in the manner of rpmkeys: the public-key and hash algorithms of a signature packet.
 std::string AlgorithmsOf(const PgpSignatureData& data) {
-    return OpenPgpAlgorithmName(data.GetPublicKeyAlgorithm(), true) + "/" + OpenPgpHashName(data.GetHashAlgorithm(), true);
+    const bool classic = PolicyOf(SigningPolicy::Classic).classicAlgorithms;
+    return OpenPgpAlgorithmName(data.GetPublicKeyAlgorithm(), classic) + "/" +
+           OpenPgpHashName(data.GetHashAlgorithm(), classic);
 }
 
 RpmCheck SignatureCheck(RpmCheck::Kind kind, const PgpSignatureData& data) {

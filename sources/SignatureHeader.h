@@ -19,15 +19,6 @@
 #include "RpmCheck.h"
 #include "soapWrap.h"
 
-// The type field of an index entry, as stored in the file.
-enum RpmDataType : uint32_t {
-    RpmInt16 = 3,
-    RpmInt32 = 4,
-    RpmInt64 = 5,
-    RpmString = 6,
-    RpmBinary = 7,
-};
-
 // The 16 bytes that open every header structure: magic 8E AD E8, version 1, four reserved bytes,
 // then the index count and the data size (big-endian in the file).
 struct HeaderStructureHeader {
@@ -118,11 +109,9 @@ private:
     bool CheckHeaderSignature(Evaluation& evaluation, KeySource& keys, const PackageDigests& digests) const;
     void CheckPackageSignatures(Evaluation& evaluation, KeySource& keys, const PackageDigests& digests) const;
 
-    // The tags the index walk reads, how long their values are and where they are kept: one row
-    // per tag (SignatureHeader.cpp).
-    enum class Extent;
+    // How the index walk takes the value of a tag the classic policy reads (SignatureHeader.cpp).
     struct TagRule;
-    static const TagRule kTagRules[];
+    static const TagRule& RuleFor(const struct SignatureTagRow& row);
 
     void ParseEntries(uint32_t entryCount);
     // The data store after the index.

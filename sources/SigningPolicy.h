@@ -1,10 +1,66 @@
 #pragma once
-// How packages are judged.
+// How packages are judged, as data: each policy is a value that says how the package is read, which
+// signature-header tags are read and what each holds, and which algorithms are known. The two
+// verifications (RpmPackage.h for the classic one, CurrentVerification.h for the current one) read
+// their rules from here.
+#include <cstdint>
 #include <string>
 
-// How packages are judged. Classic: the verdicts rpm_verify has always given (the exports keep it).
-// Current: a package is signed exactly when rpm 4.18's rpmkeys --checksig would say "digests
-// signatures OK" with that key file (CurrentVerification.h).
+#include "PackageFile.h"
+
+// Classic: the verdicts rpm_verify has always given (the exports keep it). Current: a package is
+// signed exactly when rpm 4.18's rpmkeys --checksig would say "digests signatures OK" with that key
+// file (CurrentVerification.h).
 enum class SigningPolicy { Classic, Current };
 // The policy a name gives ("classic" or "current"); false for any other name.
 bool ParseSigningPolicy(const std::string& name, SigningPolicy& policy);
+
+// What a signature-header tag holds.
+enum class TagMeaning {
+    HeaderSignature,   // an OpenPGP signature packet over the main header
+    PackageSignature,  // an OpenPGP signature packet over main header and payload
+    Base64Signatures,  // Base64 texts of OpenPGP signature packets over the main header
+    HeaderDigest,      // the hexadecimal text of a digest of the main header
+    PackageMd5,        // the 16 bytes of the MD5 digest of main header and payload
+};
+
+// One signature-header tag: its number, the type its writers give it, what it holds, the OpenPGP
+// hash id of a digest, and which policies read it. A tag no row names is read by neither.
+struct SignatureTagRow {
+    uint32_t tag;
+    RpmDataType type;
+    TagMeaning meaning;
+    unsigned int hashId;  // HeaderDigest: the digest's algorithm
+    bool classic;
+    bool current;
+    // A signature tag that is left unread when this tag holds a signature (rpm reads 267 and 268 only
+    // without 278); 0 for none.
+    uint32_t supersededBy;
+};
+extern const SignatureTagRow kSignatureTags[];
+extern const size_t kSignatureTagCount;
+
+// A payload digest that the main header holds: its tag, its algorithm (or the tag that names it,
+// with the algorithm taken when that tag is missing), and its label.
+struct PayloadDigestRow {
+    uint32_t tag;
+    unsigned int hashId;
+    uint32_t algorithmTag;  // 0: hashId is the algorithm
+};
+extern const PayloadDigestRow kPayloadDigests[];
+extern const size_t kPayloadDigestCount;
+
+struct VerificationPolicy {
+    SigningPolicy id;
+    const char* name;
+    ReaderStyle reader;
+    // The column of the tag table this policy reads.
+    bool SignatureTagRow::*reads;
+    // Whether the algorithms it names are the classic ones only (others are named by their number).
+    bool classicAlgorithms;
+    // Whether a header signature covers the payload through the main header's payload digest.
+    bool payloadDigestCovers;
+    // Whether the signature values are read before the main header's structure (classic), or after.
+    bool signaturesBeforeMainHeader;
+};
+const VerificationPolicy& PolicyOf(SigningPolicy policy);

@@ -132,7 +132,7 @@ Bytes KeyIdOf(EVP_PKEY* key) {
 
 std::string WriteVersion6(TempFolder& folder, const std::string& name, const Version6& v) {
     const Bytes digest = HashOf(EVP_sha256(), v.payloadDigestOf), digestText = rpm::BytesOf(Hex(digest) + '\0');
-    const std::string header = rpm::Text(rpm::HeaderStructure({{1000, 6, rpm::BytesOf("hello")},
+    const std::string header = rpm::Text(rpm::HeaderBytes({{1000, 6, rpm::BytesOf("hello")},
                                                                {5092, 8, digestText, 1},
                                                                {5093, 4, pgp::Be(8, 4)},
                                                                {5114, 4, pgp::Be(6, 4)}}));
@@ -153,7 +153,7 @@ std::string WriteVersion6(TempFolder& folder, const std::string& name, const Ver
                                        {278, 8, signatures, static_cast<uint32_t>(v.signers.size())},
                                        {279, 6, rpm::BytesOf(Hex(sha3))}};
     entries.insert(entries.end(), v.extra.begin(), v.extra.end());
-    Bytes file = pgp::Concat({rpm::Lead(), rpm::HeaderStructure(entries)});
+    Bytes file = pgp::Concat({rpm::Lead(), rpm::HeaderBytes(entries)});
     file.resize((file.size() + 7) & ~size_t(7), 0);
     return folder.Write(name, rpm::Text(file) + header + v.payload);
 }

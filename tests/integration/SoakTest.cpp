@@ -142,7 +142,7 @@ TEST(Soak, ClaimedSizesCostNeitherMemoryNorTime) {
     using pgp::Be;
     TempFolder temp;
     PackageOptions options;
-    const Bytes signatureHeader = HeaderStructure(SignatureEntries(options));
+    const Bytes signatureHeader = HeaderBytes(SignatureEntries(options));
     const size_t mainOffset = (Lead().size() + signatureHeader.size() + 7) & ~size_t(7);
     const std::string package = Package(options);
     struct Claim {

@@ -25,7 +25,7 @@ struct Entry {
 };
 
 // A header structure: 8E AD E8 01, reserved, index count, data size, the index, the store.
-inline Bytes HeaderStructure(const std::vector<Entry>& entries) {
+inline Bytes HeaderBytes(const std::vector<Entry>& entries) {
     Bytes index, store;
     for (const Entry& e : entries) {
         const size_t count = e.count ? *e.count : e.type == 7 ? e.value.size() : 1;
@@ -54,7 +54,7 @@ struct PackageOptions {
 
 // The main header: a name; its contents do not matter to the signature check.
 inline Bytes MainHeader() {
-    return HeaderStructure({{1000, 6, BytesOf("hello")}});
+    return HeaderBytes({{1000, 6, BytesOf("hello")}});
 }
 
 // The signature header's entries: region tag 62 first, then 269 (lower-case hex), 1004, 268, the 1002s.
@@ -73,7 +73,7 @@ inline std::vector<Entry> SignatureEntries(const PackageOptions& o) {
 
 // A whole package: lead, signature header, padding to 8, main header, payload.
 inline std::string Package(const PackageOptions& o, const std::vector<Entry>* signatureEntries = nullptr) {
-    Bytes file = Concat({Lead(), HeaderStructure(signatureEntries ? *signatureEntries : SignatureEntries(o))});
+    Bytes file = Concat({Lead(), HeaderBytes(signatureEntries ? *signatureEntries : SignatureEntries(o))});
     file.resize((file.size() + 7) & ~size_t(7), 0);
     return Text(file) + Text(MainHeader()) + o.payload;
 }
