@@ -22,11 +22,16 @@ const OpenPgpHashRow kHashes[] = {
 };
 
 const OpenPgpKeyAlgorithmRow kKeyAlgorithms[] = {
-    {1, "RSA", true},   // encrypt or sign
-    {2, "RSA", true},   // encrypt only
-    {3, "RSA", true},   // sign only
-    {17, "DSA", true},  //
-    {22, "EdDSA", false},
+    {1, "RSA", true, true},  // encrypt or sign
+    {2, "RSA", true, true},  // encrypt only
+    {3, "RSA", true, true},  // sign only
+    {16, "Elgamal", false, false},
+    {17, "DSA", true, true},
+    {18, "ECDH", false, false},
+    {19, "ECDSA", false, false},
+    {22, "EdDSA", false, true},
+    {27, "Ed25519", false, false},
+    {28, "Ed448", false, false},
 };
 
 }  // namespace
@@ -59,5 +64,5 @@ std::string OpenPgpHashName(unsigned int id, bool classic) {
 
 std::string OpenPgpAlgorithmName(unsigned int id, bool classic) {
     const OpenPgpKeyAlgorithmRow* row = FindOpenPgpKeyAlgorithm(id);
-    return row != nullptr && (row->classic || !classic) ? row->name : "algorithm " + std::to_string(id);
+    return row != nullptr && (classic ? row->classic : row->current) ? row->name : "algorithm " + std::to_string(id);
 }

@@ -24,6 +24,7 @@ struct OpenPgpKeyAlgorithmRow {
     unsigned int id;
     const char* name;  // "RSA"
     bool classic;      // named by the classic verification
+    bool current;      // named by the current verification (the others only by key diagnosis)
 };
 
 // The row of a hash id or a key algorithm id; null for an id the module does not know.
@@ -32,6 +33,6 @@ const OpenPgpKeyAlgorithmRow* FindOpenPgpKeyAlgorithm(unsigned int id);
 // The OpenPGP id of one of the module's hash algorithms; 0 for none.
 unsigned int OpenPgpHashIdOf(soapWrap::HashAlgorithm algorithm);
 // The name of a hash id or key algorithm id ("SHA256", "RSA"), or "hash N" / "algorithm N" for an
-// id the verification (classic or not) does not know.
+// id the verification (classic or current) does not know.
 std::string OpenPgpHashName(unsigned int id, bool classic = false);
 std::string OpenPgpAlgorithmName(unsigned int id, bool classic = false);

@@ -10,6 +10,7 @@
 
 #include "ByteCursor.h"
 #include "Exceptions.h"
+#include "OpenPgpPackets.h"
 #include "OpenPgpTrailer.h"
 #include "OpenSslHandles.h"
 #include "PgpKey.h"
@@ -19,10 +20,6 @@ namespace {
 const char kBegin[] = "-----BEGIN PGP PUBLIC KEY BLOCK-----";
 const char kEnd[] = "-----END PGP PUBLIC KEY BLOCK-----";
 
-// OpenPGP packet tags read here.
-const unsigned int kSignatureTag = 2;
-const unsigned int kPublicKeyTag = 6;
-const unsigned int kPublicSubkeyTag = 14;
 
 // Signature types (RFC 4880, 5.2.1).
 const unsigned int kSubkeyBinding = 0x18;
@@ -42,63 +39,6 @@ struct ParamBldFree {
 struct ParamFree {
     void operator()(OSSL_PARAM* parameters) const { OSSL_PARAM_free(parameters); }
 };
-
-std::string Hex(const unsigned char* bytes, size_t length) {
-    static const char kDigits[] = "0123456789ABCDEF";
-    std::string text;
-    for (size_t i = 0; i < length; ++i) {
-        text += kDigits[bytes[i] >> 4];
-        text += kDigits[bytes[i] & 0x0F];
-    }
-    return text;
-}
-
-// One OpenPGP packet: its tag and its body.
-struct Packet {
-    unsigned int tag;
-    ByteCursor body;
-};
-
-// The packet at the cursor (RFC 4880, 4.2: old and new formats; partial lengths are for data
-// packets, never for keys and signatures, and are refused).
-Packet NextPacket(ByteCursor& cursor) {
-    const uint8_t first = cursor.ReadUInt8("OpenPGP packet header");
-    if ((first & 0x80) == 0) throw DataFormatException("OpenPGP packet header is not valid");
-    uint64_t length = 0;
-    unsigned int tag = 0;
-    if ((first & 0x40) != 0) {
-        tag = first & 0x3Fu;
-        const uint8_t octet = cursor.ReadUInt8("OpenPGP packet header");
-        if (octet < 192) {
-            length = octet;
-        } else if (octet < 224) {
-            length = ((octet - 192u) << 8) + cursor.ReadUInt8("OpenPGP packet header") + 192u;
-        } else if (octet == 255) {
-            length = cursor.ReadUInt32("OpenPGP packet header");
-        } else {
-            throw DataFormatException("OpenPGP packet of tag " + std::to_string(tag) + " has a partial length");
-        }
-    } else {
-        tag = (first >> 2) & 0x0Fu;
-        switch (first & 3) {
-            case 0: length = cursor.ReadUInt8("OpenPGP packet header"); break;
-            case 1: length = cursor.ReadUInt16("OpenPGP packet header"); break;
-            case 2: length = cursor.ReadUInt32("OpenPGP packet header"); break;
-            default: length = cursor.Remaining(); break;  // to the end of the data
-        }
-    }
-    if (!cursor.Has(length)) {
-        throw DataFormatException("OpenPGP packet of " + std::to_string(length) + " bytes is longer than the " +
-                                  std::to_string(cursor.Remaining()) + " bytes that remain");
-    }
-    return Packet{tag, cursor.Take(length, "OpenPGP packet")};
-}
-
-// The value of a multi-precision integer (RFC 4880, 3.2): a bit count, then its octets.
-ByteCursor ReadMpi(ByteCursor& cursor) {
-    const uint16_t bits = cursor.ReadUInt16("Multi-precision integer");
-    return cursor.Take((bits + 7u) / 8u, "Multi-precision integer");
-}
 
 // value left-padded with zeros to length octets (an MPI drops leading zero octets); a longer value
 // is refused.
@@ -132,19 +72,7 @@ std::shared_ptr<EVP_PKEY> RsaKey(const ByteCursor& modulus, const ByteCursor& ex
 bool ReadPublicKey(const ByteCursor& packet, bool subkey, OpenPgpPublicKey& key, std::string& refusal) {
     ByteCursor body = packet;
     const uint8_t version = body.ReadUInt8("Public-key packet");
-    // The fingerprint: SHA-1 over 0x99, the body's two-octet length and the body.
-    unsigned char fingerprint[20];
-    const unsigned char frame[3] = {0x99, static_cast<unsigned char>(packet.Size() >> 8),
-                                    static_cast<unsigned char>(packet.Size() & 0xFF)};
-    const EvpMdCtxHandle sha1(EVP_MD_CTX_new());
-    unsigned int length = 0;
-    if (!sha1 || EVP_DigestInit_ex(sha1.get(), EVP_sha1(), nullptr) != 1 ||
-        EVP_DigestUpdate(sha1.get(), frame, sizeof frame) != 1 ||
-        EVP_DigestUpdate(sha1.get(), packet.Here(), static_cast<size_t>(packet.Size())) != 1 ||
-        EVP_DigestFinal_ex(sha1.get(), fingerprint, &length) != 1) {
-        throw InternalErrorException("SHA-1 of a public key failed");
-    }
-    key.keyId = Hex(fingerprint + 12, 8);
+    key.keyId = V4KeyId(packet);
     key.subkey = subkey;
     if (version != 4) {
         refusal = "a version " + std::to_string(version) + " key is not supported";
@@ -336,8 +264,8 @@ const EVP_MD* OpenPgpDigest(unsigned int hashId) {
 
 OpenPgpSignature OpenPgpSignature::Parse(const unsigned char* data, uint64_t size) {
     ByteCursor cursor(data, size, "OpenPGP signature");
-    const Packet packet = NextPacket(cursor);
-    if (packet.tag != kSignatureTag) {
+    const OpenPgpPacket packet = NextPacket(cursor);
+    if (packet.tag != kSignaturePacket) {
         throw DataFormatException("OpenPGP packet of tag " + std::to_string(packet.tag) + " is no signature");
     }
     return ParseBody(packet.body.Here(), packet.body.Size());
@@ -352,7 +280,7 @@ OpenPgpSignature OpenPgpSignature::ParseBody(const unsigned char* data, uint64_t
         signature.trailer.assign(body.Here(), body.Here() + 5);
         signature.type = body.ReadUInt8();
         body.Skip(4);
-        signature.issuer = Hex(body.Peek(8), 8);
+        signature.issuer = HexText(body.Peek(8), 8);
         body.Skip(8);
         signature.publicKeyAlgorithm = body.ReadUInt8();
         signature.hashAlgorithm = body.ReadUInt8();
@@ -372,21 +300,15 @@ OpenPgpSignature OpenPgpSignature::ParseBody(const unsigned char* data, uint64_t
         std::string fingerprintIssuer;
         for (ByteCursor* area : {&hashed, &unhashed}) {
             while (area->Remaining() > 0) {
-                const uint8_t first = area->ReadUInt8("Signature subpacket");
-                uint32_t length = first;
-                if (first >= 192 && first < 255) {
-                    length = ((first - 192u) << 8) + area->ReadUInt8("Signature subpacket") + 192u;
-                } else if (first == 255) {
-                    length = area->ReadUInt32("Signature subpacket");
-                }
+                const uint32_t length = ReadSubpacketLength(*area, "Signature subpacket");
                 if (length == 0) throw DataFormatException("Signature subpacket of length 0");
                 ByteCursor subpacket = area->Take(length, "Signature subpacket");
                 const uint8_t type = subpacket.ReadUInt8();
                 const unsigned int kind = type & 0x7Fu;
                 if (kind == 16 && subpacket.Remaining() == 8) {
-                    signature.issuer = Hex(subpacket.Here(), 8);
+                    signature.issuer = HexText(subpacket.Here(), 8);
                 } else if (kind == 33 && subpacket.Remaining() == 21 && subpacket.Here()[0] == 4) {
-                    fingerprintIssuer = Hex(subpacket.Here() + 13, 8);
+                    fingerprintIssuer = HexText(subpacket.Here() + 13, 8);
                 }
                 // Subpackets marked critical that the reader does not act on make the signature
                 // invalid (RFC 4880, 5.2.3.1); the hashed ones are the signer's.
@@ -466,8 +388,8 @@ std::vector<std::vector<unsigned char>> OpenPgpKeyring::SplitKeys(const unsigned
         ByteCursor cursor(binary.data(), binary.size(), "OpenPGP key block");
         while (cursor.Remaining() > 0) {
             const unsigned char* start = cursor.Here();
-            const Packet packet = NextPacket(cursor);
-            if (packet.tag == kPublicKeyTag || keys.empty()) keys.emplace_back();
+            const OpenPgpPacket packet = NextPacket(cursor);
+            if (packet.tag == kPublicKeyPacket || keys.empty()) keys.emplace_back();
             keys.back().insert(keys.back().end(), start, cursor.Here());
         }
     }
@@ -497,8 +419,8 @@ void OpenPgpKeyring::ParseBlock(const unsigned char* data, uint64_t size) {
         pending.reset();
     };
     while (cursor.Remaining() > 0) {
-        const Packet packet = NextPacket(cursor);
-        if (packet.tag == kPublicKeyTag) {
+        const OpenPgpPacket packet = NextPacket(cursor);
+        if (packet.tag == kPublicKeyPacket) {
             settle();
             OpenPgpPublicKey key{};
             std::string refusal;
@@ -514,7 +436,7 @@ void OpenPgpKeyring::ParseBlock(const unsigned char* data, uint64_t size) {
                 refused_.push_back("key " + key.keyId + ": " + refusal);
                 primaryHolder.reset();
             }
-        } else if (packet.tag == kPublicSubkeyTag) {
+        } else if (packet.tag == kPublicSubkeyPacket) {
             settle();
             OpenPgpPublicKey key{};
             std::string refusal;
@@ -529,7 +451,7 @@ void OpenPgpKeyring::ParseBlock(const unsigned char* data, uint64_t size) {
             pending = std::make_unique<OpenPgpPublicKey>(key);
             pendingBody = packet.body;
             pendingReason.clear();
-        } else if (packet.tag == kSignatureTag && pending != nullptr) {
+        } else if (packet.tag == kSignaturePacket && pending != nullptr) {
             // Signatures after a subkey: the first binding signature that verifies binds it.
             try {
                 const OpenPgpSignature binding = OpenPgpSignature::ParseBody(packet.body.Here(), packet.body.Size());

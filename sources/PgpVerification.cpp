@@ -7,6 +7,7 @@
 #include "Digest.h"
 #include "Exceptions.h"
 #include "OpenPgpAlgorithms.h"
+#include "OpenPgpPackets.h"
 #include "OpenPgpTrailer.h"
 #include "ProcessingResult.h"
 
@@ -24,13 +25,11 @@ std::string HashedAreaFault(const PgpSignatureData& signature) {
     ByteCursor area(signature.GetHashedData(), signature.GetHashedLength(), "OpenPGP hashed subpackets");
     while (area.Remaining() > 0) {
         // RFC 4880, 5.2.3.1: a length of one, two or five octets, which counts the type octet.
-        uint64_t length = area.ReadUInt8();
-        if (length >= 255) {
-            if (!area.Has(4)) return "its hashed subpackets are cut short";
-            length = area.ReadUInt32();
-        } else if (length >= 192) {
-            if (!area.Has(1)) return "its hashed subpackets are cut short";
-            length = ((length - 192) << 8) + area.ReadUInt8() + 192;
+        uint32_t length = 0;
+        try {
+            length = ReadSubpacketLength(area);
+        } catch (const DataFormatException&) {
+            return "its hashed subpackets are cut short";
         }
         if (length == 0 || !area.Has(length)) {
             return "its hashed subpackets are cut short";

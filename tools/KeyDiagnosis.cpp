@@ -3,13 +3,12 @@
 #include <memory>
 #include <vector>
 
-#include <openssl/sha.h>
-
 #include "Base.h"
 #include "Base64.h"
 #include "ByteCursor.h"
 #include "Exceptions.h"
 #include "OpenPgpKeyring.h"
+#include "OpenPgpPackets.h"
 #include "RpmReport.h"
 
 namespace {
@@ -28,28 +27,16 @@ struct KeyBlock {
     std::string keyId;          // of a version 4 primary key: the low 8 octets of its fingerprint
 };
 
-// A version 4 key's ID: the last 8 octets of SHA-1 over 0x99, the packet's two-octet length and
-// its body.
-std::string KeyIdOf(const unsigned char* packet, uint64_t size) {
-    if (size == 0 || packet[0] != 4 || size > 0xFFFF) return "";
-    std::vector<unsigned char> framed = {0x99, static_cast<unsigned char>(size >> 8), static_cast<unsigned char>(size)};
-    framed.insert(framed.end(), packet, packet + size);
-    unsigned char fingerprint[SHA_DIGEST_LENGTH];
-    if (SHA1(framed.data(), framed.size(), fingerprint) == nullptr) return "";
-    return Base::DumpBufferToString(fingerprint + SHA_DIGEST_LENGTH - 8, 8, true);
+// A version 4 key's ID, or "" for a packet of another version or one too long to have one.
+std::string KeyIdOf(const ByteCursor& packet) {
+    if (packet.Size() == 0 || packet.Here()[0] != 4 || packet.Size() > 0xFFFF) return "";
+    return V4KeyId(packet);
 }
 
+// Any key algorithm's name, as key diagnosis tells what a block holds.
 std::string AlgorithmName(int id) {
-    switch (id) {
-        case 16: return "Elgamal";
-        case 17: return "DSA";
-        case 18: return "ECDH";
-        case 19: return "ECDSA";
-        case 22: return "EdDSA";
-        case 27: return "Ed25519";
-        case 28: return "Ed448";
-        default: return "algorithm " + std::to_string(id);
-    }
+    const OpenPgpKeyAlgorithmRow* row = FindOpenPgpKeyAlgorithm(static_cast<unsigned int>(id));
+    return row != nullptr ? row->name : "algorithm " + std::to_string(id);
 }
 
 // The bytes of the key block: the data itself, or the Base64 body of its armor (of whatever kind);
@@ -78,14 +65,6 @@ std::vector<unsigned char> BlockBytes(const std::string& data, bool& damaged) {
     return {};
 }
 
-// A subpacket length (RFC 4880, 5.2.3.1): one, two or five octets.
-uint64_t ReadSubpacketLength(ByteCursor& area) {
-    const uint64_t first = area.ReadUInt8();
-    if (first < 192) return first;
-    if (first < 255) return ((first - 192) << 8) + area.ReadUInt8() + 192;
-    return area.ReadUInt32();
-}
-
 // The hashed and unhashed subpackets of a version 4 signature body: key flags (27) and the issuer
 // (16). An area that claims more than the body holds is read as far as it goes.
 void ReadSubpackets(ByteCursor body, KeyBlock& block) {
@@ -110,24 +89,6 @@ void ReadSubpackets(ByteCursor body, KeyBlock& block) {
     }
 }
 
-// A packet's length after its tag octet: new format (one, two or five octets; a partial length
-// ends the walk with 0 and false) or old format (its length type: 1, 2 or 4 octets, or to the end).
-bool ReadPacketLength(ByteCursor& data, unsigned int octet, uint64_t& length) {
-    if ((octet & 0x40) != 0) {
-        const uint64_t first = data.ReadUInt8();
-        if (first >= 224 && first != 255) return false;
-        length = first < 192 ? first : first < 224 ? ((first - 192) << 8) + data.ReadUInt8() + 192 : data.ReadUInt32();
-        return true;
-    }
-    switch (octet & 3) {
-        case 0: length = data.ReadUInt8(); break;
-        case 1: length = data.ReadUInt16(); break;
-        case 2: length = data.ReadUInt32(); break;
-        default: length = data.Remaining(); break;
-    }
-    return true;
-}
-
 // Walks the packets for what they are. A block cut short is described by what came before the cut.
 KeyBlock Describe(const std::string& text) {
     KeyBlock block;
@@ -136,12 +97,12 @@ KeyBlock Describe(const std::string& text) {
     ByteCursor data(bytes.data(), bytes.size(), "key block");
     try {
         for (bool first = true; data.Remaining() > 0; first = false) {
-            const unsigned int octet = data.ReadUInt8();
-            if ((octet & 0x80) == 0) break;
-            const unsigned int tag = (octet & 0x40) != 0 ? octet & 0x3F : (octet >> 2) & 0x0F;
-            block.newFormat = block.newFormat || (octet & 0x40) != 0;
-            uint64_t length = 0;
-            if (!ReadPacketLength(data, octet, length) || !data.Has(length)) break;
+            // A first octet that opens no packet ends the walk, as a header cut short does.
+            const OpenPgpPacketHeader header = ReadPacketHeader(data);
+            const unsigned int tag = header.tag;
+            block.newFormat = block.newFormat || header.newFormat;
+            const uint64_t length = header.length;
+            if (header.partial || !data.Has(length)) break;
             if (first && tag != 5 && tag != 6) {
                 block.notKey = true;
                 break;
@@ -154,7 +115,7 @@ KeyBlock Describe(const std::string& text) {
                 const unsigned char* packet = body.Here();
                 const uint64_t at = packet[0] == 4 ? 5 : 7;
                 block.primaryAlgorithm = body.Size() > at ? packet[at] : -1;
-                if (block.keyId.empty()) block.keyId = KeyIdOf(packet, body.Size());
+                if (block.keyId.empty()) block.keyId = KeyIdOf(body);
             }
             if (tag == 2) {
                 block.hasSignature = true;

@@ -1,0 +1,84 @@
+#include "OpenPgpPackets.h"
+
+#include <openssl/evp.h>
+
+#include "Exceptions.h"
+#include "OpenSslHandles.h"
+
+OpenPgpPacketHeader ReadPacketHeader(ByteCursor& cursor) {
+    const char* const what = "OpenPGP packet header";
+    const uint8_t first = cursor.ReadUInt8(what);
+    if ((first & 0x80) == 0) throw DataFormatException("OpenPGP packet header is not valid");
+    OpenPgpPacketHeader header{0, (first & 0x40) != 0, false, 0};
+    if (header.newFormat) {
+        header.tag = first & 0x3Fu;
+        const uint8_t octet = cursor.ReadUInt8(what);
+        if (octet < 192) {
+            header.length = octet;
+        } else if (octet < 224) {
+            header.length = ((octet - 192u) << 8) + cursor.ReadUInt8(what) + 192u;
+        } else if (octet == 255) {
+            header.length = cursor.ReadUInt32(what);
+        } else {
+            header.partial = true;
+        }
+        return header;
+    }
+    header.tag = (first >> 2) & 0x0Fu;
+    switch (first & 3) {
+        case 0: header.length = cursor.ReadUInt8(what); break;
+        case 1: header.length = cursor.ReadUInt16(what); break;
+        case 2: header.length = cursor.ReadUInt32(what); break;
+        default: header.length = cursor.Remaining(); break;  // to the end of the data
+    }
+    return header;
+}
+
+OpenPgpPacket NextPacket(ByteCursor& cursor) {
+    const OpenPgpPacketHeader header = ReadPacketHeader(cursor);
+    if (header.partial) {
+        throw DataFormatException("OpenPGP packet of tag " + std::to_string(header.tag) + " has a partial length");
+    }
+    if (!cursor.Has(header.length)) {
+        throw DataFormatException("OpenPGP packet of " + std::to_string(header.length) + " bytes is longer than the " +
+                                  std::to_string(cursor.Remaining()) + " bytes that remain");
+    }
+    return OpenPgpPacket{header.tag, cursor.Take(header.length, "OpenPGP packet")};
+}
+
+uint32_t ReadSubpacketLength(ByteCursor& area, const char* what) {
+    const uint8_t first = area.ReadUInt8(what);
+    if (first < 192) return first;
+    if (first < 255) return ((first - 192u) << 8) + area.ReadUInt8(what) + 192u;
+    return area.ReadUInt32(what);
+}
+
+ByteCursor ReadMpi(ByteCursor& cursor) {
+    const uint16_t bits = cursor.ReadUInt16("Multi-precision integer");
+    return cursor.Take((bits + 7u) / 8u, "Multi-precision integer");
+}
+
+std::string V4KeyId(const ByteCursor& body) {
+    unsigned char fingerprint[20];
+    const unsigned char frame[3] = {0x99, static_cast<unsigned char>(body.Size() >> 8),
+                                    static_cast<unsigned char>(body.Size() & 0xFF)};
+    const EvpMdCtxHandle sha1(EVP_MD_CTX_new());
+    unsigned int length = 0;
+    if (!sha1 || EVP_DigestInit_ex(sha1.get(), EVP_sha1(), nullptr) != 1 ||
+        EVP_DigestUpdate(sha1.get(), frame, sizeof frame) != 1 ||
+        EVP_DigestUpdate(sha1.get(), body.Here(), static_cast<size_t>(body.Size())) != 1 ||
+        EVP_DigestFinal_ex(sha1.get(), fingerprint, &length) != 1) {
+        throw InternalErrorException("SHA-1 of a public key failed");
+    }
+    return HexText(fingerprint + 12, 8);
+}
+
+std::string HexText(const unsigned char* bytes, size_t length) {
+    static const char kDigits[] = "0123456789ABCDEF";
+    std::string text;
+    for (size_t i = 0; i < length; ++i) {
+        text += kDigits[bytes[i] >> 4];
+        text += kDigits[bytes[i] & 0x0F];
+    }
+    return text;
+}

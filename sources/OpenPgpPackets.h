@@ -1,0 +1,53 @@
+#pragma once
+// The one walker over OpenPGP data for keys, signatures and key diagnosis (RFC 4880, 4.2 and
+// 5.2.3.1; RFC 9580, 4.2 and 5.2.3.7): packet headers in both formats, signature subpackets,
+// multi-precision integers, and the version 4 key ID. The classic framework's own readers
+// (PgpMessage, PgpPacket) keep the narrower rules they were written with.
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "ByteCursor.h"
+
+// OpenPGP packet tags the module reads.
+enum OpenPgpPacketTag : unsigned int {
+    kSignaturePacket = 2,
+    kSecretKeyPacket = 5,
+    kPublicKeyPacket = 6,
+    kSecretSubkeyPacket = 7,
+    kPublicSubkeyPacket = 14,
+};
+
+// A packet header: the tag, the format, and how long the body is.
+struct OpenPgpPacketHeader {
+    unsigned int tag;
+    bool newFormat;
+    bool partial;  // a new-format partial length (for data packets, never for keys and signatures)
+    uint64_t length;
+};
+// Reads the header of the packet at cursor (an old-format packet of indeterminate length runs to the
+// end of the data); a first octet without its top bit is a DataFormatException, a header cut short
+// the cursor's. The body is not checked against what remains.
+OpenPgpPacketHeader ReadPacketHeader(ByteCursor& cursor);
+
+// One packet: its tag and its body.
+struct OpenPgpPacket {
+    unsigned int tag;
+    ByteCursor body;
+};
+// The packet at cursor, moved past; a partial length or a body longer than the data is a
+// DataFormatException.
+OpenPgpPacket NextPacket(ByteCursor& cursor);
+
+// A subpacket's length (one, two or five octets); what names the area in "... is truncated".
+uint32_t ReadSubpacketLength(ByteCursor& area, const char* what = nullptr);
+
+// The value of a multi-precision integer: a bit count, then its octets.
+ByteCursor ReadMpi(ByteCursor& cursor);
+
+// The key ID of a version 4 key packet's body: the last 8 octets of SHA-1 over 0x99, the body's
+// two-octet length and the body, as 16 upper-case hexadecimal digits.
+std::string V4KeyId(const ByteCursor& body);
+
+// Upper-case hexadecimal text of bytes.
+std::string HexText(const unsigned char* bytes, size_t length);
