@@ -1,8 +1,6 @@
 #include "OpenPgpKeyring.h"
 
-#include <openssl/core_names.h>
 #include <openssl/evp.h>
-#include <openssl/param_build.h>
 #include <openssl/rsa.h>
 
 #include <algorithm>
@@ -27,19 +25,6 @@ const unsigned int kSubkeyBinding = 0x18;
 // Ed25519's curve OID, 1.3.6.1.4.1.11591.15.1, as OpenPGP stores it (without tag and length).
 const unsigned char kEd25519Oid[] = {0x2B, 0x06, 0x01, 0x04, 0x01, 0xDA, 0x47, 0x0F, 0x01};
 
-struct EvpPkeyFree {
-    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-};
-struct EvpPkeyCtxFree {
-    void operator()(EVP_PKEY_CTX* context) const { EVP_PKEY_CTX_free(context); }
-};
-struct ParamBldFree {
-    void operator()(OSSL_PARAM_BLD* builder) const { OSSL_PARAM_BLD_free(builder); }
-};
-struct ParamFree {
-    void operator()(OSSL_PARAM* parameters) const { OSSL_PARAM_free(parameters); }
-};
-
 // value left-padded with zeros to length octets (an MPI drops leading zero octets); a longer value
 // is refused.
 bool PadTo(const ByteCursor& value, size_t length, std::vector<unsigned char>& out) {
@@ -47,24 +32,6 @@ bool PadTo(const ByteCursor& value, size_t length, std::vector<unsigned char>& o
     out.assign(length - static_cast<size_t>(value.Size()), 0);
     out.insert(out.end(), value.Here(), value.Here() + value.Size());
     return true;
-}
-
-std::shared_ptr<EVP_PKEY> RsaKey(const ByteCursor& modulus, const ByteCursor& exponent) {
-    const BignumHandle n(BN_bin2bn(modulus.Here(), static_cast<int>(modulus.Size()), nullptr));
-    const BignumHandle e(BN_bin2bn(exponent.Here(), static_cast<int>(exponent.Size()), nullptr));
-    const std::unique_ptr<OSSL_PARAM_BLD, ParamBldFree> builder(OSSL_PARAM_BLD_new());
-    if (!n || !e || !builder || OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_N, n.get()) != 1 ||
-        OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_E, e.get()) != 1) {
-        return nullptr;
-    }
-    const std::unique_ptr<OSSL_PARAM, ParamFree> parameters(OSSL_PARAM_BLD_to_param(builder.get()));
-    const std::unique_ptr<EVP_PKEY_CTX, EvpPkeyCtxFree> context(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
-    EVP_PKEY* key = nullptr;
-    if (!parameters || !context || EVP_PKEY_fromdata_init(context.get()) != 1 ||
-        EVP_PKEY_fromdata(context.get(), &key, EVP_PKEY_PUBLIC_KEY, parameters.get()) != 1) {
-        return nullptr;
-    }
-    return std::shared_ptr<EVP_PKEY>(key, EvpPkeyFree());
 }
 
 // A public-key packet's body as a key (version 4 only: RSA, or EdDSA on Ed25519); why not in
@@ -89,7 +56,7 @@ bool ReadPublicKey(const ByteCursor& packet, bool subkey, OpenPgpPublicKey& key,
              ++bit, top = static_cast<unsigned char>(top << 1)) {
             --key.bits;
         }
-        key.key = RsaKey(modulus, exponent);
+        key.key = RsaPublicKey(modulus, exponent);
     } else if (key.algorithm == 22) {
         const uint8_t oidLength = body.ReadUInt8("EdDSA key");
         const ByteCursor oid = body.Take(oidLength, "EdDSA key");
@@ -143,7 +110,7 @@ bool CheckValue(const OpenPgpSignature& signature, const OpenPgpPublicKey& key, 
     if (rsa) {
         const size_t size = static_cast<size_t>(EVP_PKEY_get_size(key.key.get()));
         std::vector<unsigned char> value;
-        const std::unique_ptr<EVP_PKEY_CTX, EvpPkeyCtxFree> context(EVP_PKEY_CTX_new(key.key.get(), nullptr));
+        const EvpPkeyCtxHandle context(EVP_PKEY_CTX_new(key.key.get(), nullptr));
         const bool good = PadTo(ByteCursor(signature.value.data(), signature.value.size(), "RSA value"), size, value) &&
                           context && EVP_PKEY_verify_init(context.get()) == 1 &&
                           EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1 &&

@@ -12,17 +12,7 @@
 #include <vector>
 
 #include "OpenPgpAlgorithms.h"
-
-// A key that may verify signatures: a primary key, or a subkey whose binding signature by its
-// primary key verifies.
-struct OpenPgpPublicKey {
-    std::string keyId;       // 16 upper-case hexadecimal digits
-    std::string primaryId;   // the key ID of its primary key (its own for a primary key)
-    unsigned int algorithm;  // OpenPGP public-key algorithm: 1, 2, 3 RSA; 22 EdDSA
-    unsigned int bits;       // RSA: bits of the modulus; Ed25519: 256
-    bool subkey;
-    std::shared_ptr<EVP_PKEY> key;
-};
+#include "OpenPgpKey.h"
 
 // The OpenPGP hash algorithm id as OpenSSL's digest of a signature (null when not taken: MD5,
 // RIPEMD-160 and unknown ids).

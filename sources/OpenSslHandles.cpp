@@ -7,6 +7,7 @@
 #include <openssl/bio.h>
 #include <openssl/bn.h>
 #include <openssl/evp.h>
+#include <openssl/param_build.h>
 #include <openssl/rsa.h>
 
 void EvpMdCtxFree::operator()(EVP_MD_CTX* context) const {
@@ -23,4 +24,20 @@ void BioFree::operator()(BIO* bio) const {
 
 void BignumFree::operator()(BIGNUM* number) const {
     BN_free(number);
+}
+
+void EvpPkeyFree::operator()(EVP_PKEY* key) const {
+    EVP_PKEY_free(key);
+}
+
+void EvpPkeyCtxFree::operator()(EVP_PKEY_CTX* context) const {
+    EVP_PKEY_CTX_free(context);
+}
+
+void ParamBldFree::operator()(OSSL_PARAM_BLD* builder) const {
+    OSSL_PARAM_BLD_free(builder);
+}
+
+void ParamFree::operator()(OSSL_PARAM* parameters) const {
+    OSSL_PARAM_free(parameters);
 }

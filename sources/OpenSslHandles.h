@@ -18,8 +18,23 @@ struct BioFree {
 struct BignumFree {
     void operator()(BIGNUM* number) const;
 };
+struct EvpPkeyFree {
+    void operator()(EVP_PKEY* key) const;
+};
+struct EvpPkeyCtxFree {
+    void operator()(EVP_PKEY_CTX* context) const;
+};
+struct ParamBldFree {
+    void operator()(OSSL_PARAM_BLD* builder) const;
+};
+struct ParamFree {
+    void operator()(OSSL_PARAM* parameters) const;
+};
 
 using EvpMdCtxHandle = std::unique_ptr<EVP_MD_CTX, EvpMdCtxFree>;
 using RsaHandle = std::unique_ptr<RSA, RsaFree>;
 using BioHandle = std::unique_ptr<BIO, BioFree>;
 using BignumHandle = std::unique_ptr<BIGNUM, BignumFree>;
+using EvpPkeyCtxHandle = std::unique_ptr<EVP_PKEY_CTX, EvpPkeyCtxFree>;
+using ParamBldHandle = std::unique_ptr<OSSL_PARAM_BLD, ParamBldFree>;
+using ParamHandle = std::unique_ptr<OSSL_PARAM, ParamFree>;

@@ -29,7 +29,7 @@ public:
 
     RsaCsp* GetCsp() const { return &key_->Csp(); }
     PgpMessage* GetMessage() const { return const_cast<PgpMessage*>(&key_->Message()); }
-    uint64_t GetKeyLength() const { return key_->Bits(); }
+    uint64_t GetKeyLength() const { return key_->Public().bits; }
     const PgpKey& GetKey() const { return *key_; }
 
 private:

@@ -4,17 +4,24 @@
 
 #include "Exceptions.h"
 #include "FileHelper.h"
+#include "OpenPgpPackets.h"
 
-PgpKey::PgpKey(std::unique_ptr<PgpMessage> message) : message_(std::move(message)), bits_(0) {
+PgpKey::PgpKey(std::unique_ptr<PgpMessage> message) : message_(std::move(message)) {
     const PgpPublicKey* key = message_->GetPublicKey();
     if (key == nullptr) {
         throw DataFormatException("PGP public key is not found");
     }
     const MPI* modulus = key->GetModulus();
     const MPI* exponent = key->GetExponent();
-    bits_ = modulus->GetLengthInBits();
     csp_ = std::make_unique<RsaCsp>(modulus->GetValue(), static_cast<int>(modulus->GetLengthInBytes()),
                                     exponent->GetValue(), static_cast<int>(exponent->GetLengthInBytes()));
+    const PgpSignatureData* signature = message_->GetSignatureData();
+    public_.keyId = signature != nullptr ? HexText(signature->GetIssuerId(), 8) : "";
+    public_.primaryId = public_.keyId;
+    public_.algorithm = key->GetAlgorithm();
+    public_.bits = static_cast<unsigned int>(modulus->GetLengthInBits());
+    public_.key = RsaPublicKey(ByteCursor(modulus->GetValue(), modulus->GetLengthInBytes(), "RSA modulus"),
+                               ByteCursor(exponent->GetValue(), exponent->GetLengthInBytes(), "RSA exponent"));
 }
 
 std::unique_ptr<PgpKey> PgpKey::Parse(const char* data, unsigned int length) {
@@ -37,15 +44,6 @@ std::vector<char> PgpKey::ReadFile(const std::string& path) {
     }
     bytes.resize(size);
     return bytes;
-}
-
-unsigned int PgpKey::Algorithm() const {
-    return message_->GetPublicKey()->GetAlgorithm();
-}
-
-const unsigned char* PgpKey::KeyId() const {
-    const PgpSignatureData* signature = message_->GetSignatureData();
-    return signature != nullptr ? signature->GetIssuerId() : nullptr;
 }
 
 KeySource::~KeySource() {}

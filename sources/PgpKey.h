@@ -1,7 +1,7 @@
 #pragma once
-// A publisher's OpenPGP key, read and parsed once: the key block's packets, the RSA service made
-// from its public-key packet, the key's size and its identity (the issuer named by the block's last
-// signature packet). A verification takes its key from a KeySource, so it never depends on where
+// A publisher's OpenPGP key under the classic key rule, read and parsed once: one key block, whose
+// last public-key packet is an RSA key (OpenPgpKey.h), named by the issuer of the block's last
+// signature packet; the key block's packets and the RSA service the framework checks with. A verification takes its key from a KeySource, so it never depends on where
 // the key is kept nor on state shared with other verifications.
 
 #include <cstdint>
@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "OpenPgpKey.h"
 #include "PgpMessage.h"
 #include "RsaCsp.h"
 
@@ -30,18 +31,14 @@ public:
 
     const PgpMessage& Message() const { return *message_; }
     RsaCsp& Csp() const { return *csp_; }
-    // Bits of the RSA modulus.
-    uint64_t Bits() const { return bits_; }
-    // The OpenPGP public-key algorithm of the key packet (1: RSA).
-    unsigned int Algorithm() const;
-    // The 8 octets that name the key: the issuer of the block's last signature packet; null when
-    // the block holds no signature packet.
-    const unsigned char* KeyId() const;
+    // The key: its key ID is the issuer of the block's last signature packet (empty when the block
+    // holds no signature packet), its bits those of the RSA modulus.
+    const OpenPgpPublicKey& Public() const { return public_; }
 
 private:
     std::unique_ptr<PgpMessage> message_;
     std::unique_ptr<RsaCsp> csp_;
-    uint64_t bits_;
+    OpenPgpPublicKey public_;
 };
 
 // Where a verification gets its key. Key() throws what reading or parsing the key threw.

@@ -95,12 +95,12 @@ int CheckPgpSignature(const PgpSignatureData& signature, KeySource& keys, const 
         return ResultInvalidSignature;
     }
     // The key's identity is the issuer of the key block's (last) signature packet.
-    const unsigned char* keyId = key.KeyId();
-    if (keyId == nullptr) {
+    const std::string& keyId = key.Public().keyId;
+    if (keyId.empty()) {
         message += " The PGP certificate holds no signature packet that names its key";
         return ResultInvalidSignature;
     }
-    if (std::memcmp(signature.GetIssuerId(), keyId, 8) != 0) {
+    if (HexText(signature.GetIssuerId(), 8) != keyId) {
         message += " The file was signed with a different PGP certificate";
         return ResultInvalidSignature;
     }

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "OpenPgpKey.h"
 #include "RpmCheck.h"
 #include "SigningPolicy.h"
 #include "signing/signing.h"
@@ -38,14 +39,10 @@ struct KeyBytes {
 RpmVerifyResult rpm_verify_report(const char* file, const KeyBytes& key, RpmReport& report,
                                   SigningPolicy policy = SigningPolicy::Classic);
 
-// The public key as verification reads it. The key ID is the issuer of the key block's last signature packet, the
-// identity signatures are matched against. Throws the loader's exception when the key cannot be read; a block without
-// a signature packet that names its key is a DataFormatException.
-struct RpmKey {
-    std::string keyId;  // 16 upper-case hexadecimal digits
-    unsigned long long bits;
-};
-RpmKey rpm_read_key(const std::string& path);
+// The public key as the classic verification reads it. The key ID is the issuer of the key block's last signature
+// packet, the identity signatures are matched against. Throws the loader's exception when the key cannot be read; a
+// block without a signature packet that names its key is a DataFormatException.
+OpenPgpPublicKey rpm_read_key(const std::string& path);
 // The same for a key block in memory, and the bytes of a key file as verification reads them.
-RpmKey rpm_key_of(const char* data, size_t length);
+OpenPgpPublicKey rpm_key_of(const char* data, size_t length);
 std::vector<char> rpm_read_key_file(const std::string& path);

@@ -131,19 +131,19 @@ RpmVerifyResult rpm_verify(const char* file, const char* key) {
     return rpm_verify_detailed(file, key, detail);
 }
 
-RpmKey rpm_key_of(const char* data, size_t length) {
+OpenPgpPublicKey rpm_key_of(const char* data, size_t length) {
     const std::unique_ptr<PgpKey> key = PgpKey::Parse(data, static_cast<unsigned int>(length));
-    if (key->KeyId() == nullptr) {
+    if (key->Public().keyId.empty()) {
         throw DataFormatException("The PGP certificate holds no signature packet that names its key");
     }
-    return RpmKey{Base::DumpBufferToString(key->KeyId(), 8, true), key->Bits()};
+    return key->Public();
 }
 
 std::vector<char> rpm_read_key_file(const std::string& path) {
     return PgpKey::ReadFile(path);
 }
 
-RpmKey rpm_read_key(const std::string& path) {
+OpenPgpPublicKey rpm_read_key(const std::string& path) {
     const std::vector<char> bytes = rpm_read_key_file(path);
     return rpm_key_of(bytes.data(), bytes.size());
 }

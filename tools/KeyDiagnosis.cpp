@@ -178,7 +178,7 @@ KeyDiagnosis DiagnoseKeyData(const std::string& data) {
     KeyDiagnosis diagnosis;
     try {
         try {
-            const RpmKey key = rpm_key_of(data.data(), data.size());
+            const OpenPgpPublicKey key = rpm_key_of(data.data(), data.size());
             diagnosis.usable = true;
             diagnosis.keyId = key.keyId;
             diagnosis.bits = key.bits;

@@ -266,12 +266,12 @@ TEST(OpenpgpKeyFile, TheKeyIsReadOnce) {
     temp.Write("once.asc", Armor(KeyBlock(TestKey(2048), kIssuer)));
     KeyFromFile source(path);
     const PgpKey& key = source.Key();
-    EXPECT_EQ(Hex(key.KeyId(), 8), Hex(kIssuer.data(), 8));
-    EXPECT_EQ(key.Bits(), 2048u);
-    EXPECT_EQ(key.Algorithm(), 1u);
+    EXPECT_EQ(key.Public().keyId, Hex(kIssuer.data(), 8));
+    EXPECT_EQ(key.Public().bits, 2048u);
+    EXPECT_EQ(key.Public().algorithm, 1u);
     temp.Write("once.asc", Armor(KeyBlock(TestKey(3072), Bytes(8, 0x22))));
     EXPECT_EQ(&source.Key(), &key);
-    EXPECT_EQ(source.Key().Bits(), 2048u);
+    EXPECT_EQ(source.Key().Public().bits, 2048u);
 
     KeyFromFile absent(missing);
     const std::string error = MessageOf<std::exception>([&] { absent.Key(); });
@@ -287,5 +287,5 @@ TEST(OpenpgpKeyFile, TheKeyIsReadOnce) {
                   " holds 1048577 bytes; a key file holds at "
                   "most 1048576");
     std::filesystem::resize_file(large, PgpKey::LargestFile);
-    EXPECT_EQ(KeyFromFile(large).Key().Bits(), 2048u);
+    EXPECT_EQ(KeyFromFile(large).Key().Public().bits, 2048u);
 }
