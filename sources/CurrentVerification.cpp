@@ -20,6 +20,7 @@
 #include "ProcessingResult.h"
 #include "RpmPackage.h"
 #include "SigningPolicy.h"
+#include "Verdict.h"
 
 namespace {
 
@@ -194,30 +195,6 @@ std::string SignatureLabel(const SignatureEntry& signature) {
            OpenPgpHashName(signature.packet.hashAlgorithm, classic) + " Signature, key ID " + shortId;
 }
 
-// The verdict as it builds up: the first failure decides it and its message.
-class Verdict {
-public:
-    Verdict(std::string& message, std::vector<RpmCheck>* checks) : message_(message), checks_(checks) {}
-    void Fail(int result, const std::string& text) {
-        if (decided_) return;
-        result_ = result;
-        message_ = text;
-        decided_ = true;
-    }
-    void Record(RpmCheck::Kind kind, RpmCheck::State state, const std::string& label, const std::string& reason,
-                const std::string& keyId) {
-        if (checks_ != nullptr) checks_->push_back(RpmCheck{kind, state, label, reason, keyId});
-    }
-    bool Decided() const { return decided_; }
-    int Result() const { return decided_ ? result_ : ResultSigned; }
-
-private:
-    std::string& message_;
-    std::vector<RpmCheck>* checks_;
-    int result_ = ResultSigned;
-    bool decided_ = false;
-};
-
 class CurrentVerification {
 public:
     CurrentVerification(const PackageFile& file, KeyFileBytes& keyFile) : file_(file), keyFile_(keyFile) {}
@@ -231,7 +208,7 @@ public:
         ReadSignatureHeader(signatures);
         ReadMainHeader(main);
         Digest(main);
-        Verdict verdict(message, checks);
+        Verdict verdict(message, checks, PolicyOf(SigningPolicy::Current).firstFailureStops);
         if (version6_ && laterTags_) {
             verdict.Fail(ResultInvalidStructure, "A version 6 package holds signature tags above 999");
         }
@@ -385,8 +362,8 @@ private:
             const RpmCheck::State state = result == SignatureVerdict::Ok      ? RpmCheck::Ok
                                           : result == SignatureVerdict::NoKey ? RpmCheck::NoKey
                                                                               : RpmCheck::Bad;
-            verdict.Record(kind, state, SignatureLabel(signature), result == SignatureVerdict::Ok ? "" : reason,
-                           signature.packet.issuer);
+            verdict.Record(RpmCheck{kind, state, SignatureLabel(signature), result == SignatureVerdict::Ok ? "" : reason,
+                           signature.packet.issuer});
             anyGood = anyGood || result == SignatureVerdict::Ok;
             if (result != SignatureVerdict::Ok && firstFailure.empty()) firstFailure = reason;
         }
@@ -398,19 +375,19 @@ private:
             pendingSignatureFailure_ = pendingSignatureFailure_.empty() ? firstFailure : pendingSignatureFailure_;
         if (!header) {
             if (!any) {
-                verdict.Record(RpmCheck::PackageSignature, RpmCheck::NotFound, "Header and payload signature", "", "");
+                verdict.Record(RpmCheck{RpmCheck::PackageSignature, RpmCheck::NotFound, "Header and payload signature", "", ""});
             }
             if (!pendingSignatureFailure_.empty()) deferredFailure_ = true;
         } else if (!any) {
-            verdict.Record(RpmCheck::HeaderSignature, RpmCheck::NotFound, "Header signature", "", "");
+            verdict.Record(RpmCheck{RpmCheck::HeaderSignature, RpmCheck::NotFound, "Header signature", "", ""});
         }
     }
 
     void CheckDigest(Verdict& verdict, RpmCheck::Kind kind, const std::string& label, const std::string& expected,
                      const std::string& computed) {
         const bool good = expected == computed;
-        verdict.Record(kind, good ? RpmCheck::Ok : RpmCheck::Bad, label,
-                       good ? "" : "Expected " + expected + " != " + computed, "");
+        verdict.Record(RpmCheck{kind, good ? RpmCheck::Ok : RpmCheck::Bad, label,
+                       good ? "" : "Expected " + expected + " != " + computed, ""});
         if (!good) verdict.Fail(ResultInvalidHash, "Invalid value of " + label);
     }
 
@@ -423,8 +400,8 @@ private:
         for (const PayloadDigest& digest : payloadDigests_) {
             const auto hash = payloadHashes_.find(digest.id);
             if (hash == payloadHashes_.end()) {
-                verdict.Record(RpmCheck::PayloadDigest, RpmCheck::Bad, digest.label, "the algorithm is not supported",
-                               "");
+                verdict.Record(RpmCheck{RpmCheck::PayloadDigest, RpmCheck::Bad, digest.label, "the algorithm is not supported",
+                               ""});
                 verdict.Fail(ResultInvalidHash, "Unsupported algorithm of the " + digest.label);
                 continue;
             }

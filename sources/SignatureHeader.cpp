@@ -10,6 +10,7 @@
 #include "PgpVerification.h"
 #include "ProcessingResult.h"
 #include "SigningPolicy.h"
+#include "Verdict.h"
 
 namespace {
 
@@ -237,58 +238,26 @@ RpmCheck SignatureCheck(RpmCheck::Kind kind, const PgpSignatureData& data) {
 
 }  // namespace
 
-// The running verdict of an evaluation. The first failure decides the verdict and its message; with a
-// record of checks the evaluation goes on after it and keeps every check.
-class SignatureHeader::Evaluation {
-public:
-    Evaluation(std::string& message, std::vector<RpmCheck>* checks) : message_(message), checks_(checks) {}
-
-    // Takes result as the verdict unless one was taken (text, when given, as its message); says
-    // whether the evaluation goes on.
-    bool Fail(int result, const char* text) {
-        if (!decided_) {
-            verdict_ = result;
-            if (text != nullptr) message_ = text;
-            decided_ = true;
-        }
-        return checks_ != nullptr;
-    }
-    void Record(RpmCheck check) {
-        if (checks_ != nullptr) checks_->push_back(std::move(check));
-    }
-    bool Decided() const { return decided_; }
-    int Verdict() const { return verdict_; }
-    // Where a signature check writes its text: the verdict's message while the verdict is open.
-    std::string& Text() { return decided_ ? scratch_ : message_; }
-
-private:
-    std::string& message_;
-    std::vector<RpmCheck>* checks_;
-    std::string scratch_;
-    int verdict_ = ResultSigned;
-    bool decided_ = false;
-};
-
 int SignatureHeader::Evaluate(KeySource& keys, const PackageDigests& digests, std::string& message,
                               std::vector<RpmCheck>* checks) const {
     if (digests.headerSha1 == nullptr || digests.packageMd5 == nullptr) {
         throw NotDefinedException("The package digests have not been computed.");
     }
-    Evaluation evaluation(message, checks);
+    Verdict evaluation(message, checks, PolicyOf(SigningPolicy::Classic).firstFailureStops);
     if (CheckHeaderDigest(evaluation, digests) && CheckPackageDigest(evaluation, digests) &&
         CheckHeaderSignature(evaluation, keys, digests)) {
         CheckPackageSignatures(evaluation, keys, digests);
     }
-    return evaluation.Verdict();
+    return evaluation.Result();
 }
 
-bool SignatureHeader::CheckHeaderDigest(Evaluation& evaluation, const PackageDigests& digests) const {
+bool SignatureHeader::CheckHeaderDigest(Verdict& evaluation, const PackageDigests& digests) const {
     // The SHA-1 of the main header, as lower-case hexadecimal text. A copy is finished so that the
     // digest itself stays open.
     std::unique_ptr<DigestBase> copy(digests.headerSha1->Copy());
     const std::string sha1 = HexOf(copy->GetValue(), copy->GetLength());
     const bool good = sha1_ != nullptr && sha1 == sha1_;
-    evaluation.Record({RpmCheck::HeaderSha1,
+    evaluation.Record(RpmCheck{RpmCheck::HeaderSha1,
                        good               ? RpmCheck::Ok
                        : sha1_ == nullptr ? RpmCheck::NotFound
                                           : RpmCheck::Bad,
@@ -296,7 +265,7 @@ bool SignatureHeader::CheckHeaderDigest(Evaluation& evaluation, const PackageDig
     return good || evaluation.Fail(ResultInvalidHash, "Invalid value of SHA1 header hash");
 }
 
-bool SignatureHeader::CheckPackageDigest(Evaluation& evaluation, const PackageDigests& digests) const {
+bool SignatureHeader::CheckPackageDigest(Verdict& evaluation, const PackageDigests& digests) const {
     // With nothing after the main header, the digest of header and payload is the digest of the
     // header alone, and a signature over the header would pass for one over the whole package.
     // A package always carries a payload.
@@ -313,7 +282,7 @@ bool SignatureHeader::CheckPackageDigest(Evaluation& evaluation, const PackageDi
     } else if (!good && md5_ != nullptr) {
         reason = Mismatch(HexOf(md5_, packageMd5->GetLength()), md5);
     }
-    evaluation.Record({RpmCheck::Md5,
+    evaluation.Record(RpmCheck{RpmCheck::Md5,
                        good && !noPayload ? RpmCheck::Ok
                        : md5_ == nullptr  ? RpmCheck::NotFound
                                           : RpmCheck::Bad,
@@ -323,7 +292,7 @@ bool SignatureHeader::CheckPackageDigest(Evaluation& evaluation, const PackageDi
 
 // One signature check: while the verdict is open its text goes into the verdict's message. An
 // exception ends the evaluation unless the verdict was already decided.
-int SignatureHeader::CheckRecorded(Evaluation& evaluation, KeySource& keys, RpmCheck::Kind kind,
+int SignatureHeader::CheckRecorded(Verdict& evaluation, KeySource& keys, RpmCheck::Kind kind,
                                    const PgpSignatureData& signature, const DigestBase* digest) const {
     RpmCheck check = SignatureCheck(kind, signature);
     int result = ResultInternalError;
@@ -341,11 +310,11 @@ int SignatureHeader::CheckRecorded(Evaluation& evaluation, KeySource& keys, RpmC
     return result;
 }
 
-bool SignatureHeader::CheckHeaderSignature(Evaluation& evaluation, KeySource& keys,
+bool SignatureHeader::CheckHeaderSignature(Verdict& evaluation, KeySource& keys,
                                            const PackageDigests& digests) const {
     const PgpSignatureData* signature = HeaderSignature();
     if (signature == nullptr) {
-        evaluation.Record({RpmCheck::HeaderSignature, RpmCheck::NotFound, "Header signature", "", ""});
+        evaluation.Record(RpmCheck{RpmCheck::HeaderSignature, RpmCheck::NotFound, "Header signature", "", ""});
         return evaluation.Fail(ResultNotSigned, nullptr);
     }
     const int result =
@@ -353,10 +322,10 @@ bool SignatureHeader::CheckHeaderSignature(Evaluation& evaluation, KeySource& ke
     return result == ResultSigned || evaluation.Fail(result, nullptr);
 }
 
-void SignatureHeader::CheckPackageSignatures(Evaluation& evaluation, KeySource& keys,
+void SignatureHeader::CheckPackageSignatures(Verdict& evaluation, KeySource& keys,
                                              const PackageDigests& digests) const {
     if (packageSignatures_.empty()) {
-        evaluation.Record({RpmCheck::PackageSignature, RpmCheck::NotFound, "Header and payload signature", "", ""});
+        evaluation.Record(RpmCheck{RpmCheck::PackageSignature, RpmCheck::NotFound, "Header and payload signature", "", ""});
         evaluation.Fail(ResultHeaderOnlySigned,
                         "The package does not contain PGP signature over its header and payload.");
         return;

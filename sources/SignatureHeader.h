@@ -101,13 +101,12 @@ public:
                               std::string& message, std::string* reason);
 
 private:
-    class Evaluation;
-    bool CheckHeaderDigest(Evaluation& evaluation, const PackageDigests& digests) const;
-    bool CheckPackageDigest(Evaluation& evaluation, const PackageDigests& digests) const;
-    int CheckRecorded(Evaluation& evaluation, KeySource& keys, RpmCheck::Kind kind, const PgpSignatureData& signature,
+    bool CheckHeaderDigest(class Verdict& evaluation, const PackageDigests& digests) const;
+    bool CheckPackageDigest(class Verdict& evaluation, const PackageDigests& digests) const;
+    int CheckRecorded(class Verdict& evaluation, KeySource& keys, RpmCheck::Kind kind, const PgpSignatureData& signature,
                       const DigestBase* digest) const;
-    bool CheckHeaderSignature(Evaluation& evaluation, KeySource& keys, const PackageDigests& digests) const;
-    void CheckPackageSignatures(Evaluation& evaluation, KeySource& keys, const PackageDigests& digests) const;
+    bool CheckHeaderSignature(class Verdict& evaluation, KeySource& keys, const PackageDigests& digests) const;
+    void CheckPackageSignatures(class Verdict& evaluation, KeySource& keys, const PackageDigests& digests) const;
 
     // How the index walk takes the value of a tag the classic policy reads (SignatureHeader.cpp).
     struct TagRule;

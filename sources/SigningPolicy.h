@@ -58,9 +58,9 @@ struct VerificationPolicy {
     bool SignatureTagRow::*reads;
     // Whether the algorithms it names are the classic ones only (others are named by their number).
     bool classicAlgorithms;
-    // Whether a header signature covers the payload through the main header's payload digest.
-    bool payloadDigestCovers;
-    // Whether the signature values are read before the main header's structure (classic), or after.
-    bool signaturesBeforeMainHeader;
+    // Whether the first failure ends the evaluation when no record of the checks is kept (classic),
+    // or every check is made all the same (current: a key file that cannot be read is then told
+    // whatever failed before).
+    bool firstFailureStops;
 };
 const VerificationPolicy& PolicyOf(SigningPolicy policy);
