@@ -238,61 +238,66 @@ OpenPgpSignature OpenPgpSignature::Parse(const unsigned char* data, uint64_t siz
     return ParseBody(packet.body.Here(), packet.body.Size());
 }
 
-OpenPgpSignature OpenPgpSignature::ParseBody(const unsigned char* data, uint64_t size) {
-    OpenPgpSignature signature;
-    ByteCursor body(data, size, "Signature packet");
-    signature.version = body.ReadUInt8();
-    if (signature.version == 3) {
-        if (body.ReadUInt8() != 5) throw DataFormatException("Version 3 signature packet: the hashed length must be 5");
-        signature.trailer.assign(body.Here(), body.Here() + 5);
-        signature.type = body.ReadUInt8();
-        body.Skip(4);
-        signature.issuer = HexText(body.Peek(8), 8);
-        body.Skip(8);
-        signature.publicKeyAlgorithm = body.ReadUInt8();
-        signature.hashAlgorithm = body.ReadUInt8();
-    } else if (signature.version == 4) {
-        signature.type = body.ReadUInt8();
-        signature.publicKeyAlgorithm = body.ReadUInt8();
-        signature.hashAlgorithm = body.ReadUInt8();
-        const uint16_t hashedLength = body.ReadUInt16();
-        ByteCursor hashed = body.Take(hashedLength, "Hashed subpacket area");
-        const uint16_t unhashedLength = body.ReadUInt16("Unhashed subpacket area");
-        ByteCursor unhashed = body.Take(unhashedLength, "Unhashed subpacket area");
-        // The trailer: the fields up to the end of the hashed area, then 04 FF and their length.
-        const uint32_t fieldsLength = 6u + hashedLength;
-        signature.trailer.assign(data, data + fieldsLength);
-        const auto tail = OpenPgpV4Trailer(fieldsLength);
-        signature.trailer.insert(signature.trailer.end(), tail.begin(), tail.end());
-        std::string fingerprintIssuer;
-        for (ByteCursor* area : {&hashed, &unhashed}) {
-            while (area->Remaining() > 0) {
-                const uint32_t length = ReadSubpacketLength(*area, "Signature subpacket");
-                if (length == 0) throw DataFormatException("Signature subpacket of length 0");
-                ByteCursor subpacket = area->Take(length, "Signature subpacket");
-                const uint8_t type = subpacket.ReadUInt8();
-                const unsigned int kind = type & 0x7Fu;
-                if (kind == 16 && subpacket.Remaining() == 8) {
-                    signature.issuer = HexText(subpacket.Here(), 8);
-                } else if (kind == 33 && subpacket.Remaining() == 21 && subpacket.Here()[0] == 4) {
-                    fingerprintIssuer = HexText(subpacket.Here() + 13, 8);
-                }
-                // Subpackets marked critical that the reader does not act on make the signature
-                // invalid (RFC 4880, 5.2.3.1); the hashed ones are the signer's.
-                const bool understood = kind == 2 || kind == 3 || kind == 9 || kind == 11 || kind == 16 || kind == 21 ||
-                                        kind == 22 || kind == 23 || kind == 25 || kind == 27 || kind == 30 ||
-                                        kind == 32 || kind == 33;
-                if ((type & 0x80) != 0 && !understood && area == &hashed) {
-                    signature.flaw =
-                        "it holds a critical subpacket of type " + std::to_string(kind) + " that is not understood";
-                }
-            }
+namespace {
+
+// Version 3: the hashed length (5), type, creation time, issuer, algorithms.
+void ReadV3Fields(ByteCursor& body, OpenPgpSignature& signature) {
+    if (body.ReadUInt8() != 5) throw DataFormatException("Version 3 signature packet: the hashed length must be 5");
+    signature.trailer.assign(body.Here(), body.Here() + 5);
+    signature.type = body.ReadUInt8();
+    body.Skip(4);
+    signature.issuer = HexText(body.Peek(8), 8);
+    body.Skip(8);
+    signature.publicKeyAlgorithm = body.ReadUInt8();
+    signature.hashAlgorithm = body.ReadUInt8();
+}
+
+// The subpackets of one area: the issuer (16, or the fingerprint's low octets from 33, kept in
+// fingerprintIssuer), and critical subpackets the reader does not act on, which make the signature
+// invalid (RFC 4880, 5.2.3.1) when they are hashed: those are the signer's.
+void ReadSubpackets(ByteCursor& area, bool hashed, OpenPgpSignature& signature, std::string& fingerprintIssuer) {
+    while (area.Remaining() > 0) {
+        const uint32_t length = ReadSubpacketLength(area, "Signature subpacket");
+        if (length == 0) throw DataFormatException("Signature subpacket of length 0");
+        ByteCursor subpacket = area.Take(length, "Signature subpacket");
+        const uint8_t type = subpacket.ReadUInt8();
+        const unsigned int kind = type & 0x7Fu;
+        if (kind == 16 && subpacket.Remaining() == 8) {
+            signature.issuer = HexText(subpacket.Here(), 8);
+        } else if (kind == 33 && subpacket.Remaining() == 21 && subpacket.Here()[0] == 4) {
+            fingerprintIssuer = HexText(subpacket.Here() + 13, 8);
         }
-        if (signature.issuer.empty()) signature.issuer = fingerprintIssuer;
-    } else {
-        throw DataFormatException("Version " + std::to_string(signature.version) +
-                                  " signature packets are not supported");
+        const bool understood = kind == 2 || kind == 3 || kind == 9 || kind == 11 || kind == 16 || kind == 21 ||
+                                kind == 22 || kind == 23 || kind == 25 || kind == 27 || kind == 30 || kind == 32 ||
+                                kind == 33;
+        if ((type & 0x80) != 0 && !understood && hashed) {
+            signature.flaw = "it holds a critical subpacket of type " + std::to_string(kind) + " that is not understood";
+        }
     }
+}
+
+// Version 4: type, algorithms, the hashed and unhashed areas; data is the body from its version.
+void ReadV4Fields(const unsigned char* data, ByteCursor& body, OpenPgpSignature& signature) {
+    signature.type = body.ReadUInt8();
+    signature.publicKeyAlgorithm = body.ReadUInt8();
+    signature.hashAlgorithm = body.ReadUInt8();
+    const uint16_t hashedLength = body.ReadUInt16();
+    ByteCursor hashed = body.Take(hashedLength, "Hashed subpacket area");
+    const uint16_t unhashedLength = body.ReadUInt16("Unhashed subpacket area");
+    ByteCursor unhashed = body.Take(unhashedLength, "Unhashed subpacket area");
+    // The trailer: the fields up to the end of the hashed area, then 04 FF and their length.
+    const uint32_t fieldsLength = 6u + hashedLength;
+    signature.trailer.assign(data, data + fieldsLength);
+    const auto tail = OpenPgpV4Trailer(fieldsLength);
+    signature.trailer.insert(signature.trailer.end(), tail.begin(), tail.end());
+    std::string fingerprintIssuer;
+    ReadSubpackets(hashed, true, signature, fingerprintIssuer);
+    ReadSubpackets(unhashed, false, signature, fingerprintIssuer);
+    if (signature.issuer.empty()) signature.issuer = fingerprintIssuer;
+}
+
+// The left 16 bits of the hash and the value: RSA's one integer, EdDSA's R and S.
+void ReadSignatureValue(ByteCursor& body, OpenPgpSignature& signature) {
     body.Read(signature.left16, 2, "Signature packet");
     if (signature.publicKeyAlgorithm >= 1 && signature.publicKeyAlgorithm <= 3) {
         const ByteCursor value = ReadMpi(body);
@@ -307,6 +312,23 @@ OpenPgpSignature OpenPgpSignature::ParseBody(const unsigned char* data, uint64_t
     } else {
         signature.flaw = OpenPgpAlgorithmName(signature.publicKeyAlgorithm) + " signatures are not supported";
     }
+}
+
+}  // namespace
+
+OpenPgpSignature OpenPgpSignature::ParseBody(const unsigned char* data, uint64_t size) {
+    OpenPgpSignature signature;
+    ByteCursor body(data, size, "Signature packet");
+    signature.version = body.ReadUInt8();
+    if (signature.version == 3) {
+        ReadV3Fields(body, signature);
+    } else if (signature.version == 4) {
+        ReadV4Fields(data, body, signature);
+    } else {
+        throw DataFormatException("Version " + std::to_string(signature.version) +
+                                  " signature packets are not supported");
+    }
+    ReadSignatureValue(body, signature);
     return signature;
 }
 
@@ -363,80 +385,105 @@ std::vector<std::vector<unsigned char>> OpenPgpKeyring::SplitKeys(const unsigned
     return keys;
 }
 
-void OpenPgpKeyring::ParseBlock(const unsigned char* data, uint64_t size) {
-    ByteCursor cursor(data, size, "OpenPGP key block");
-    // The primary key being read, its packet body, where its keys begin in keys_, and the subkey
-    // waiting for its binding signature.
-    const OpenPgpPublicKey* primary = nullptr;
-    std::unique_ptr<OpenPgpPublicKey> primaryHolder;
-    ByteCursor primaryBody(data, 0, "Public-key packet");
-    size_t primaryKeys = keys_.size();
-    std::unique_ptr<OpenPgpPublicKey> pending;
-    ByteCursor pendingBody(data, 0, "Public-subkey packet");
-    std::string pendingReason;
-    // A subkey left without a binding signature that verifies: as rpm refuses to import such a key,
-    // the whole key (its primary and every subkey) is dropped.
-    auto settle = [this, &pending, &pendingReason, &primary, &primaryKeys]() {
-        if (pending == nullptr) return;
-        refused_.push_back("subkey " + pending->keyId + ": " +
-                           (pendingReason.empty() ? "it has no binding signature" : pendingReason));
-        refused_.push_back("key " + pending->primaryId + ": one of its subkeys is not bound to it");
-        keys_.resize(primaryKeys);
-        primary = nullptr;
-        pending.reset();
-    };
-    while (cursor.Remaining() > 0) {
-        const OpenPgpPacket packet = NextPacket(cursor);
+namespace {
+
+// The walk over one key block: the primary key being read, its packet body, where its keys begin in
+// the keyring, and the subkey waiting for its binding signature.
+class BlockReader {
+public:
+    BlockReader(const unsigned char* data, std::vector<OpenPgpPublicKey>& keys, std::vector<std::string>& refused)
+        : keys_(keys), refused_(refused), primaryBody_(data, 0, "Public-key packet"),
+          pendingBody_(data, 0, "Public-subkey packet"), primaryKeys_(keys.size()) {}
+
+    void Read(const OpenPgpPacket& packet) {
         if (packet.tag == kPublicKeyPacket) {
-            settle();
-            OpenPgpPublicKey key{};
-            std::string refusal;
-            primary = nullptr;
-            primaryBody = packet.body;
-            primaryKeys = keys_.size();
-            if (ReadPublicKey(packet.body, false, key, refusal)) {
-                key.primaryId = key.keyId;
-                keys_.push_back(key);
-                primaryHolder = std::make_unique<OpenPgpPublicKey>(key);
-                primary = primaryHolder.get();
-            } else {
-                refused_.push_back("key " + key.keyId + ": " + refusal);
-                primaryHolder.reset();
-            }
+            Settle();
+            Primary(packet.body);
         } else if (packet.tag == kPublicSubkeyPacket) {
-            settle();
-            OpenPgpPublicKey key{};
-            std::string refusal;
-            if (primary == nullptr) {
-                continue;  // a subkey of a key that cannot verify cannot be bound to it
-            }
-            if (!ReadPublicKey(packet.body, true, key, refusal)) {
-                refused_.push_back("subkey " + key.keyId + ": " + refusal);
-                continue;
-            }
-            key.primaryId = primary->keyId;
-            pending = std::make_unique<OpenPgpPublicKey>(key);
-            pendingBody = packet.body;
-            pendingReason.clear();
-        } else if (packet.tag == kSignaturePacket && pending != nullptr) {
-            // Signatures after a subkey: the first binding signature that verifies binds it.
-            try {
-                const OpenPgpSignature binding = OpenPgpSignature::ParseBody(packet.body.Here(), packet.body.Size());
-                std::string reason;
-                if (BindingVerifies(binding, *primary, primaryBody, pendingBody, reason)) {
-                    keys_.push_back(*pending);
-                    pending.reset();
-                } else if (binding.type == kSubkeyBinding) {
-                    pendingReason = reason;
-                }
-            } catch (const DataFormatException& e) {
-                pendingReason = std::string("its binding signature cannot be read: ") + e.what();
-            }
+            Settle();
+            Subkey(packet.body);
+        } else if (packet.tag == kSignaturePacket && pending_ != nullptr) {
+            Binding(packet.body);
         }
         // User IDs, user attributes, trust packets and certifications (the owner's or others') are
         // read past: a key verifies by the key material alone.
     }
-    settle();
+
+    // A subkey left without a binding signature that verifies: as rpm refuses to import such a key,
+    // the whole key (its primary and every subkey) is dropped.
+    void Settle() {
+        if (pending_ == nullptr) return;
+        refused_.push_back("subkey " + pending_->keyId + ": " +
+                           (pendingReason_.empty() ? "it has no binding signature" : pendingReason_));
+        refused_.push_back("key " + pending_->primaryId + ": one of its subkeys is not bound to it");
+        keys_.resize(primaryKeys_);
+        primary_.reset();
+        pending_.reset();
+    }
+
+private:
+    void Primary(const ByteCursor& body) {
+        OpenPgpPublicKey key{};
+        std::string refusal;
+        primary_.reset();
+        primaryBody_ = body;
+        primaryKeys_ = keys_.size();
+        if (ReadPublicKey(body, false, key, refusal)) {
+            key.primaryId = key.keyId;
+            keys_.push_back(key);
+            primary_ = std::make_unique<OpenPgpPublicKey>(key);
+        } else {
+            refused_.push_back("key " + key.keyId + ": " + refusal);
+        }
+    }
+
+    void Subkey(const ByteCursor& body) {
+        if (primary_ == nullptr) return;  // a subkey of a key that cannot verify cannot be bound to it
+        OpenPgpPublicKey key{};
+        std::string refusal;
+        if (!ReadPublicKey(body, true, key, refusal)) {
+            refused_.push_back("subkey " + key.keyId + ": " + refusal);
+            return;
+        }
+        key.primaryId = primary_->keyId;
+        pending_ = std::make_unique<OpenPgpPublicKey>(key);
+        pendingBody_ = body;
+        pendingReason_.clear();
+    }
+
+    // Signatures after a subkey: the first binding signature that verifies binds it.
+    void Binding(const ByteCursor& body) {
+        try {
+            const OpenPgpSignature binding = OpenPgpSignature::ParseBody(body.Here(), body.Size());
+            std::string reason;
+            if (BindingVerifies(binding, *primary_, primaryBody_, pendingBody_, reason)) {
+                keys_.push_back(*pending_);
+                pending_.reset();
+            } else if (binding.type == kSubkeyBinding) {
+                pendingReason_ = reason;
+            }
+        } catch (const DataFormatException& e) {
+            pendingReason_ = std::string("its binding signature cannot be read: ") + e.what();
+        }
+    }
+
+    std::vector<OpenPgpPublicKey>& keys_;
+    std::vector<std::string>& refused_;
+    std::unique_ptr<OpenPgpPublicKey> primary_;
+    ByteCursor primaryBody_;
+    std::unique_ptr<OpenPgpPublicKey> pending_;
+    ByteCursor pendingBody_;
+    std::string pendingReason_;
+    size_t primaryKeys_;
+};
+
+}  // namespace
+
+void OpenPgpKeyring::ParseBlock(const unsigned char* data, uint64_t size) {
+    ByteCursor cursor(data, size, "OpenPGP key block");
+    BlockReader reader(data, keys_, refused_);
+    while (cursor.Remaining() > 0) reader.Read(NextPacket(cursor));
+    reader.Settle();
 }
 
 SignatureVerdict VerifyOpenPgpSignature(const OpenPgpSignature& signature, const EVP_MD_CTX* signedData,
