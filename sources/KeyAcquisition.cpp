@@ -299,68 +299,86 @@ std::string KeyAcquisition::DownloadPath(const std::string& outputFile) {
     return "";
 }
 
+namespace {
+
+// Runs the probe of a download tool (a fixed text: no input reaches it) and reads its output; the
+// probe's wait status, or -2 when it could not be run or read (logged).
+int ProbeStatus(const char* probe) {
+    FILE* stream = popen(probe, "r");  // NOLINT(cert-env33-c)
+    if (stream == nullptr) {
+        print_log("_signing_get_command: unable to validate command to existance");
+        return -2;
+    }
+    char chunk[64];
+    bool readSomething = false;
+    for (;;) {
+        const ssize_t count = read(fileno(stream), chunk, sizeof chunk);
+        if (count > 0) {
+            readSomething = true;
+            continue;
+        }
+        if (count < 0 && readSomething) {
+            print_log("_signing_get_command: unable to read command output");
+            pclose(stream);
+            return -2;
+        }
+        break;
+    }
+    return pclose(stream);
+}
+
+// The command of the download tool whose template is given, writing to outputFile's checked path
+// (outputFile then names it); "" when the download is refused.
+std::string DownloadCommand(const char* commandTemplate, const std::string& url, std::string& outputFile,
+                            KeyAcquisition& acquisition) {
+    if (!IsSafeDownload(url, outputFile)) {
+        return "";
+    }
+    // The path checked is the path written: the real one, or one in a private folder.
+    const std::string written = acquisition.DownloadPath(outputFile);
+    if (written.empty()) {
+        return "";
+    }
+    if (!IsSafeForShell(written)) {
+        print_log("_signing_get_command: refused to build a command from unsafe characters in [%s] or [%s]",
+                  LogText(url).c_str(), LogText(written).c_str());
+        return "";
+    }
+    const int length =
+        std::snprintf(nullptr, 0, commandTemplate, kTimeoutSeconds, kTries, url.c_str(), written.c_str());
+    if (length < 0 || static_cast<size_t>(length) >= kCommandBufferSize) {
+        print_log("_signing_get_command: refused to build a command of %d bytes: a command holds at most %d", length,
+                  static_cast<int>(kCommandBufferSize - 1));
+        return "";
+    }
+    std::string command(static_cast<size_t>(length) + 1, '\0');
+    static_cast<void>(
+        std::snprintf(&command[0], command.size(), commandTemplate, kTimeoutSeconds, kTries, url.c_str(), written.c_str()));
+    command.resize(static_cast<size_t>(length));
+    outputFile = written;
+    return command;
+}
+
+}  // namespace
+
 std::string _signing_get_command(const std::string& url, std::string& outputFile, KeyAcquisition& acquisition) {
     if (!IsSafeForShell(url) || !IsSafeForShell(outputFile)) {
         print_log("_signing_get_command: refused to build a command from unsafe characters in [%s] or [%s]",
                   LogText(url).c_str(), LogText(outputFile).c_str());
         return "";
     }
-
     for (size_t tool = 0; tool < 2; ++tool) {
-        // The probes are fixed texts: no input reaches this command line.
-        FILE* probe = popen(kProbes[tool], "r");  // NOLINT(cert-env33-c)
-        if (probe == nullptr) {
-            print_log("_signing_get_command: unable to validate command to existance");
+        const int status = ProbeStatus(kProbes[tool]);
+        if (status == -2) {
             return "";
         }
-        char chunk[64];
-        bool readSomething = false;
-        for (;;) {
-            const ssize_t count = read(fileno(probe), chunk, sizeof chunk);
-            if (count > 0) {
-                readSomething = true;
-                continue;
-            }
-            if (count < 0 && readSomething) {
-                print_log("_signing_get_command: unable to read command output");
-                pclose(probe);
-                return "";
-            }
-            break;
-        }
-        const int status = pclose(probe);
         if (status != -1 && WIFSIGNALED(status)) {
             print_log("_signing_get_command: signing command check failed by signal %d - %s.\n", WTERMSIG(status),
                       strsignal(WTERMSIG(status)));
             return "";
         }
         if (status == 0) {
-            if (!IsSafeDownload(url, outputFile)) {
-                return "";
-            }
-            // The path checked is the path written: the real one, or one in a private folder.
-            const std::string written = acquisition.DownloadPath(outputFile);
-            if (written.empty()) {
-                return "";
-            }
-            if (!IsSafeForShell(written)) {
-                print_log("_signing_get_command: refused to build a command from unsafe characters in [%s] or [%s]",
-                          LogText(url).c_str(), LogText(written).c_str());
-                return "";
-            }
-            const int length =
-                std::snprintf(nullptr, 0, kTemplates[tool], kTimeoutSeconds, kTries, url.c_str(), written.c_str());
-            if (length < 0 || static_cast<size_t>(length) >= kCommandBufferSize) {
-                print_log("_signing_get_command: refused to build a command of %d bytes: a command holds at most %d",
-                          length, static_cast<int>(kCommandBufferSize - 1));
-                return "";
-            }
-            std::string command(static_cast<size_t>(length) + 1, '\0');
-            static_cast<void>(std::snprintf(&command[0], command.size(), kTemplates[tool], kTimeoutSeconds, kTries,
-                                            url.c_str(), written.c_str()));
-            command.resize(static_cast<size_t>(length));
-            outputFile = written;
-            return command;
+            return DownloadCommand(kTemplates[tool], url, outputFile, acquisition);
         }
     }
     return "";

@@ -583,23 +583,12 @@ std::string Dump(const json& value) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    Options options;
-    const int early = ParseArguments(argc, argv, options);
-    if (early >= 0) return early;
+namespace {
 
-    // The keys, read once before any package.
-    Keys keys;
-    try {
-        PrepareKeys(options, keys);
-    } catch (const std::exception& e) {
-        std::fprintf(stderr, "%s: %s\n", kProgram, e.what());
-        return 2;
-    }
-    json report = {{"schemaVersion", kSchemaVersion},
-                   {"policy", options.policy == SigningPolicy::Current ? "current" : "classic"},
-                   {"keys", keys.reports},
-                   {"packages", json::array()}};
+// Tells on stderr what the keys read say before any package: the key files the installer's check
+// would refuse, the first key that cannot be used; with -v (text), every key. False when a key
+// cannot be used.
+bool ReportKeys(const Options& options, const Keys& keys, const json& report) {
     for (const json& key : keys.reports) {
         if (key.contains("installerRefuses")) {
             std::fprintf(stderr, "%s: note: the installer's check would refuse the key file %s (%s)\n", kProgram,
@@ -609,7 +598,7 @@ int main(int argc, char** argv) {
     if (keys.Unusable() != 0) {
         std::fprintf(stderr, "%s: %s\n", kProgram, keys.firstError.c_str());
         if (options.json) std::printf("%s\n", Dump(report).c_str());
-        return 2;
+        return false;
     }
     if (options.verbose && !options.json) {
         for (const json& key : keys.reports) {
@@ -619,10 +608,14 @@ int main(int argc, char** argv) {
             }
         }
     }
+    return true;
+}
 
+// Verifies every package given, in order (blocks of them in worker processes with --jobs), and
+// prints or collects the outcomes; true when all are signed.
+bool VerifyPackages(const Options& options, const Keys& keys, json& outcomes) {
     const std::vector<Worker> workers = options.jobs > 1 ? StartWorkers(options, keys) : std::vector<Worker>();
     bool allSigned = true;
-    json& outcomes = report["packages"];
     const Worker* worker = nullptr;  // the worker of the package at hand; null: the parent's own
     for (size_t i = 0, next = 0; i < options.packages.size(); ++i) {
         if (next < workers.size() && i >= workers[next].begin) worker = &workers[next++];
@@ -648,6 +641,30 @@ int main(int argc, char** argv) {
         if (started.fd >= 0) close(started.fd);
         if (started.pid > 0) waitpid(started.pid, nullptr, 0);
     }
+    return allSigned;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    const int early = ParseArguments(argc, argv, options);
+    if (early >= 0) return early;
+
+    // The keys, read once before any package.
+    Keys keys;
+    try {
+        PrepareKeys(options, keys);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "%s: %s\n", kProgram, e.what());
+        return 2;
+    }
+    json report = {{"schemaVersion", kSchemaVersion},
+                   {"policy", options.policy == SigningPolicy::Current ? "current" : "classic"},
+                   {"keys", keys.reports},
+                   {"packages", json::array()}};
+    if (!ReportKeys(options, keys, report)) return 2;
+    const bool allSigned = VerifyPackages(options, keys, report["packages"]);
     if (options.json) std::printf("%s\n", Dump(report).c_str());
     return allSigned ? 0 : 1;
 }
