@@ -4,6 +4,7 @@
 #include <map>
 
 #include "Digest.h"
+#include "OpenPgpKeyring.h"
 #include "RpmReport.h"
 #include "RpmTestSupport.h"
 
@@ -39,9 +40,36 @@ Sig Kind(Sig s, const std::string& kind) {
     return s;
 }
 
+// An entry of a tag the classic writer leaves out (see policy-tags.vec): good, or bad (a digest of
+// other bytes, a signature by another issuer).
+Entry Added(const PackageOptions& o, uint32_t tag, const std::string& kind) {
+    const bool good = kind == "good";
+    const std::string header = Text(MainHeader()), data = good ? header : header + "x";
+    Sig signature;  // version 4, SHA-256, whatever the row did to the writer's own signatures
+    signature.issuer = good ? o.header.issuer : Bytes(8, 0x77);
+    const auto hex = [](const Bytes& bytes) {
+        std::string text, digits = "0123456789abcdef";
+        for (unsigned char c : bytes) text += digits[c >> 4], text += digits[c & 15];
+        return text;
+    };
+    switch (tag) {
+        case 273: return {273, 6, BytesOf(hex(HashOf(EVP_sha256(), data)))};
+        case 279: return {279, 6, BytesOf(hex(HashOf(EVP_sha3_256(), data)))};
+        case 267: return {267, 7, pgp::SignaturePacket(o.key, header, signature)};
+        case 1005: return {1005, 7, pgp::SignaturePacket(o.key, header + o.payload, signature)};
+        default: break;
+    }
+    // 278: the Base64 text of a signature packet over the header, in a string array.
+    const Bytes packet = pgp::SignaturePacket(o.key, header, signature);
+    std::string text(4 * ((packet.size() + 2) / 3) + 1, '\0');
+    EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&text[0]), packet.data(), static_cast<int>(packet.size()));
+    return {278, 8, BytesOf(text.c_str() + std::string(1, '\0')), 1u};
+}
+
 // The package a row's changes describe (see rpm-verdicts.vec).
-std::string Write(const std::string& changes) {
+std::string Write(const std::string& changes, const Bytes& issuer = Sig().issuer) {
     PackageOptions o;
+    o.header.issuer = issuer;
     Sig base = o.header;
     std::string header = "good", packages = "good", name, kind;
     uint32_t tag = 0, number = 0;
@@ -64,7 +92,16 @@ std::string Write(const std::string& changes) {
     }
     std::vector<Entry> entries = SignatureEntries(o);
     while (in >> name >> tag) {  // after ";": changes to the signature header's entries
-        EXPECT_TRUE(Known("flip upper longer shorter before after moved count", name)) << name;
+        EXPECT_TRUE(Known("flip upper longer shorter before after moved count add drop", name)) << name;
+        if (name == "add" && in >> kind) {
+            entries.push_back(Added(o, tag, kind));
+            continue;
+        }
+        if (name == "drop") {
+            entries.erase(std::remove_if(entries.begin(), entries.end(), [&](const Entry& e) { return e.tag == tag; }),
+                          entries.end());
+            continue;
+        }
         auto entry = std::find_if(entries.begin(), entries.end(), [&](const Entry& e) { return e.tag == tag; });
         Entry second = *entry;
         second.value[0] ^= 1;
@@ -96,6 +133,35 @@ TEST(RpmVerify, Verdicts) {
         temp.Write("p.rpm", Write(changes));
         if (expected.find('@') != std::string::npos) expected.replace(expected.find('@'), 1, path);
         EXPECT_EQ(Verify(path, key), expected) << changes;
+    }
+}
+
+// The tag table read under each policy (rows in tests/data/vectors/policy-tags.vec): the same
+// package, classic verdict then current one.
+TEST(RpmVerify, PolicyTagTable) {
+    TempFolder temp;
+    // Signatures name the key by its fingerprint's key ID, which the current policy matches.
+    const std::string id = OpenPgpKeyring::Parse(pgp::KeyBlock(TestKey(2048), Sig().issuer).data(),
+                                                 pgp::KeyBlock(TestKey(2048), Sig().issuer).size())
+                               .Keys()
+                               .front()
+                               .keyId;
+    Bytes issuer;
+    for (size_t i = 0; i < id.size(); i += 2) {
+        issuer.push_back(static_cast<unsigned char>(std::stoi(id.substr(i, 2), nullptr, 16)));
+    }
+    const std::string key = KeyFile(temp, issuer), path = temp / "p.rpm";
+    for (auto [changes, expected] : ReadVectors("policy-tags.vec").rows) {
+        temp.Write("p.rpm", Write(changes, issuer));
+        std::string verdicts;
+        for (const SigningPolicy policy : {SigningPolicy::Classic, SigningPolicy::Current}) {
+            RpmReport report;
+            RpmVerifyResult result = rpm_verify_report(path.c_str(), key.c_str(), report, policy);
+            verdicts += (verdicts.empty() ? "" : " || ") + std::to_string(result.status) +
+                        (report.detail.empty() ? "" : " " + report.detail);
+            std::free(result.message);
+        }
+        EXPECT_EQ(verdicts, expected) << changes;
     }
 }
 
