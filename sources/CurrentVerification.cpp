@@ -60,7 +60,9 @@ public:
         store.Skip(entry.offset);
         const uint32_t count = entry.type == 6 ? 1 : entry.count;
         for (uint32_t i = 0; i < count; ++i) {
-            const void* end = std::memchr(store.Here(), '\0', static_cast<size_t>(store.Remaining()));
+            const void* end = store.Remaining() == 0
+                                  ? nullptr
+                                  : std::memchr(store.Here(), '\0', static_cast<size_t>(store.Remaining()));
             if (end == nullptr)
                 throw DataFormatException(TagName(entry.tag) + ": the text is not terminated in the store");
             const size_t length = static_cast<size_t>(static_cast<const unsigned char*>(end) - store.Here());

@@ -102,8 +102,8 @@ const HeaderEntry* HeaderStructure::Find(uint32_t tag) const {
     return nullptr;
 }
 
-HeaderStructure ReadHeaderStructure(const PackageFile& file, uint64_t start, const HeaderBounds& bounds,
-                                    const char* section, const ReaderStyle& style) {
+HeaderStructure ReadStructureHeader(const PackageFile& file, uint64_t start, const char* section,
+                                    const ReaderStyle& style) {
     const std::string name(section);
     unsigned char intro[16];
     if (style.shortReadsAsZeros) {
@@ -119,6 +119,12 @@ HeaderStructure ReadHeaderStructure(const PackageFile& file, uint64_t start, con
     header.start = start;
     header.indexCount = counts.ReadUInt32();
     header.dataSize = counts.ReadUInt32();
+    return header;
+}
+
+void ReadStructureIndex(const PackageFile& file, HeaderStructure& header, const HeaderBounds& bounds,
+                        const char* section, const ReaderStyle& style) {
+    const std::string name(section);
     if (header.indexCount > bounds.maxEntries || header.dataSize > bounds.maxDataSize) {
         throw InvalidFileStructureException(
             name + ": " + SizeText(header.indexCount, header.dataSize) + " exceed what an RPM header may hold" +
@@ -129,7 +135,7 @@ HeaderStructure ReadHeaderStructure(const PackageFile& file, uint64_t start, con
                                             " do not fit in the file of " + std::to_string(file.Size()) + " bytes");
     }
     std::vector<unsigned char> index(16ull * header.indexCount);
-    if (file.Read(index.data(), index.size(), start + 16) != index.size()) {
+    if (file.Read(index.data(), index.size(), header.start + 16) != index.size()) {
         throw InvalidFileStructureException(name + ": the index and the store could not be read");
     }
     ByteCursor cursor(index.data(), index.size(), section);
@@ -140,6 +146,12 @@ HeaderStructure ReadHeaderStructure(const PackageFile& file, uint64_t start, con
         entry.offset = cursor.ReadUInt32();
         entry.count = cursor.ReadUInt32();
     }
+}
+
+HeaderStructure ReadHeaderStructure(const PackageFile& file, uint64_t start, const HeaderBounds& bounds,
+                                    const char* section, const ReaderStyle& style) {
+    HeaderStructure header = ReadStructureHeader(file, start, section, style);
+    ReadStructureIndex(file, header, bounds, section, style);
     return header;
 }
 
@@ -151,7 +163,14 @@ SignatureHeaderData ReadSignatureHeaderData(const PackageFile& file, const Reade
     if (file.Read(data.store.data(), data.store.size(), data.structure.StoreStart()) != data.store.size()) {
         throw InvalidFileStructureException("Signature section: the index and the store could not be read");
     }
-    if (data.structure.entries.empty() || data.structure.entries.front().tag != kRegionTag) {
+    // The first tag: the first entry's, or (read the way the classic reader reads it) the first four
+    // bytes after the structure header, which are the store's when the index is empty.
+    bool region = !data.structure.entries.empty() && data.structure.entries.front().tag == kRegionTag;
+    if (data.structure.entries.empty() && style.firstTagFromBuffer && data.store.size() >= 4) {
+        ByteCursor first(data.store.data(), data.store.size(), "RPM signature store");
+        region = first.ReadUInt32() == kRegionTag;
+    }
+    if (!region) {
         throw DataFormatException("RPM signature is expected to be the first header");
     }
     return data;

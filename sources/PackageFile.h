@@ -36,6 +36,10 @@ struct ReaderStyle {
     // Whether a header structure cut short by the end of the file reads as zeros (its magic then
     // is not found), or is refused as cut short.
     bool shortReadsAsZeros;
+    // Whether the signature header's first tag is the first four bytes after its structure header
+    // whatever the index holds (a store's, when the index is empty), or its first entry's (none
+    // when the index is empty).
+    bool firstTagFromBuffer;
 };
 
 // A package file opened for reading. A folder opens too: it has no descriptor and reads nothing.
@@ -107,6 +111,12 @@ struct HeaderStructure {
 // magic, its counts against bounds and the file, and its index.
 HeaderStructure ReadHeaderStructure(const PackageFile& file, uint64_t start, const HeaderBounds& bounds,
                                     const char* section, const ReaderStyle& style);
+// The same in two steps: the 16-byte structure header (its magic and counts), then the counts
+// against bounds and the file and the index.
+HeaderStructure ReadStructureHeader(const PackageFile& file, uint64_t start, const char* section,
+                                    const ReaderStyle& style);
+void ReadStructureIndex(const PackageFile& file, HeaderStructure& header, const HeaderBounds& bounds,
+                        const char* section, const ReaderStyle& style);
 
 // The signature header: its structure and its whole store (at most 64 MiB), the first entry
 // checked to be the header-signatures region (tag 62).

@@ -12,11 +12,12 @@ const ReaderStyle& ClassicReader() {
 }
 
 HeaderStructure ReadMainHeader(const PackageFile& file, uint64_t start) {
-    return ReadHeaderStructure(file, start, kMainHeaderBounds, "Header section", ClassicReader());
+    return ReadStructureHeader(file, start, "Header section", ClassicReader());
 }
 
-PackageDigests DigestPackage(const PackageFile& file, const HeaderStructure& main, soapWrap::HashAlgorithm hash,
+PackageDigests DigestPackage(const PackageFile& file, HeaderStructure main, soapWrap::HashAlgorithm hash,
                              const std::function<void(const char*, size_t)>& copy, bool signingDigests) {
+    ReadStructureIndex(file, main, kMainHeaderBounds, "Header section", ClassicReader());
     PackageDigests digests;
     digests.headerSha1 = std::make_unique<Digest>(soapWrap::Sha1);
     digests.headerSigned = std::make_unique<Digest>(hash);

@@ -18,12 +18,13 @@
 // How the classic verification reads a package (SigningPolicy.h).
 const ReaderStyle& ClassicReader();
 
-// The structure of the main header that starts at start, checked against its bounds and the file.
+// The structure header of the main header that starts at start (its magic and counts).
 HeaderStructure ReadMainHeader(const PackageFile& file, uint64_t start);
-// The main header and the payload, read once in blocks: the header through the header digests,
-// header and payload through the package digests in hash, each block handed to copy when given.
-// signingDigests adds the SHA-1 digests only the signing path reads.
-PackageDigests DigestPackage(const PackageFile& file, const HeaderStructure& main, soapWrap::HashAlgorithm hash,
+// The main header (its counts checked against its bounds and the file) and the payload, read once
+// in blocks: the header through the header digests, header and payload through the package digests
+// in hash, each block handed to copy when given. signingDigests adds the SHA-1 digests only the
+// signing path reads.
+PackageDigests DigestPackage(const PackageFile& file, HeaderStructure main, soapWrap::HashAlgorithm hash,
                              const std::function<void(const char*, size_t)>& copy, bool signingDigests);
 
 // The ProcessingResult of the package in input checked with the key of keys; any error becomes 5

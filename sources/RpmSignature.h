@@ -26,7 +26,7 @@ public:
         TagMd5 = SignatureHeader::TagMd5,
     };
     // The largest index the signature-header walk supports.
-    static const uint32_t MaxEntries = SignatureHeader::MaxEntries;
+    static constexpr uint32_t MaxEntries = SignatureHeader::MaxEntries;
 
     // entries: the index (header.indexCount entries) followed by the store (header.dataSize bytes),
     // with the counts of header already in host order. Throws DataFormatException when an entry

@@ -116,7 +116,8 @@ ByteCursor SignatureHeader::ValueFor(const TagRule& rule, const HeaderEntry& ent
     const void* end = nullptr;
     if (text.Has(entry.offset)) {
         text.Skip(entry.offset);
-        end = std::memchr(text.Here(), '\0', static_cast<size_t>(text.Remaining()));
+        // An empty store has no bytes to search (and may have no address).
+        end = text.Remaining() == 0 ? nullptr : std::memchr(text.Here(), '\0', static_cast<size_t>(text.Remaining()));
     }
     if (end == nullptr) {
         ValueOf(entry, 1);  // outside the store: says so

@@ -62,7 +62,7 @@ public:
         TagMd5 = 1004,               // MD5 of header and payload, 16 bytes
     };
     // The largest index the walk supports.
-    static const uint32_t MaxEntries = 255;
+    static constexpr uint32_t MaxEntries = 255;
 
     // entries: the index (header.indexCount entries) followed by the store (header.dataSize bytes),
     // with the counts of header already in host order. Throws DataFormatException when an entry

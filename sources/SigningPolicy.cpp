@@ -51,8 +51,8 @@ namespace {
 // in 64 bits without a limit; a refused header size is given alone; a header structure cut short is
 // refused as such.
 const VerificationPolicy kPolicies[] = {
-    {SigningPolicy::Classic, "classic", ReaderStyle{0x7FFFFFFF, true, true}, &SignatureTagRow::classic, true, true},
-    {SigningPolicy::Current, "current", ReaderStyle{0, false, false}, &SignatureTagRow::current, false, false},
+    {SigningPolicy::Classic, "classic", ReaderStyle{0x7FFFFFFF, true, true, true}, &SignatureTagRow::classic, true, true},
+    {SigningPolicy::Current, "current", ReaderStyle{0, false, false, false}, &SignatureTagRow::current, false, false},
 };
 
 }  // namespace
