@@ -20,7 +20,7 @@
 #include "ProcessingResult.h"
 #include "RpmPackage.h"
 #include "SigningPolicy.h"
-#include "Verdict.h"
+#include "Evaluation.h"
 
 namespace {
 
@@ -210,15 +210,7 @@ public:
         ReadSignatureHeader(signatures);
         ReadMainHeader(main);
         Digest(main);
-        Verdict verdict(message, checks, PolicyOf(SigningPolicy::Current).firstFailureStops);
-        if (version6_ && laterTags_) {
-            verdict.Fail(ResultInvalidStructure, "A version 6 package holds signature tags above 999");
-        }
-        CheckSignatures(verdict, true);
-        CheckDigests(verdict);
-        CheckSignatures(verdict, false);
-        if (!verdict.Decided()) CheckCoverage(verdict);
-        return verdict.Result();
+        return EvaluatePackage(PolicyOf(SigningPolicy::Current), Findings(), message, checks);
     }
 
 private:
@@ -342,95 +334,54 @@ private:
         return *keys_;
     }
 
-    void CheckSignatures(Verdict& verdict, bool header) {
-        bool any = false, anyGood = false, openPgp = false;
-        std::string firstFailure;
-        for (const SignatureEntry& signature : signatures_) {
-            if (signature.header != header) continue;
-            any = true;
-            openPgp = openPgp || signature.tag == kOpenPgp;
-            const RpmCheck::Kind kind = header ? RpmCheck::HeaderSignature : RpmCheck::PackageSignature;
-            std::string reason = signature.unreadable;
-            SignatureVerdict result = SignatureVerdict::Bad;
-            if (reason.empty()) {
-                const auto hash = (header ? headerHashes_ : packageHashes_).find(signature.packet.hashAlgorithm);
-                if (hash == (header ? headerHashes_ : packageHashes_).end()) {
-                    reason =
-                        "the hash algorithm " + OpenPgpHashName(signature.packet.hashAlgorithm) + " is not supported";
-                } else {
-                    result = VerifyOpenPgpSignature(signature.packet, hash->second->Context(), Keys(), reason);
-                }
-            }
-            const RpmCheck::State state = result == SignatureVerdict::Ok      ? RpmCheck::Ok
-                                          : result == SignatureVerdict::NoKey ? RpmCheck::NoKey
-                                                                              : RpmCheck::Bad;
-            verdict.Record(RpmCheck{kind, state, SignatureLabel(signature), result == SignatureVerdict::Ok ? "" : reason,
-                           signature.packet.issuer});
-            anyGood = anyGood || result == SignatureVerdict::Ok;
-            if (result != SignatureVerdict::Ok && firstFailure.empty()) firstFailure = reason;
+    // A signature's check: unreadable, in a hash the package was not hashed in, or verified with the
+    // keys of the key file (read at the first check).
+    SignatureOutcome Check(const SignatureEntry& signature) {
+        if (!signature.unreadable.empty()) return SignatureOutcome{RpmCheck::Bad, ResultInvalidSignature, signature.unreadable};
+        const Hashes& hashes = signature.header ? headerHashes_ : packageHashes_;
+        const auto hash = hashes.find(signature.packet.hashAlgorithm);
+        if (hash == hashes.end()) {
+            return SignatureOutcome{
+                RpmCheck::Bad, ResultInvalidSignature,
+                "the hash algorithm " + OpenPgpHashName(signature.packet.hashAlgorithm) + " is not supported"};
         }
-        if (header) headerSigned_ = any && (openPgp ? anyGood : firstFailure.empty());
-        if (!header) packageSigned_ = any && firstFailure.empty();
-        // Every signature must verify; of rpm 6's tag 278, any one.
-        const bool failed = any && (openPgp ? !anyGood : !firstFailure.empty());
-        if (failed)
-            pendingSignatureFailure_ = pendingSignatureFailure_.empty() ? firstFailure : pendingSignatureFailure_;
-        if (!header) {
-            if (!any) {
-                verdict.Record(RpmCheck{RpmCheck::PackageSignature, RpmCheck::NotFound, "Header and payload signature", "", ""});
-            }
-            if (!pendingSignatureFailure_.empty()) deferredFailure_ = true;
-        } else if (!any) {
-            verdict.Record(RpmCheck{RpmCheck::HeaderSignature, RpmCheck::NotFound, "Header signature", "", ""});
+        std::string reason;
+        switch (VerifyOpenPgpSignature(signature.packet, hash->second->Context(), Keys(), reason)) {
+            case SignatureVerdict::Ok: return SignatureOutcome{RpmCheck::Ok, ResultSigned, ""};
+            case SignatureVerdict::NoKey: return SignatureOutcome{RpmCheck::NoKey, ResultInvalidSignature, reason};
+            default: return SignatureOutcome{RpmCheck::Bad, ResultInvalidSignature, reason};
         }
     }
 
-    void CheckDigest(Verdict& verdict, RpmCheck::Kind kind, const std::string& label, const std::string& expected,
-                     const std::string& computed) {
-        const bool good = expected == computed;
-        verdict.Record(RpmCheck{kind, good ? RpmCheck::Ok : RpmCheck::Bad, label,
-                       good ? "" : "Expected " + expected + " != " + computed, ""});
-        if (!good) verdict.Fail(ResultInvalidHash, "Invalid value of " + label);
-    }
-
-    void CheckDigests(Verdict& verdict) {
+    // What the current verification finds: the digests the package carries against those computed,
+    // the signatures it reads (header signatures first), and its structure's fault.
+    PackageFindings Findings() {
+        PackageFindings findings;
+        findings.structureFault = version6_ && laterTags_;
         for (const auto& digest : headerDigests_) {
-            const std::string label = "Header " + OpenPgpHashName(digest.first) + " digest";
-            CheckDigest(verdict, digest.first == PgpHashSha1 ? RpmCheck::HeaderSha1 : RpmCheck::HeaderDigest, label,
-                        digest.second, headerHashes_.at(digest.first)->HexValue());
+            findings.headerDigests.push_back(DigestFinding{
+                digest.first == PgpHashSha1 ? RpmCheck::HeaderSha1 : RpmCheck::HeaderDigest,
+                "Header " + OpenPgpHashName(digest.first) + " digest", true, true, digest.second,
+                headerHashes_.at(digest.first)->HexValue()});
         }
         for (const PayloadDigest& digest : payloadDigests_) {
             const auto hash = payloadHashes_.find(digest.id);
-            if (hash == payloadHashes_.end()) {
-                verdict.Record(RpmCheck{RpmCheck::PayloadDigest, RpmCheck::Bad, digest.label, "the algorithm is not supported",
-                               ""});
-                verdict.Fail(ResultInvalidHash, "Unsupported algorithm of the " + digest.label);
-                continue;
-            }
-            CheckDigest(verdict, RpmCheck::PayloadDigest, digest.label, digest.expected, hash->second->HexValue());
+            findings.payloadDigests.push_back(DigestFinding{RpmCheck::PayloadDigest, digest.label, true,
+                                                            hash != payloadHashes_.end(), digest.expected,
+                                                            hash != payloadHashes_.end() ? hash->second->HexValue() : ""});
         }
-        if (!md5_.empty()) CheckDigest(verdict, RpmCheck::Md5, "MD5 digest", md5_, packageHashes_.at(1)->HexValue());
-    }
-
-    void CheckCoverage(Verdict& verdict) {
-        if (deferredFailure_) {
-            verdict.Fail(ResultInvalidSignature, "PGP signature is not valid: " + pendingSignatureFailure_);
-            return;
+        findings.md5.present = !md5_.empty();
+        findings.md5.expected = md5_;
+        if (findings.md5.present) findings.md5.value = packageHashes_.at(PgpHashMd5)->HexValue();
+        for (const SignatureEntry& signature : signatures_) {
+            const RpmCheck::Kind kind = signature.header ? RpmCheck::HeaderSignature : RpmCheck::PackageSignature;
+            SignatureFinding finding{signature.tag, RpmCheck{kind, RpmCheck::Ok, SignatureLabel(signature), "",
+                                                             signature.packet.issuer},
+                                     [this, &signature](std::string&) { return Check(signature); }};
+            (signature.header ? findings.headerSignatures : findings.packageSignatures).push_back(std::move(finding));
         }
-        if (!headerSigned_ && !packageSigned_) {
-            verdict.Fail(ResultNotSigned, "The package holds no signature");
-            return;
-        }
-        if (payloadLength_ == 0) {
-            verdict.Fail(ResultInvalidHash, "The package has no payload");
-            return;
-        }
-        // A header signature covers the payload through the payload digest that the main header
-        // holds; without one only a signature over header and payload does.
-        if (!packageSigned_ && payloadDigests_.empty()) {
-            verdict.Fail(ResultHeaderOnlySigned,
-                         "The package is signed over its header only, and its header holds no payload digest");
-        }
+        findings.payloadLength = payloadLength_;
+        return findings;
     }
 
     struct PayloadDigest {
@@ -451,8 +402,6 @@ private:
     Hashes headerHashes_, packageHashes_, payloadHashes_;
     uint64_t payloadLength_ = 0;
     bool version6_ = false, laterTags_ = false;
-    bool headerSigned_ = false, packageSigned_ = false, deferredFailure_ = false;
-    std::string pendingSignatureFailure_;
 };
 
 }  // namespace

@@ -10,7 +10,7 @@
 #include "PgpVerification.h"
 #include "ProcessingResult.h"
 #include "SigningPolicy.h"
-#include "Verdict.h"
+#include "Evaluation.h"
 
 namespace {
 
@@ -217,10 +217,6 @@ std::string HexOf(const unsigned char* bytes, unsigned int length) {
     return Base::DumpBufferToString(bytes, length, false);
 }
 
-std::string Mismatch(const std::string& expected, const std::string& computed) {
-    return "Expected " + expected + " != " + computed;
-}
-
 // "RSA/SHA256" in the manner of rpmkeys: the public-key and hash algorithms of a signature packet.
 std::string AlgorithmsOf(const PgpSignatureData& data) {
     const bool classic = PolicyOf(SigningPolicy::Classic).classicAlgorithms;
@@ -244,102 +240,51 @@ int SignatureHeader::Evaluate(KeySource& keys, const PackageDigests& digests, st
     if (digests.headerSha1 == nullptr || digests.packageMd5 == nullptr) {
         throw NotDefinedException("The package digests have not been computed.");
     }
-    Verdict evaluation(message, checks, PolicyOf(SigningPolicy::Classic).firstFailureStops);
-    if (CheckHeaderDigest(evaluation, digests) && CheckPackageDigest(evaluation, digests) &&
-        CheckHeaderSignature(evaluation, keys, digests)) {
-        CheckPackageSignatures(evaluation, keys, digests);
-    }
-    return evaluation.Result();
+    return EvaluatePackage(PolicyOf(SigningPolicy::Classic), Findings(keys, digests), message, checks);
 }
 
-bool SignatureHeader::CheckHeaderDigest(Verdict& evaluation, const PackageDigests& digests) const {
-    // The SHA-1 of the main header, as lower-case hexadecimal text. A copy is finished so that the
-    // digest itself stays open.
-    std::unique_ptr<DigestBase> copy(digests.headerSha1->Copy());
-    const std::string sha1 = HexOf(copy->GetValue(), copy->GetLength());
-    const bool good = sha1_ != nullptr && sha1 == sha1_;
-    evaluation.Record(RpmCheck{RpmCheck::HeaderSha1,
-                       good               ? RpmCheck::Ok
-                       : sha1_ == nullptr ? RpmCheck::NotFound
-                                          : RpmCheck::Bad,
-                       "Header SHA1 digest", good || sha1_ == nullptr ? "" : Mismatch(sha1_, sha1), ""});
-    return good || evaluation.Fail(ResultInvalidHash, "Invalid value of SHA1 header hash");
+namespace {
+
+// The value of a digest, finished on a copy so that the digest itself stays open.
+std::string ComputedValue(const DigestBase& digest) {
+    std::unique_ptr<DigestBase> copy(digest.Copy());
+    return HexOf(copy->GetValue(), copy->GetLength());
 }
 
-bool SignatureHeader::CheckPackageDigest(Verdict& evaluation, const PackageDigests& digests) const {
-    // With nothing after the main header, the digest of header and payload is the digest of the
-    // header alone, and a signature over the header would pass for one over the whole package.
-    // A package always carries a payload.
-    const bool noPayload = digests.payloadLength == 0;
-    if (noPayload && !evaluation.Fail(ResultInvalidHash, "The package has no payload")) {
-        return false;
-    }
-    std::unique_ptr<DigestBase> packageMd5(digests.packageMd5->Copy());
-    const std::string md5 = HexOf(packageMd5->GetValue(), packageMd5->GetLength());
-    const bool good = md5_ != nullptr && std::memcmp(packageMd5->GetValue(), md5_, packageMd5->GetLength()) == 0;
-    std::string reason;
-    if (noPayload) {
-        reason = "The package has no payload";
-    } else if (!good && md5_ != nullptr) {
-        reason = Mismatch(HexOf(md5_, packageMd5->GetLength()), md5);
-    }
-    evaluation.Record(RpmCheck{RpmCheck::Md5,
-                       good && !noPayload ? RpmCheck::Ok
-                       : md5_ == nullptr  ? RpmCheck::NotFound
-                                          : RpmCheck::Bad,
-                       "MD5 digest", reason, ""});
-    return good || evaluation.Fail(ResultInvalidHash, "Invalid value of MD5 hash");
+}  // namespace
+
+SignatureFinding SignatureHeader::Finding(RpmCheck::Kind kind, const PgpSignatureData& signature, KeySource& keys,
+                                          const DigestBase* digest) {
+    // While the verdict is open the check's text goes into the verdict's message.
+    const auto check = [&signature, &keys, digest](std::string& text) {
+        SignatureOutcome outcome{RpmCheck::Ok, ResultSigned, ""};
+        outcome.result = CheckSignature(signature, keys, digest, text, &outcome.reason);
+        if (outcome.result != ResultSigned) outcome.state = RpmCheck::Bad;
+        return outcome;
+    };
+    return SignatureFinding{kind == RpmCheck::HeaderSignature ? TagHeaderSignature : TagPackageSignature,
+                            SignatureCheck(kind, signature), check};
 }
 
-// One signature check: while the verdict is open its text goes into the verdict's message. An
-// exception ends the evaluation unless the verdict was already decided.
-int SignatureHeader::CheckRecorded(Verdict& evaluation, KeySource& keys, RpmCheck::Kind kind,
-                                   const PgpSignatureData& signature, const DigestBase* digest) const {
-    RpmCheck check = SignatureCheck(kind, signature);
-    int result = ResultInternalError;
-    try {
-        result = CheckSignature(signature, keys, digest, evaluation.Text(), &check.reason);
-    } catch (const std::exception& e) {
-        check.state = RpmCheck::Bad;
-        check.reason = e.what();
-        evaluation.Record(std::move(check));
-        if (!evaluation.Decided()) throw;
-        return ResultInternalError;
+// What the classic verification finds: the SHA-1 text of the main header, the MD5 of header and
+// payload (both compared with the digests as computed), the last header signature and every
+// signature over header and payload.
+PackageFindings SignatureHeader::Findings(KeySource& keys, const PackageDigests& digests) const {
+    PackageFindings findings;
+    findings.headerDigests.push_back(DigestFinding{RpmCheck::HeaderSha1, "Header SHA1 digest", sha1_ != nullptr, true,
+                                                   sha1_ != nullptr ? sha1_ : "", ComputedValue(*digests.headerSha1)});
+    const std::string md5 = ComputedValue(*digests.packageMd5);
+    findings.md5.present = md5_ != nullptr;
+    findings.md5.expected = md5_ != nullptr ? HexOf(md5_, static_cast<unsigned int>(md5.size() / 2)) : "";
+    findings.md5.value = md5;
+    if (const PgpSignatureData* signature = HeaderSignature()) {
+        findings.headerSignatures.push_back(
+            Finding(RpmCheck::HeaderSignature, *signature, keys, digests.headerSigned.get()));
     }
-    if (result != ResultSigned) check.state = RpmCheck::Bad;
-    evaluation.Record(std::move(check));
-    return result;
-}
-
-bool SignatureHeader::CheckHeaderSignature(Verdict& evaluation, KeySource& keys,
-                                           const PackageDigests& digests) const {
-    const PgpSignatureData* signature = HeaderSignature();
-    if (signature == nullptr) {
-        evaluation.Record(RpmCheck{RpmCheck::HeaderSignature, RpmCheck::NotFound, "Header signature", "", ""});
-        return evaluation.Fail(ResultNotSigned, nullptr);
-    }
-    const int result =
-        CheckRecorded(evaluation, keys, RpmCheck::HeaderSignature, *signature, digests.headerSigned.get());
-    return result == ResultSigned || evaluation.Fail(result, nullptr);
-}
-
-void SignatureHeader::CheckPackageSignatures(Verdict& evaluation, KeySource& keys,
-                                             const PackageDigests& digests) const {
-    if (packageSignatures_.empty()) {
-        evaluation.Record(RpmCheck{RpmCheck::PackageSignature, RpmCheck::NotFound, "Header and payload signature", "", ""});
-        evaluation.Fail(ResultHeaderOnlySigned,
-                        "The package does not contain PGP signature over its header and payload.");
-        return;
-    }
-    // Every signature is checked; any one valid signature makes the package valid.
-    bool anyValid = false;
     for (const PgpSignatureData* signature : packageSignatures_) {
-        anyValid = CheckRecorded(evaluation, keys, RpmCheck::PackageSignature, *signature,
-                                 digests.packageSigned.get()) == ResultSigned ||
-                   anyValid;
+        findings.packageSignatures.push_back(
+            Finding(RpmCheck::PackageSignature, *signature, keys, digests.packageSigned.get()));
     }
-    if (!anyValid && !evaluation.Decided()) {
-        evaluation.Text() = "PGP signature is not valid: " + evaluation.Text();
-        evaluation.Fail(ResultInvalidSignature, nullptr);
-    }
+    findings.payloadLength = digests.payloadLength;
+    return findings;
 }

@@ -13,6 +13,7 @@
 
 #include "ByteCursor.h"
 #include "DigestBase.h"
+#include "Evaluation.h"
 #include "PackageFile.h"
 #include "PgpKey.h"
 #include "PgpMessage.h"
@@ -101,12 +102,10 @@ public:
                               std::string& message, std::string* reason);
 
 private:
-    bool CheckHeaderDigest(class Verdict& evaluation, const PackageDigests& digests) const;
-    bool CheckPackageDigest(class Verdict& evaluation, const PackageDigests& digests) const;
-    int CheckRecorded(class Verdict& evaluation, KeySource& keys, RpmCheck::Kind kind, const PgpSignatureData& signature,
-                      const DigestBase* digest) const;
-    bool CheckHeaderSignature(class Verdict& evaluation, KeySource& keys, const PackageDigests& digests) const;
-    void CheckPackageSignatures(class Verdict& evaluation, KeySource& keys, const PackageDigests& digests) const;
+    // What the evaluation reads: the digests against the values the header holds, and the signatures.
+    PackageFindings Findings(KeySource& keys, const PackageDigests& digests) const;
+    static SignatureFinding Finding(RpmCheck::Kind kind, const PgpSignatureData& signature, KeySource& keys,
+                                    const DigestBase* digest);
 
     // How the index walk takes the value of a tag the classic policy reads (SignatureHeader.cpp).
     struct TagRule;

@@ -1,6 +1,7 @@
 #include "SigningPolicy.h"
 
 #include "PgpPacket.h"
+#include "ProcessingResult.h"
 
 namespace {
 
@@ -46,13 +47,33 @@ const size_t kPayloadDigestCount = sizeof kPayloadDigests / sizeof kPayloadDiges
 
 namespace {
 
+const EvaluationStep kClassicSteps[] = {EvaluationStep::HeaderDigests, EvaluationStep::Md5,
+                                       EvaluationStep::HeaderSignatures, EvaluationStep::PackageSignatures};
+const EvaluationStep kCurrentSteps[] = {EvaluationStep::Structure,      EvaluationStep::HeaderSignatures,
+                                        EvaluationStep::HeaderDigests,  EvaluationStep::PayloadDigests,
+                                        EvaluationStep::Md5,            EvaluationStep::PackageSignatures,
+                                        EvaluationStep::Coverage};
+
 // The classic reader: a 32-bit size, as a 32-bit stat() refuses a file of 2 GiB or more; a refused
-// header size names its bounds; a header structure cut short reads as zeros. The current one: sizes
-// in 64 bits without a limit; a refused header size is given alone; a header structure cut short is
-// refused as such.
+// header size names its bounds; a header structure cut short reads as zeros; the first tag is read
+// from the buffer. The current one: sizes in 64 bits without a limit; a refused header size is given
+// alone; a header structure cut short is refused as such; the first tag is the first entry's.
 const VerificationPolicy kPolicies[] = {
-    {SigningPolicy::Classic, "classic", ReaderStyle{0x7FFFFFFF, true, true, true}, &SignatureTagRow::classic, true, true},
-    {SigningPolicy::Current, "current", ReaderStyle{0, false, false, false}, &SignatureTagRow::current, false, false},
+    {SigningPolicy::Classic, "classic", ReaderStyle{0x7FFFFFFF, true, true, true}, &SignatureTagRow::classic, true,
+     true, kClassicSteps, sizeof kClassicSteps / sizeof kClassicSteps[0], true, "Invalid value of SHA1 header hash",
+     "Invalid value of MD5 hash", true,
+     // The header signature decides at once; a missing one leaves the package "not signed".
+     SignatureRule{ResultNotSigned, nullptr, false, false, false, ""},
+     // Of the signatures over header and payload any one will do; without one the package is signed
+     // over its header only.
+     SignatureRule{ResultHeaderOnlySigned, "The package does not contain PGP signature over its header and payload.",
+                   true, false, false, "PGP signature is not valid: "},
+     true},
+    {SigningPolicy::Current, "current", ReaderStyle{0, false, false, false}, &SignatureTagRow::current, false, false,
+     kCurrentSteps, sizeof kCurrentSteps / sizeof kCurrentSteps[0], false, nullptr, nullptr, false,
+     // Every signature must verify (of rpm 6's tag 278, any one); the coverage step judges.
+     SignatureRule{ResultSigned, nullptr, false, true, true, "PGP signature is not valid: "},
+     SignatureRule{ResultSigned, nullptr, false, true, true, "PGP signature is not valid: "}, false},
 };
 
 }  // namespace

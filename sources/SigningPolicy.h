@@ -50,6 +50,33 @@ struct PayloadDigestRow {
 extern const PayloadDigestRow kPayloadDigests[];
 extern const size_t kPayloadDigestCount;
 
+// The steps of a package's evaluation (Evaluation.h), in the order a policy lists them.
+enum class EvaluationStep {
+    Structure,          // the package's structure as the policy holds it
+    HeaderDigests,      // the digests of the main header
+    PayloadDigests,     // the payload digests that the main header holds
+    Md5,                // the MD5 digest of main header and payload
+    HeaderSignatures,   // the signatures over the main header
+    PackageSignatures,  // the signatures over main header and payload
+    Coverage,           // what the signatures that verified cover
+};
+
+// How a group of signatures (over the header, or over header and payload) is judged.
+struct SignatureRule {
+    // The verdict when the group holds none (ResultSigned: none, the coverage step judges), and its
+    // message (null: the message so far stays).
+    int missing;
+    const char* missingMessage;
+    // Whether one good signature is enough, always or when the group holds a tag-278 signature; else
+    // every signature must verify.
+    bool anyOne;
+    bool anyOneWithBase64;
+    // Whether a failure waits for the coverage step; else it decides at once, with this prefix
+    // before the checks' own text.
+    bool deferred;
+    const char* failurePrefix;
+};
+
 struct VerificationPolicy {
     SigningPolicy id;
     const char* name;
@@ -62,5 +89,20 @@ struct VerificationPolicy {
     // or every check is made all the same (current: a key file that cannot be read is then told
     // whatever failed before).
     bool firstFailureStops;
+    // The steps of the evaluation, in order.
+    const EvaluationStep* steps;
+    size_t stepCount;
+    // Whether a missing SHA-1 or MD5 digest fails the package (classic), and the messages of those
+    // that do not match (null: "Invalid value of " and the check's label).
+    bool digestsRequired;
+    const char* sha1Failure;
+    const char* md5Failure;
+    // Whether the package without payload is told with the MD5 check (classic), or by coverage.
+    bool payloadWithMd5;
+    SignatureRule headerSignatures;
+    SignatureRule packageSignatures;
+    // Whether a signature check that throws is recorded and ends the evaluation only while the
+    // verdict is open (classic), or ends it whatever was decided.
+    bool checkErrorsRecorded;
 };
 const VerificationPolicy& PolicyOf(SigningPolicy policy);

@@ -1,0 +1,56 @@
+#pragma once
+// The verdict of a package from what a verification found in it: one fold for both policies. What a
+// policy reads makes the findings (RpmPackage.h for the classic policy, CurrentVerification.h for
+// the current one); the steps of the fold, their order and their rules are the policy's values
+// (SigningPolicy.h).
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "RpmCheck.h"
+#include "SigningPolicy.h"
+
+// A digest that the package carries, and the one computed over the same bytes (lower-case
+// hexadecimal, both).
+struct DigestFinding {
+    RpmCheck::Kind kind;
+    std::string label;  // "Header SHA1 digest"
+    bool present;       // the package carries it
+    bool computed;      // the module computed it (an algorithm it knows)
+    std::string expected;
+    std::string value;
+};
+
+// How one signature check went: Ok, Bad or NoKey, its ProcessingResult (ResultSigned when good), and
+// why it failed.
+struct SignatureOutcome {
+    RpmCheck::State state;
+    int result;
+    std::string reason;
+};
+
+// A signature that the package carries: its tag, its record (kind, label and key ID), and its check,
+// which reads the key file at its first call and may throw. The check adds to text what the classic
+// check adds to the verdict's message while the verdict is open.
+struct SignatureFinding {
+    uint32_t tag;
+    RpmCheck record;
+    std::function<SignatureOutcome(std::string& text)> check;
+};
+
+struct PackageFindings {
+    bool structureFault = false;  // a version 6 package that holds signature tags above 999
+    std::vector<DigestFinding> headerDigests;
+    std::vector<DigestFinding> payloadDigests;
+    DigestFinding md5{RpmCheck::Md5, "MD5 digest", false, true, "", ""};
+    std::vector<SignatureFinding> headerSignatures;
+    std::vector<SignatureFinding> packageSignatures;
+    uint64_t payloadLength = 0;  // bytes after the main header
+};
+
+// The ProcessingResult of the findings under policy, with the reason in message; with checks, every
+// check made is recorded. Throws what a signature check throws while the verdict is open (under a
+// policy whose check errors are not recorded, whenever it throws).
+int EvaluatePackage(const VerificationPolicy& policy, const PackageFindings& findings, std::string& message,
+                    std::vector<RpmCheck>* checks);
