@@ -9,7 +9,9 @@
 #include <map>
 #include <memory>
 
+#include "Base.h"
 #include "ByteCursor.h"
+#include "OpenPgpPackets.h"
 #include "DigestPipeline.h"
 #include "Exceptions.h"
 #include "FileHelper.h"
@@ -109,22 +111,6 @@ uint32_t MainInt32(const PackageFile& file, const HeaderStructure& header, const
     return (uint32_t(bytes[0]) << 24) | (uint32_t(bytes[1]) << 16) | (uint32_t(bytes[2]) << 8) | bytes[3];
 }
 
-std::vector<unsigned char> Base64Decode(const std::string& text) {
-    std::vector<unsigned char> bytes(text.size() / 4 * 3 + 3);
-    const std::unique_ptr<EVP_ENCODE_CTX, decltype(&EVP_ENCODE_CTX_free)> context(EVP_ENCODE_CTX_new(),
-                                                                                  &EVP_ENCODE_CTX_free);
-    int length = 0, last = 0;
-    EVP_DecodeInit(context.get());
-    if (!context ||
-        EVP_DecodeUpdate(context.get(), bytes.data(), &length, reinterpret_cast<const unsigned char*>(text.data()),
-                         static_cast<int>(text.size())) < 0 ||
-        EVP_DecodeFinal(context.get(), bytes.data() + length, &last) != 1) {
-        throw DataFormatException("RPM tag 278: a signature's Base64 text is damaged");
-    }
-    bytes.resize(static_cast<size_t>(length) + static_cast<size_t>(last));
-    return bytes;
-}
-
 // A digest in the making, with the OpenPGP id of its algorithm.
 class Hash {
 public:
@@ -151,13 +137,7 @@ public:
             EVP_DigestFinal_ex(copy.get(), value, &length) != 1) {
             throw InternalErrorException("A digest could not be finished");
         }
-        static const char kDigits[] = "0123456789abcdef";
-        std::string text;
-        for (unsigned int i = 0; i < length; ++i) {
-            text += kDigits[value[i] >> 4];
-            text += kDigits[value[i] & 0x0F];
-        }
-        return text;
+        return Base::DumpBufferToString(value, length, false);
     }
 
 private:
@@ -255,7 +235,7 @@ private:
                     std::vector<unsigned char> bytes;
                     std::string unreadable;
                     try {
-                        bytes = Base64Decode(text);
+                        bytes = DecodeBase64(text, "RPM tag 278: a signature's Base64 text is damaged");
                     } catch (const DataFormatException& e) {
                         unreadable = e.what();
                     }
@@ -267,11 +247,7 @@ private:
             case TagMeaning::PackageMd5: {
                 if (entry.count != 16) throw DataFormatException("RPM tag 1004: an MD5 digest takes 16 bytes");
                 const ByteCursor value = store.Binary(entry);
-                static const char kDigits[] = "0123456789abcdef";
-                for (uint64_t i = 0; i < value.Size(); ++i) {
-                    md5_ += kDigits[value.Here()[i] >> 4];
-                    md5_ += kDigits[value.Here()[i] & 0x0F];
-                }
+                md5_ += Base::DumpBufferToString(value.Here(), value.Size(), false);  // a second entry adds to it
                 break;
             }
         }

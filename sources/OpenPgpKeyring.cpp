@@ -4,8 +4,10 @@
 #include <openssl/rsa.h>
 
 #include <algorithm>
+#include <functional>
 #include <cstring>
 
+#include "Base.h"
 #include "ByteCursor.h"
 #include "Exceptions.h"
 #include "OpenPgpPackets.h"
@@ -190,17 +192,7 @@ std::vector<unsigned char> DecodeArmor(const std::string& block) {
             body += lines[line];
         }
     }
-    std::vector<unsigned char> decoded(body.size() / 4 * 3 + 3);
-    const std::unique_ptr<EVP_ENCODE_CTX, decltype(&EVP_ENCODE_CTX_free)> context(EVP_ENCODE_CTX_new(),
-                                                                                  &EVP_ENCODE_CTX_free);
-    int length = 0, last = 0;
-    EVP_DecodeInit(context.get());
-    if (EVP_DecodeUpdate(context.get(), decoded.data(), &length, reinterpret_cast<const unsigned char*>(body.data()),
-                         static_cast<int>(body.size())) < 0 ||
-        EVP_DecodeFinal(context.get(), decoded.data() + length, &last) != 1) {
-        throw DataFormatException("The armor's Base64 text is damaged");
-    }
-    decoded.resize(static_cast<size_t>(length) + static_cast<size_t>(last));
+    const std::vector<unsigned char> decoded = DecodeBase64(body, "The armor's Base64 text is damaged");
     if (!checksum.empty()) {
         unsigned char crc[4] = {};
         if (checksum.size() != 4 ||
@@ -246,7 +238,7 @@ void ReadV3Fields(ByteCursor& body, OpenPgpSignature& signature) {
     signature.trailer.assign(body.Here(), body.Here() + 5);
     signature.type = body.ReadUInt8();
     body.Skip(4);
-    signature.issuer = HexText(body.Peek(8), 8);
+    signature.issuer = Base::DumpBufferToString(body.Peek(8), 8, true);
     body.Skip(8);
     signature.publicKeyAlgorithm = body.ReadUInt8();
     signature.hashAlgorithm = body.ReadUInt8();
@@ -255,17 +247,13 @@ void ReadV3Fields(ByteCursor& body, OpenPgpSignature& signature) {
 // The subpackets of one area: the issuer (16, or the fingerprint's low octets from 33, kept in
 // fingerprintIssuer), and critical subpackets the reader does not act on, which make the signature
 // invalid (RFC 4880, 5.2.3.1) when they are hashed: those are the signer's.
-void ReadSubpackets(ByteCursor& area, bool hashed, OpenPgpSignature& signature, std::string& fingerprintIssuer) {
-    while (area.Remaining() > 0) {
-        const uint32_t length = ReadSubpacketLength(area, "Signature subpacket");
-        if (length == 0) throw DataFormatException("Signature subpacket of length 0");
-        ByteCursor subpacket = area.Take(length, "Signature subpacket");
-        const uint8_t type = subpacket.ReadUInt8();
+void ReadSubpackets(const ByteCursor& area, bool hashed, OpenPgpSignature& signature, std::string& fingerprintIssuer) {
+    ForEachSubpacket(area, [&](uint8_t type, ByteCursor subpacket) {
         const unsigned int kind = type & 0x7Fu;
         if (kind == 16 && subpacket.Remaining() == 8) {
-            signature.issuer = HexText(subpacket.Here(), 8);
+            signature.issuer = Base::DumpBufferToString(subpacket.Here(), 8, true);
         } else if (kind == 33 && subpacket.Remaining() == 21 && subpacket.Here()[0] == 4) {
-            fingerprintIssuer = HexText(subpacket.Here() + 13, 8);
+            fingerprintIssuer = Base::DumpBufferToString(subpacket.Here() + 13, 8, true);
         }
         const bool understood = kind == 2 || kind == 3 || kind == 9 || kind == 11 || kind == 16 || kind == 21 ||
                                 kind == 22 || kind == 23 || kind == 25 || kind == 27 || kind == 30 || kind == 32 ||
@@ -273,7 +261,8 @@ void ReadSubpackets(ByteCursor& area, bool hashed, OpenPgpSignature& signature, 
         if ((type & 0x80) != 0 && !understood && hashed) {
             signature.flaw = "it holds a critical subpacket of type " + std::to_string(kind) + " that is not understood";
         }
-    }
+        return true;
+    });
 }
 
 // Version 4: type, algorithms, the hashed and unhashed areas; data is the body from its version.
@@ -344,18 +333,29 @@ OpenPgpKeyring OpenPgpKeyring::ReadFile(const std::string& path) {
     return Parse(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
 }
 
-OpenPgpKeyring OpenPgpKeyring::Parse(const unsigned char* data, uint64_t size) {
-    OpenPgpKeyring keyring;
+namespace {
+
+// Hands block each binary key block of a key file's bytes in turn: the bytes as they are when they
+// hold no armor, else every armored block, decoded.
+void ForEachKeyBlock(const unsigned char* data, uint64_t size,
+                     const std::function<void(const unsigned char* block, uint64_t size)>& block) {
     const std::string text(reinterpret_cast<const char*>(data), static_cast<size_t>(size));
-    if (text.find(kBegin) == std::string::npos) {
-        keyring.ParseBlock(data, size);
-    }
+    if (text.find(kBegin) == std::string::npos) block(data, size);
     for (size_t begin = text.find(kBegin); begin != std::string::npos; begin = text.find(kBegin, begin + 1)) {
         const size_t end = text.find(kEnd, begin);
         if (end == std::string::npos) throw DataFormatException("The armored key block has no END line");
-        const std::vector<unsigned char> block = DecodeArmor(text.substr(begin, end - begin));
-        keyring.ParseBlock(block.data(), block.size());
+        const std::vector<unsigned char> decoded = DecodeArmor(text.substr(begin, end - begin));
+        block(decoded.data(), decoded.size());
     }
+}
+
+}  // namespace
+
+OpenPgpKeyring OpenPgpKeyring::Parse(const unsigned char* data, uint64_t size) {
+    OpenPgpKeyring keyring;
+    ForEachKeyBlock(data, size, [&keyring](const unsigned char* block, uint64_t length) {
+        keyring.ParseBlock(block, length);
+    });
     if (keyring.keys_.empty()) {
         throw DataFormatException(keyring.refused_.empty() ? "PGP public key is not found"
                                                            : "No key can verify: " + keyring.refused_.front());
@@ -365,13 +365,9 @@ OpenPgpKeyring OpenPgpKeyring::Parse(const unsigned char* data, uint64_t size) {
 
 std::vector<std::vector<unsigned char>> OpenPgpKeyring::SplitKeys(const unsigned char* data, uint64_t size) {
     std::vector<std::vector<unsigned char>> binaries;
-    const std::string text(reinterpret_cast<const char*>(data), static_cast<size_t>(size));
-    if (text.find(kBegin) == std::string::npos) binaries.emplace_back(data, data + size);
-    for (size_t begin = text.find(kBegin); begin != std::string::npos; begin = text.find(kBegin, begin + 1)) {
-        const size_t end = text.find(kEnd, begin);
-        if (end == std::string::npos) throw DataFormatException("The armored key block has no END line");
-        binaries.push_back(DecodeArmor(text.substr(begin, end - begin)));
-    }
+    ForEachKeyBlock(data, size, [&binaries](const unsigned char* block, uint64_t length) {
+        binaries.emplace_back(block, block + length);
+    });
     std::vector<std::vector<unsigned char>> keys;
     for (const std::vector<unsigned char>& binary : binaries) {
         ByteCursor cursor(binary.data(), binary.size(), "OpenPGP key block");

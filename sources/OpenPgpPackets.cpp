@@ -2,6 +2,9 @@
 
 #include <openssl/evp.h>
 
+#include <memory>
+
+#include "Base.h"
 #include "Exceptions.h"
 #include "OpenSslHandles.h"
 
@@ -53,6 +56,16 @@ uint32_t ReadSubpacketLength(ByteCursor& area, const char* what) {
     return area.ReadUInt32(what);
 }
 
+void ForEachSubpacket(ByteCursor area, const std::function<bool(uint8_t type, ByteCursor body)>& visit) {
+    while (area.Remaining() > 0) {
+        const uint32_t length = ReadSubpacketLength(area, "Signature subpacket");
+        if (length == 0) throw DataFormatException("Signature subpacket of length 0");
+        ByteCursor subpacket = area.Take(length, "Signature subpacket");
+        const uint8_t type = subpacket.ReadUInt8();
+        if (!visit(type, subpacket)) return;
+    }
+}
+
 ByteCursor ReadMpi(ByteCursor& cursor) {
     const uint16_t bits = cursor.ReadUInt16("Multi-precision integer");
     return cursor.Take((bits + 7u) / 8u, "Multi-precision integer");
@@ -70,15 +83,21 @@ std::string V4KeyId(const ByteCursor& body) {
         EVP_DigestFinal_ex(sha1.get(), fingerprint, &length) != 1) {
         throw InternalErrorException("SHA-1 of a public key failed");
     }
-    return HexText(fingerprint + 12, 8);
+    return Base::DumpBufferToString(fingerprint + 12, 8, true);
 }
 
-std::string HexText(const unsigned char* bytes, size_t length) {
-    static const char kDigits[] = "0123456789ABCDEF";
-    std::string text;
-    for (size_t i = 0; i < length; ++i) {
-        text += kDigits[bytes[i] >> 4];
-        text += kDigits[bytes[i] & 0x0F];
+std::vector<unsigned char> DecodeBase64(const std::string& text, const char* failure) {
+    std::vector<unsigned char> bytes(text.size() / 4 * 3 + 3);
+    const std::unique_ptr<EVP_ENCODE_CTX, decltype(&EVP_ENCODE_CTX_free)> context(EVP_ENCODE_CTX_new(),
+                                                                                  &EVP_ENCODE_CTX_free);
+    int length = 0, last = 0;
+    if (!context) throw InternalErrorException("No Base64 decoder could be made");
+    EVP_DecodeInit(context.get());
+    if (EVP_DecodeUpdate(context.get(), bytes.data(), &length, reinterpret_cast<const unsigned char*>(text.data()),
+                         static_cast<int>(text.size())) < 0 ||
+        EVP_DecodeFinal(context.get(), bytes.data() + length, &last) != 1) {
+        throw DataFormatException(failure);
     }
-    return text;
+    bytes.resize(static_cast<size_t>(length) + static_cast<size_t>(last));
+    return bytes;
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "ByteCursor.h"
 
@@ -42,6 +43,11 @@ OpenPgpPacket NextPacket(ByteCursor& cursor);
 // A subpacket's length (one, two or five octets); what names the area in "... is truncated".
 uint32_t ReadSubpacketLength(ByteCursor& area, const char* what = nullptr);
 
+// Hands visit each subpacket of area in turn (its type octet, the critical bit included, and its
+// body) while visit returns true. A subpacket of length 0 or longer than the area is a
+// DataFormatException, raised once the subpackets before it were visited.
+void ForEachSubpacket(ByteCursor area, const std::function<bool(uint8_t type, ByteCursor body)>& visit);
+
 // The value of a multi-precision integer: a bit count, then its octets.
 ByteCursor ReadMpi(ByteCursor& cursor);
 
@@ -49,5 +55,6 @@ ByteCursor ReadMpi(ByteCursor& cursor);
 // two-octet length and the body, as 16 upper-case hexadecimal digits.
 std::string V4KeyId(const ByteCursor& body);
 
-// Upper-case hexadecimal text of bytes.
-std::string HexText(const unsigned char* bytes, size_t length);
+// The bytes of Base64 text (line breaks and white space are read past); DataFormatException with
+// failure as its text when the text is damaged.
+std::vector<unsigned char> DecodeBase64(const std::string& text, const char* failure);

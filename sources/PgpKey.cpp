@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "Base.h"
 #include "Exceptions.h"
 #include "FileHelper.h"
 #include "OpenPgpPackets.h"
@@ -16,7 +17,7 @@ PgpKey::PgpKey(std::unique_ptr<PgpMessage> message) : message_(std::move(message
     csp_ = std::make_unique<RsaCsp>(modulus->GetValue(), static_cast<int>(modulus->GetLengthInBytes()),
                                     exponent->GetValue(), static_cast<int>(exponent->GetLengthInBytes()));
     const PgpSignatureData* signature = message_->GetSignatureData();
-    public_.keyId = signature != nullptr ? HexText(signature->GetIssuerId(), 8) : "";
+    public_.keyId = signature != nullptr ? Base::DumpBufferToString(signature->GetIssuerId(), 8, true) : "";
     public_.primaryId = public_.keyId;
     public_.algorithm = key->GetAlgorithm();
     public_.bits = static_cast<unsigned int>(modulus->GetLengthInBits());

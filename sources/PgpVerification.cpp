@@ -5,6 +5,7 @@
 
 #include "ByteCursor.h"
 #include "Digest.h"
+#include "Base.h"
 #include "Exceptions.h"
 #include "OpenPgpAlgorithms.h"
 #include "OpenPgpPackets.h"
@@ -22,25 +23,19 @@ bool IsKnownSubpacket(unsigned int type) {
 
 // The reason a version 4 signature's hashed subpackets make it invalid; empty when they do not.
 std::string HashedAreaFault(const PgpSignatureData& signature) {
-    ByteCursor area(signature.GetHashedData(), signature.GetHashedLength(), "OpenPGP hashed subpackets");
-    while (area.Remaining() > 0) {
-        // RFC 4880, 5.2.3.1: a length of one, two or five octets, which counts the type octet.
-        uint32_t length = 0;
-        try {
-            length = ReadSubpacketLength(area);
-        } catch (const DataFormatException&) {
-            return "its hashed subpackets are cut short";
-        }
-        if (length == 0 || !area.Has(length)) {
-            return "its hashed subpackets are cut short";
-        }
-        const unsigned int type = area.ReadUInt8();
-        area.Skip(length - 1);
-        if ((type & 0x80) != 0 && !IsKnownSubpacket(type & 0x7F)) {
-            return "it holds a critical subpacket of type " + std::to_string(type & 0x7F) + " that is not understood";
-        }
+    const ByteCursor area(signature.GetHashedData(), signature.GetHashedLength(), "OpenPGP hashed subpackets");
+    std::string fault;
+    try {
+        ForEachSubpacket(area, [&fault](uint8_t type, ByteCursor) {
+            if ((type & 0x80) != 0 && !IsKnownSubpacket(type & 0x7Fu)) {
+                fault = "it holds a critical subpacket of type " + std::to_string(type & 0x7F) + " that is not understood";
+            }
+            return fault.empty();
+        });
+    } catch (const DataFormatException&) {
+        return "its hashed subpackets are cut short";
     }
-    return std::string();
+    return fault;
 }
 
 }  // namespace
@@ -100,7 +95,7 @@ int CheckPgpSignature(const PgpSignatureData& signature, KeySource& keys, const 
         message += " The PGP certificate holds no signature packet that names its key";
         return ResultInvalidSignature;
     }
-    if (HexText(signature.GetIssuerId(), 8) != keyId) {
+    if (Base::DumpBufferToString(signature.GetIssuerId(), 8, true) != keyId) {
         message += " The file was signed with a different PGP certificate";
         return ResultInvalidSignature;
     }

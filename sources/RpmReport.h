@@ -39,10 +39,9 @@ struct KeyBytes {
 RpmVerifyResult rpm_verify_report(const char* file, const KeyBytes& key, RpmReport& report,
                                   SigningPolicy policy = SigningPolicy::Classic);
 
-// The public key as the classic verification reads it. The key ID is the issuer of the key block's last signature
-// packet, the identity signatures are matched against. Throws the loader's exception when the key cannot be read; a
-// block without a signature packet that names its key is a DataFormatException.
-OpenPgpPublicKey rpm_read_key(const std::string& path);
-// The same for a key block in memory, and the bytes of a key file as verification reads them.
+// The public key of a key block in memory as the classic verification reads it. The key ID is the issuer of the key
+// block's last signature packet, the identity signatures are matched against. Throws the loader's exception when the
+// key cannot be read; a block without a signature packet that names its key is a DataFormatException.
 OpenPgpPublicKey rpm_key_of(const char* data, size_t length);
+// The bytes of a key file as verification reads them.
 std::vector<char> rpm_read_key_file(const std::string& path);

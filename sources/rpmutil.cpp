@@ -143,11 +143,6 @@ std::vector<char> rpm_read_key_file(const std::string& path) {
     return PgpKey::ReadFile(path);
 }
 
-OpenPgpPublicKey rpm_read_key(const std::string& path) {
-    const std::vector<char> bytes = rpm_read_key_file(path);
-    return rpm_key_of(bytes.data(), bytes.size());
-}
-
 // ---------------------------------------------------------------------------------------------
 // The prerequisite check
 
