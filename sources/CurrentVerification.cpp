@@ -11,18 +11,18 @@
 
 #include "Base.h"
 #include "ByteCursor.h"
-#include "OpenPgpPackets.h"
 #include "DigestPipeline.h"
+#include "Evaluation.h"
 #include "Exceptions.h"
 #include "FileHelper.h"
 #include "OpenPgpKeyring.h"
-#include "PgpPacket.h"
-#include "PgpKey.h"
+#include "OpenPgpPackets.h"
 #include "OpenSslHandles.h"
+#include "PgpKey.h"
+#include "PgpPacket.h"
 #include "ProcessingResult.h"
 #include "RpmPackage.h"
 #include "SigningPolicy.h"
-#include "Evaluation.h"
 
 namespace {
 
@@ -313,7 +313,8 @@ private:
     // A signature's check: unreadable, in a hash the package was not hashed in, or verified with the
     // keys of the key file (read at the first check).
     SignatureOutcome Check(const SignatureEntry& signature) {
-        if (!signature.unreadable.empty()) return SignatureOutcome{RpmCheck::Bad, ResultInvalidSignature, signature.unreadable};
+        if (!signature.unreadable.empty())
+            return SignatureOutcome{RpmCheck::Bad, ResultInvalidSignature, signature.unreadable};
         const Hashes& hashes = signature.header ? headerHashes_ : packageHashes_;
         const auto hash = hashes.find(signature.packet.hashAlgorithm);
         if (hash == hashes.end()) {
@@ -335,25 +336,25 @@ private:
         PackageFindings findings;
         findings.structureFault = version6_ && laterTags_;
         for (const auto& digest : headerDigests_) {
-            findings.headerDigests.push_back(DigestFinding{
-                digest.first == PgpHashSha1 ? RpmCheck::HeaderSha1 : RpmCheck::HeaderDigest,
-                "Header " + OpenPgpHashName(digest.first) + " digest", true, true, digest.second,
-                headerHashes_.at(digest.first)->HexValue()});
+            findings.headerDigests.push_back(
+                DigestFinding{digest.first == PgpHashSha1 ? RpmCheck::HeaderSha1 : RpmCheck::HeaderDigest,
+                              "Header " + OpenPgpHashName(digest.first) + " digest", true, true, digest.second,
+                              headerHashes_.at(digest.first)->HexValue()});
         }
         for (const PayloadDigest& digest : payloadDigests_) {
             const auto hash = payloadHashes_.find(digest.id);
-            findings.payloadDigests.push_back(DigestFinding{RpmCheck::PayloadDigest, digest.label, true,
-                                                            hash != payloadHashes_.end(), digest.expected,
-                                                            hash != payloadHashes_.end() ? hash->second->HexValue() : ""});
+            findings.payloadDigests.push_back(
+                DigestFinding{RpmCheck::PayloadDigest, digest.label, true, hash != payloadHashes_.end(),
+                              digest.expected, hash != payloadHashes_.end() ? hash->second->HexValue() : ""});
         }
         findings.md5.present = !md5_.empty();
         findings.md5.expected = md5_;
         if (findings.md5.present) findings.md5.value = packageHashes_.at(PgpHashMd5)->HexValue();
         for (const SignatureEntry& signature : signatures_) {
             const RpmCheck::Kind kind = signature.header ? RpmCheck::HeaderSignature : RpmCheck::PackageSignature;
-            SignatureFinding finding{signature.tag, RpmCheck{kind, RpmCheck::Ok, SignatureLabel(signature), "",
-                                                             signature.packet.issuer},
-                                     [this, &signature](std::string&) { return Check(signature); }};
+            SignatureFinding finding{
+                signature.tag, RpmCheck{kind, RpmCheck::Ok, SignatureLabel(signature), "", signature.packet.issuer},
+                [this, &signature](std::string&) { return Check(signature); }};
             (signature.header ? findings.headerSignatures : findings.packageSignatures).push_back(std::move(finding));
         }
         findings.payloadLength = payloadLength_;

@@ -107,9 +107,9 @@ private:
 
     bool Signatures(const std::vector<SignatureFinding>& group, const SignatureRule& rule, RpmCheck::Kind kind) {
         if (group.empty()) {
-            verdict_.Record(RpmCheck{kind, RpmCheck::NotFound,
-                                     kind == RpmCheck::HeaderSignature ? "Header signature" : "Header and payload signature",
-                                     "", ""});
+            verdict_.Record(RpmCheck{
+                kind, RpmCheck::NotFound,
+                kind == RpmCheck::HeaderSignature ? "Header signature" : "Header and payload signature", "", ""});
             return rule.missing == ResultSigned || verdict_.Fail(rule.missing, rule.missingMessage);
         }
         const bool anyOne = rule.anyOne || (rule.anyOneWithBase64 &&

@@ -352,8 +352,8 @@ std::string DownloadCommand(const char* commandTemplate, const std::string& url,
         return "";
     }
     std::string command(static_cast<size_t>(length) + 1, '\0');
-    static_cast<void>(
-        std::snprintf(&command[0], command.size(), commandTemplate, kTimeoutSeconds, kTries, url.c_str(), written.c_str()));
+    static_cast<void>(std::snprintf(&command[0], command.size(), commandTemplate, kTimeoutSeconds, kTries, url.c_str(),
+                                    written.c_str()));
     command.resize(static_cast<size_t>(length));
     outputFile = written;
     return command;

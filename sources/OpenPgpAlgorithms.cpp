@@ -6,32 +6,34 @@
 
 namespace {
 
-// SHA-1 and SHA-256 run on the SHA extensions of today's x86; SHA-512 takes 64-bit arithmetic,
+// Each row: name, OpenSSL digest, cost on 64-bit and 32-bit builds, id, the module's algorithm,
+// taken for signatures by the current verification, known to the classic one. SHA-1 and SHA-256
+// run on the SHA extensions of today's x86; SHA-512 takes 64-bit arithmetic,
 // which a 32-bit build does in pairs of registers (bench/floor.c on 256 MiB: MD5 0.41-0.50 s,
 // SHA-512 0.34 s on x86-64 and 0.73 s on i386, SHA-256 and SHA-1 0.17-0.18 s on both).
 const OpenPgpHashRow kHashes[] = {
-    {1, "MD5", EVP_md5, soapWrap::Md5, false, 1.0, 1.0, true},
-    {2, "SHA1", EVP_sha1, soapWrap::Sha1, true, 0.4, 0.4, true},
-    {3, "RIPEMD160", nullptr, -1, false, 1.0, 1.0, true},
-    {8, "SHA256", EVP_sha256, soapWrap::Sha256, true, 0.4, 0.4, true},
-    {9, "SHA384", EVP_sha384, soapWrap::Sha384, true, 0.75, 1.75, true},
-    {10, "SHA512", EVP_sha512, soapWrap::Sha512, true, 0.75, 1.75, true},
-    {11, "SHA224", EVP_sha224, soapWrap::Sha224, true, 0.4, 0.4, true},
-    {12, "SHA3-256", EVP_sha3_256, -1, true, 1.5, 1.5, false},
-    {14, "SHA3-512", EVP_sha3_512, -1, true, 1.5, 1.5, false},
+    {"MD5", EVP_md5, 1.0, 1.0, 1, soapWrap::Md5, false, true},
+    {"SHA1", EVP_sha1, 0.4, 0.4, 2, soapWrap::Sha1, true, true},
+    {"RIPEMD160", nullptr, 1.0, 1.0, 3, -1, false, true},
+    {"SHA256", EVP_sha256, 0.4, 0.4, 8, soapWrap::Sha256, true, true},
+    {"SHA384", EVP_sha384, 0.75, 1.75, 9, soapWrap::Sha384, true, true},
+    {"SHA512", EVP_sha512, 0.75, 1.75, 10, soapWrap::Sha512, true, true},
+    {"SHA224", EVP_sha224, 0.4, 0.4, 11, soapWrap::Sha224, true, true},
+    {"SHA3-256", EVP_sha3_256, 1.5, 1.5, 12, -1, true, false},
+    {"SHA3-512", EVP_sha3_512, 1.5, 1.5, 14, -1, true, false},
 };
 
 const OpenPgpKeyAlgorithmRow kKeyAlgorithms[] = {
-    {1, "RSA", true, true},  // encrypt or sign
-    {2, "RSA", true, true},  // encrypt only
-    {3, "RSA", true, true},  // sign only
-    {16, "Elgamal", false, false},
-    {17, "DSA", true, true},
-    {18, "ECDH", false, false},
-    {19, "ECDSA", false, false},
-    {22, "EdDSA", false, true},
-    {27, "Ed25519", false, false},
-    {28, "Ed448", false, false},
+    {"RSA", 1, true, true},         // encrypt or sign
+    {"RSA", 2, true, true},         // encrypt only
+    {"RSA", 3, true, true},         // sign only
+    {"Elgamal", 16, false, false},  // encryption only
+    {"DSA", 17, true, true},        //
+    {"ECDH", 18, false, false},     // encryption only
+    {"ECDSA", 19, false, false},    //
+    {"EdDSA", 22, false, true},     // RFC 4880bis: Ed25519 in a version 4 key
+    {"Ed25519", 27, false, false},  // RFC 9580
+    {"Ed448", 28, false, false},    // RFC 9580
 };
 
 }  // namespace

@@ -10,21 +10,21 @@
 #include "soapWrap.h"
 
 struct OpenPgpHashRow {
-    unsigned int id;
     const char* name;  // as rpmkeys names it: "SHA256"
     const EVP_MD* (*md)();
-    int algorithm;       // the module's soapWrap::HashAlgorithm, -1 for none
-    bool signs;          // taken as a signature's hash by the current verification
-    double cost;         // rough time per byte of a hash against MD5's (DigestPipeline::Cost), 64-bit
-    double cost32;       // the same in a 32-bit build
-    bool classic;        // known to the classic verification
+    double cost;    // rough time per byte of a hash against MD5's (DigestPipeline::Cost), 64-bit
+    double cost32;  // the same in a 32-bit build
+    unsigned int id;
+    int algorithm;  // the module's soapWrap::HashAlgorithm, -1 for none
+    bool signs;     // taken as a signature's hash by the current verification
+    bool classic;   // known to the classic verification
 };
 
 struct OpenPgpKeyAlgorithmRow {
-    unsigned int id;
     const char* name;  // "RSA"
-    bool classic;      // named by the classic verification
-    bool current;      // named by the current verification (the others only by key diagnosis)
+    unsigned int id;
+    bool classic;  // named by the classic verification
+    bool current;  // named by the current verification (the others only by key diagnosis)
 };
 
 // The row of a hash id or a key algorithm id; null for an id the module does not know.

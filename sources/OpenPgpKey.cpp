@@ -23,4 +23,3 @@ std::shared_ptr<EVP_PKEY> RsaPublicKey(const ByteCursor& modulus, const ByteCurs
     }
     return std::shared_ptr<EVP_PKEY>(key, EvpPkeyFree());
 }
-

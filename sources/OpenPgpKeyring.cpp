@@ -4,8 +4,8 @@
 #include <openssl/rsa.h>
 
 #include <algorithm>
-#include <functional>
 #include <cstring>
+#include <functional>
 
 #include "Base.h"
 #include "ByteCursor.h"
@@ -19,7 +19,6 @@ namespace {
 
 const char kBegin[] = "-----BEGIN PGP PUBLIC KEY BLOCK-----";
 const char kEnd[] = "-----END PGP PUBLIC KEY BLOCK-----";
-
 
 // Signature types (RFC 4880, 5.2.1).
 const unsigned int kSubkeyBinding = 0x18;
@@ -192,7 +191,7 @@ std::vector<unsigned char> DecodeArmor(const std::string& block) {
             body += lines[line];
         }
     }
-    const std::vector<unsigned char> decoded = DecodeBase64(body, "The armor's Base64 text is damaged");
+    std::vector<unsigned char> decoded = DecodeBase64(body, "The armor's Base64 text is damaged");
     if (!checksum.empty()) {
         unsigned char crc[4] = {};
         if (checksum.size() != 4 ||
@@ -259,7 +258,8 @@ void ReadSubpackets(const ByteCursor& area, bool hashed, OpenPgpSignature& signa
                                 kind == 22 || kind == 23 || kind == 25 || kind == 27 || kind == 30 || kind == 32 ||
                                 kind == 33;
         if ((type & 0x80) != 0 && !understood && hashed) {
-            signature.flaw = "it holds a critical subpacket of type " + std::to_string(kind) + " that is not understood";
+            signature.flaw =
+                "it holds a critical subpacket of type " + std::to_string(kind) + " that is not understood";
         }
         return true;
     });
@@ -353,9 +353,8 @@ void ForEachKeyBlock(const unsigned char* data, uint64_t size,
 
 OpenPgpKeyring OpenPgpKeyring::Parse(const unsigned char* data, uint64_t size) {
     OpenPgpKeyring keyring;
-    ForEachKeyBlock(data, size, [&keyring](const unsigned char* block, uint64_t length) {
-        keyring.ParseBlock(block, length);
-    });
+    ForEachKeyBlock(data, size,
+                    [&keyring](const unsigned char* block, uint64_t length) { keyring.ParseBlock(block, length); });
     if (keyring.keys_.empty()) {
         throw DataFormatException(keyring.refused_.empty() ? "PGP public key is not found"
                                                            : "No key can verify: " + keyring.refused_.front());
@@ -388,8 +387,11 @@ namespace {
 class BlockReader {
 public:
     BlockReader(const unsigned char* data, std::vector<OpenPgpPublicKey>& keys, std::vector<std::string>& refused)
-        : keys_(keys), refused_(refused), primaryBody_(data, 0, "Public-key packet"),
-          pendingBody_(data, 0, "Public-subkey packet"), primaryKeys_(keys.size()) {}
+        : keys_(keys),
+          refused_(refused),
+          primaryBody_(data, 0, "Public-key packet"),
+          pendingBody_(data, 0, "Public-subkey packet"),
+          primaryKeys_(keys.size()) {}
 
     void Read(const OpenPgpPacket& packet) {
         if (packet.tag == kPublicKeyPacket) {

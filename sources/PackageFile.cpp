@@ -183,9 +183,11 @@ uint64_t DigestPass(const PackageFile& file, const HeaderStructure& mainHeader, 
         std::vector<const DigestStream*> package, payload;
     } lanes[2];
     std::vector<const DigestStream*> shared;
+    shared.reserve(streams.package.size() + streams.payload.size());
     for (const DigestStream& stream : streams.package) shared.push_back(&stream);
     for (const DigestStream& stream : streams.payload) shared.push_back(&stream);
     std::vector<double> costs;
+    costs.reserve(shared.size());
     for (const DigestStream* stream : shared) costs.push_back(stream->cost);
     const std::vector<bool> second = DigestPipeline::Share(costs);
     for (size_t i = 0; i < shared.size(); ++i) {
@@ -217,7 +219,9 @@ uint64_t DigestPass(const PackageFile& file, const HeaderStructure& mainHeader, 
         feed(lanes[0], block, position, count);
         if (copy) copy(block, count);
     };
-    const auto back = [&](const char* block, uint64_t position, size_t count) { feed(lanes[1], block, position, count); };
+    const auto back = [&](const char* block, uint64_t position, size_t count) {
+        feed(lanes[1], block, position, count);
+    };
     file.AdviseSequential(mainHeader.start);
     const bool threaded = (!lanes[1].package.empty() || !lanes[1].payload.empty()) &&
                           DigestPipeline::Worthwhile(size > mainHeader.start ? size - mainHeader.start : 0);

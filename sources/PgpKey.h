@@ -1,8 +1,8 @@
 #pragma once
 // A publisher's OpenPGP key under the classic key rule, read and parsed once: one key block, whose
 // last public-key packet is an RSA key (OpenPgpKey.h), named by the issuer of the block's last
-// signature packet; the key block's packets and the RSA service the framework checks with. A verification takes its key from a KeySource, so it never depends on where
-// the key is kept nor on state shared with other verifications.
+// signature packet; the key block's packets and the RSA service the framework checks with. A verification takes its key
+// from a KeySource, so it never depends on where the key is kept nor on state shared with other verifications.
 
 #include <cstdint>
 #include <exception>

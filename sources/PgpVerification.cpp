@@ -3,9 +3,9 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "Base.h"
 #include "ByteCursor.h"
 #include "Digest.h"
-#include "Base.h"
 #include "Exceptions.h"
 #include "OpenPgpAlgorithms.h"
 #include "OpenPgpPackets.h"
@@ -28,7 +28,8 @@ std::string HashedAreaFault(const PgpSignatureData& signature) {
     try {
         ForEachSubpacket(area, [&fault](uint8_t type, ByteCursor) {
             if ((type & 0x80) != 0 && !IsKnownSubpacket(type & 0x7Fu)) {
-                fault = "it holds a critical subpacket of type " + std::to_string(type & 0x7F) + " that is not understood";
+                fault =
+                    "it holds a critical subpacket of type " + std::to_string(type & 0x7F) + " that is not understood";
             }
             return fault.empty();
         });

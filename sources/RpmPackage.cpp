@@ -6,7 +6,6 @@
 #include "OpenPgpAlgorithms.h"
 #include "ProcessingResult.h"
 
-
 const ReaderStyle& ClassicReader() {
     return PolicyOf(SigningPolicy::Classic).reader;
 }
@@ -28,10 +27,9 @@ PackageDigests DigestPackage(const PackageFile& file, HeaderStructure main, soap
         digests.packageSha1Extra = std::make_unique<Digest>(soapWrap::Sha1);
     }
     const auto stream = [](DigestBase* digest, soapWrap::HashAlgorithm type) {
-        return DigestStream{[digest](const char* data, size_t size) {
-                                digest->Update(data, static_cast<unsigned int>(size));
-                            },
-                            DigestPipeline::Cost(OpenPgpHashIdOf(type))};
+        return DigestStream{
+            [digest](const char* data, size_t size) { digest->Update(data, static_cast<unsigned int>(size)); },
+            DigestPipeline::Cost(OpenPgpHashIdOf(type))};
     };
     // Over the main header: SHA-1, the signed hash and (signing path) SHA-1 again; over header and
     // payload: MD5, the signed hash and (signing path) SHA-1.

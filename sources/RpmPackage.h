@@ -11,8 +11,8 @@
 #include "PackageFile.h"
 #include "PgpKey.h"
 #include "RpmCheck.h"
-#include "SigningPolicy.h"
 #include "SignatureHeader.h"
+#include "SigningPolicy.h"
 #include "soapWrap.h"
 
 // How the classic verification reads a package (SigningPolicy.h).

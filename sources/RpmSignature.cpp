@@ -16,7 +16,7 @@ std::unique_ptr<DigestBase> CopyOf(const DigestBase* digest) {
 
 }  // namespace
 
-RpmSignature::RpmSignature(std::shared_ptr<char[]> entries, const HeaderStructureHeader& header)
+RpmSignature::RpmSignature(const std::shared_ptr<char[]>& entries, const HeaderStructureHeader& header)
     : header_(entries, header), payloadLength_(0) {
     WrapParsedSignatures();
 }

@@ -32,7 +32,7 @@ public:
     // with the counts of header already in host order. Throws DataFormatException when an entry
     // that is used points outside the store or holds no OpenPGP signature.
     RpmSignature(void* entries, const HeaderStructureHeader& header);
-    RpmSignature(std::shared_ptr<char[]> entries, const HeaderStructureHeader& header);
+    RpmSignature(const std::shared_ptr<char[]>& entries, const HeaderStructureHeader& header);
     // The signature header as the package reader decoded it.
     explicit RpmSignature(SignatureHeaderData data);
     ~RpmSignature() override;

@@ -26,7 +26,8 @@ public:
     ContentInfo* BuildContentInfo(bool detached) override;
     using Signer::BuildContentInfo;
 
-    // Checks the lead and reads the signature header; returns a new RpmSignature over it (caller owns) and the offset of the main header, rounded up to 8.
+    // Checks the lead and reads the signature header; returns a new RpmSignature over it (caller owns) and the offset
+    // of the main header, rounded up to 8.
     RpmSignature* ParseSignature(unsigned int& headerOffset, bool copyToOutput);
     // Computes the header digests (0-2) and the header-and-payload digests (3-5) and hands them to
     // signature; returns signature.

@@ -5,12 +5,12 @@
 #include <cstring>
 
 #include "Base.h"
+#include "Evaluation.h"
 #include "Exceptions.h"
 #include "OpenPgpAlgorithms.h"
 #include "PgpVerification.h"
 #include "ProcessingResult.h"
 #include "SigningPolicy.h"
-#include "Evaluation.h"
 
 namespace {
 
@@ -137,9 +137,8 @@ ByteCursor SignatureHeader::ValueOf(const HeaderEntry& entry, uint64_t length) {
     // that all point at the same bytes would make each of them parsed and kept again.
     valueBytes_ += length;
     if (valueBytes_ > dataSize_) {
-        throw DataFormatException(EntryName(entry.tag) + ": the values read add up to " +
-                                  std::to_string(valueBytes_) + " bytes, more than the store of " +
-                                  std::to_string(dataSize_) + " bytes");
+        throw DataFormatException(EntryName(entry.tag) + ": the values read add up to " + std::to_string(valueBytes_) +
+                                  " bytes, more than the store of " + std::to_string(dataSize_) + " bytes");
     }
     value.Skip(entry.offset);
     return value.Take(length);

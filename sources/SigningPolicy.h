@@ -78,29 +78,30 @@ struct SignatureRule {
 };
 
 struct VerificationPolicy {
-    SigningPolicy id;
     const char* name;
-    ReaderStyle reader;
     // The column of the tag table this policy reads.
     bool SignatureTagRow::*reads;
+    // The steps of the evaluation, in order.
+    const EvaluationStep* steps;
+    size_t stepCount;
+    // The messages of a SHA-1 and an MD5 digest that do not match (null: "Invalid value of " and the
+    // check's label).
+    const char* sha1Failure;
+    const char* md5Failure;
+    ReaderStyle reader;
+    SignatureRule headerSignatures;
+    SignatureRule packageSignatures;
+    SigningPolicy id;
     // Whether the algorithms it names are the classic ones only (others are named by their number).
     bool classicAlgorithms;
     // Whether the first failure ends the evaluation when no record of the checks is kept (classic),
     // or every check is made all the same (current: a key file that cannot be read is then told
     // whatever failed before).
     bool firstFailureStops;
-    // The steps of the evaluation, in order.
-    const EvaluationStep* steps;
-    size_t stepCount;
-    // Whether a missing SHA-1 or MD5 digest fails the package (classic), and the messages of those
-    // that do not match (null: "Invalid value of " and the check's label).
+    // Whether a missing SHA-1 or MD5 digest fails the package (classic).
     bool digestsRequired;
-    const char* sha1Failure;
-    const char* md5Failure;
     // Whether the package without payload is told with the MD5 check (classic), or by coverage.
     bool payloadWithMd5;
-    SignatureRule headerSignatures;
-    SignatureRule packageSignatures;
     // Whether a signature check that throws is recorded and ends the evaluation only while the
     // verdict is open (classic), or ends it whatever was decided.
     bool checkErrorsRecorded;

@@ -97,7 +97,8 @@ RpmVerifyResult VerifyEntry(const char* file, const char* key, const KeyBytes* k
                                                               : "rpm_verify: no key file was given");
         }
         try {
-            KeyFileBytes keyFile = keyBytes != nullptr ? KeyFileBytes(keyBytes->name, keyBytes->bytes) : KeyFileBytes(key);
+            KeyFileBytes keyFile =
+                keyBytes != nullptr ? KeyFileBytes(keyBytes->name, keyBytes->bytes) : KeyFileBytes(key);
             return Verify(file, keyFile, report, recordChecks, policy);
         } catch (const std::exception& e) {
             return response(RPM_STATUS_ERROR, std::string("Could not recognise ") + file + " - " + e.what());

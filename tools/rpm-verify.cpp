@@ -167,8 +167,8 @@ const char* StateText(RpmCheck::State state) {
 }
 
 // The stable reason code of a verdict, from how far the verifier got and what it found.
-std::string ReasonOf(const std::string& file, const RpmReport& report, const KeyBytes& key,
-                     const std::string& keyId, SigningPolicy policy) {
+std::string ReasonOf(const std::string& file, const RpmReport& report, const KeyBytes& key, const std::string& keyId,
+                     SigningPolicy policy) {
     switch (report.stage) {
         case RpmStage::Unreadable: return "unreadable-file";
         case RpmStage::NotRpm: return "not-rpm";
@@ -206,8 +206,8 @@ std::string ReasonOf(const std::string& file, const RpmReport& report, const Key
     }
 }
 
-std::string HintOf(const std::string& reason, const RpmReport& report, const KeyBytes& key,
-                   const std::string& keyId, SigningPolicy policy) {
+std::string HintOf(const std::string& reason, const RpmReport& report, const KeyBytes& key, const std::string& keyId,
+                   SigningPolicy policy) {
     if (reason == "header-only" && policy == SigningPolicy::Classic) {
         return "the package is signed over its header only (what rpmsign --addsign writes by default); the "
                "installer's classic check also needs a signature over header and payload: rpmsign --delsign "

@@ -133,9 +133,9 @@ Bytes KeyIdOf(EVP_PKEY* key) {
 std::string WriteVersion6(TempFolder& folder, const std::string& name, const Version6& v) {
     const Bytes digest = HashOf(EVP_sha256(), v.payloadDigestOf), digestText = rpm::BytesOf(Hex(digest) + '\0');
     const std::string header = rpm::Text(rpm::HeaderBytes({{1000, 6, rpm::BytesOf("hello")},
-                                                               {5092, 8, digestText, 1},
-                                                               {5093, 4, pgp::Be(8, 4)},
-                                                               {5114, 4, pgp::Be(6, 4)}}));
+                                                           {5092, 8, digestText, 1},
+                                                           {5093, 4, pgp::Be(8, 4)},
+                                                           {5114, 4, pgp::Be(6, 4)}}));
     Bytes signatures;
     for (EVP_PKEY* key : v.signers) {
         pgp::SignatureOptions options;
