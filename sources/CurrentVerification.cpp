@@ -167,14 +167,18 @@ struct SignatureEntry {
     std::string unreadable;
 };
 
-std::string SignatureLabel(const SignatureEntry& signature) {
-    std::string label = signature.header ? "Header " : "";
-    if (!signature.unreadable.empty()) return label + "signature (tag " + std::to_string(signature.tag) + ")";
-    const std::string shortId = Lower(signature.packet.issuer.size() == 16 ? signature.packet.issuer.substr(8) : "");
-    const bool classic = PolicyOf(SigningPolicy::Current).classicAlgorithms;
-    return label + "V" + std::to_string(signature.packet.version) + " " +
-           OpenPgpAlgorithmName(signature.packet.publicKeyAlgorithm, classic) + "/" +
-           OpenPgpHashName(signature.packet.hashAlgorithm, classic) + " Signature, key ID " + shortId;
+// A signature's record: its algorithms and key ID, or only its tag when it cannot be read.
+RpmCheck SignatureRecordOf(const SignatureEntry& signature) {
+    const RpmCheck::Kind kind = signature.header ? RpmCheck::HeaderSignature : RpmCheck::PackageSignature;
+    if (!signature.unreadable.empty()) {
+        return RpmCheck{
+            kind, RpmCheck::Ok,
+            std::string(signature.header ? "Header " : "") + "signature (tag " + std::to_string(signature.tag) + ")",
+            "", signature.packet.issuer};
+    }
+    return SignatureRecord(PolicyOf(SigningPolicy::Current), kind, signature.packet.version,
+                           signature.packet.publicKeyAlgorithm, signature.packet.hashAlgorithm,
+                           signature.packet.issuer);
 }
 
 class CurrentVerification {
@@ -351,10 +355,8 @@ private:
         findings.md5.expected = md5_;
         if (findings.md5.present) findings.md5.value = packageHashes_.at(PgpHashMd5)->HexValue();
         for (const SignatureEntry& signature : signatures_) {
-            const RpmCheck::Kind kind = signature.header ? RpmCheck::HeaderSignature : RpmCheck::PackageSignature;
-            SignatureFinding finding{
-                signature.tag, RpmCheck{kind, RpmCheck::Ok, SignatureLabel(signature), "", signature.packet.issuer},
-                [this, &signature](std::string&) { return Check(signature); }};
+            SignatureFinding finding{signature.tag, SignatureRecordOf(signature),
+                                     [this, &signature](std::string&) { return Check(signature); }};
             (signature.header ? findings.headerSignatures : findings.packageSignatures).push_back(std::move(finding));
         }
         findings.payloadLength = payloadLength_;

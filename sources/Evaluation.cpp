@@ -1,8 +1,10 @@
 #include "Evaluation.h"
 
 #include <algorithm>
+#include <cctype>
 #include <exception>
 
+#include "OpenPgpAlgorithms.h"
 #include "ProcessingResult.h"
 #include "Verdict.h"
 
@@ -163,6 +165,17 @@ private:
 };
 
 }  // namespace
+
+RpmCheck SignatureRecord(const VerificationPolicy& policy, RpmCheck::Kind kind, unsigned int version,
+                         unsigned int keyAlgorithm, unsigned int hashAlgorithm, const std::string& issuer) {
+    std::string shortId = issuer.size() == 16 ? issuer.substr(8) : "";
+    for (char& c : shortId) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    const std::string label =
+        std::string(kind == RpmCheck::HeaderSignature ? "Header " : "") + "V" + std::to_string(version) + " " +
+        OpenPgpAlgorithmName(keyAlgorithm, policy.classicAlgorithms) + "/" +
+        OpenPgpHashName(hashAlgorithm, policy.classicAlgorithms) + " Signature, key ID " + shortId;
+    return RpmCheck{kind, RpmCheck::Ok, label, "", issuer};
+}
 
 int EvaluatePackage(const VerificationPolicy& policy, const PackageFindings& findings, std::string& message,
                     std::vector<RpmCheck>* checks) {

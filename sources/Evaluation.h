@@ -49,6 +49,12 @@ struct PackageFindings {
     uint64_t payloadLength = 0;  // bytes after the main header
 };
 
+// A signature's record in the manner of rpmkeys -Kv: "Header V4 RSA/SHA256 Signature, key ID
+// 7629b8ab" (the algorithms named as policy names them, the key ID's low half in lower case), with
+// the issuer (16 hexadecimal digits, or empty) as its key ID.
+RpmCheck SignatureRecord(const VerificationPolicy& policy, RpmCheck::Kind kind, unsigned int version,
+                         unsigned int keyAlgorithm, unsigned int hashAlgorithm, const std::string& issuer);
+
 // The ProcessingResult of the findings under policy, with the reason in message; with checks, every
 // check made is recorded. Throws what a signature check throws while the verdict is open (under a
 // policy whose check errors are not recorded, whenever it throws).

@@ -216,20 +216,9 @@ std::string HexOf(const unsigned char* bytes, unsigned int length) {
     return Base::DumpBufferToString(bytes, length, false);
 }
 
-// "RSA/SHA256" in the manner of rpmkeys: the public-key and hash algorithms of a signature packet.
-std::string AlgorithmsOf(const PgpSignatureData& data) {
-    const bool classic = PolicyOf(SigningPolicy::Classic).classicAlgorithms;
-    return OpenPgpAlgorithmName(data.GetPublicKeyAlgorithm(), classic) + "/" +
-           OpenPgpHashName(data.GetHashAlgorithm(), classic);
-}
-
 RpmCheck SignatureCheck(RpmCheck::Kind kind, const PgpSignatureData& data) {
-    const std::string keyId = Base::DumpBufferToString(data.GetIssuerId(), 8, true);
-    std::string shortId = keyId.substr(8);
-    for (char& c : shortId) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    std::string label = kind == RpmCheck::HeaderSignature ? "Header V" : "V";
-    label += std::to_string(data.GetVersion()) + " " + AlgorithmsOf(data) + " Signature, key ID " + shortId;
-    return RpmCheck{kind, RpmCheck::Ok, label, "", keyId};
+    return SignatureRecord(PolicyOf(SigningPolicy::Classic), kind, data.GetVersion(), data.GetPublicKeyAlgorithm(),
+                           data.GetHashAlgorithm(), Base::DumpBufferToString(data.GetIssuerId(), 8, true));
 }
 
 }  // namespace
