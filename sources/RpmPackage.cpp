@@ -44,6 +44,12 @@ PackageDigests DigestPackage(const PackageFile& file, HeaderStructure main, soap
     return digests;
 }
 
+int VerifyPackageClassic(const PackageFile& input, KeyFileBytes& keyFile, std::string& message,
+                         std::vector<RpmCheck>* checks) {
+    KeyFromFile key(keyFile);
+    return VerifyPackage(input, key, message, checks);
+}
+
 int VerifyPackage(const PackageFile& input, KeySource& keys, std::string& message, std::vector<RpmCheck>* checks) {
     try {
         input.CheckLead(ClassicReader());

@@ -30,3 +30,7 @@ PackageDigests DigestPackage(const PackageFile& file, HeaderStructure main, soap
 // The ProcessingResult of the package in input checked with the key of keys; any error becomes 5
 // (ResultInternalError) with its text in message. With checks, every check is made and recorded.
 int VerifyPackage(const PackageFile& input, KeySource& keys, std::string& message, std::vector<RpmCheck>* checks);
+// The same with the key of a key file under the classic key rule (PgpKey.h): the classic policy's
+// verification.
+int VerifyPackageClassic(const PackageFile& input, KeyFileBytes& keyFile, std::string& message,
+                         std::vector<RpmCheck>* checks);

@@ -1,7 +1,9 @@
 #include "SigningPolicy.h"
 
+#include "CurrentVerification.h"
 #include "PgpPacket.h"
 #include "ProcessingResult.h"
+#include "RpmPackage.h"
 
 namespace {
 
@@ -59,6 +61,7 @@ VerificationPolicy Classic() {
     VerificationPolicy policy{};
     policy.id = SigningPolicy::Classic;
     policy.name = "classic";
+    policy.verify = VerifyPackageClassic;
     // A 32-bit size, as a 32-bit stat() refuses a file of 2 GiB or more; a refused header size names
     // its bounds; a header structure cut short reads as zeros; the first tag is read from the buffer.
     policy.reader = ReaderStyle{0x7FFFFFFF, true, true, true};
@@ -90,6 +93,7 @@ VerificationPolicy Current() {
     VerificationPolicy policy{};
     policy.id = SigningPolicy::Current;
     policy.name = "current";
+    policy.verify = VerifyPackageCurrent;
     // Sizes in 64 bits without a limit; a refused header size is given alone; a header structure cut
     // short is refused as such; the first tag is the first entry's.
     policy.reader = ReaderStyle{0, false, false, false};

@@ -5,6 +5,7 @@
 // their rules from here.
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "PackageFile.h"
 
@@ -77,8 +78,16 @@ struct SignatureRule {
     const char* failurePrefix;
 };
 
+class PackageFile;
+class KeyFileBytes;
+struct RpmCheck;
+
 struct VerificationPolicy {
     const char* name;
+    // The verification under this policy: the package read under its rules into findings, its keys
+    // read under its key rule, the findings evaluated (Evaluation.h); a ProcessingResult, with the
+    // reason in message and, with checks, every check recorded.
+    int (*verify)(const PackageFile& file, KeyFileBytes& keys, std::string& message, std::vector<RpmCheck>* checks);
     // The column of the tag table this policy reads.
     bool SignatureTagRow::*reads;
     // The steps of the evaluation, in order.

@@ -57,12 +57,9 @@ RpmVerifyResult Verify(const std::string& file, KeyFileBytes& key, RpmReport& re
         return response(RPM_STATUS_ERROR, file + " is not an RPM file.");
     }
     report.stage = RpmStage::Failed;
-    KeyFromFile keyFile(key);
     int result = ResultInternalError;
     try {
-        std::vector<RpmCheck>* checks = recordChecks ? &report.checks : nullptr;
-        result = policy == SigningPolicy::Current ? VerifyPackageCurrent(*package, key, report.detail, checks)
-                                                  : VerifyPackage(*package, keyFile, report.detail, checks);
+        result = PolicyOf(policy).verify(*package, key, report.detail, recordChecks ? &report.checks : nullptr);
     } catch (const std::exception& e) {
         return response(RPM_STATUS_ERROR, "Could not verify " + file + " with key " + key.Name() + " - " + e.what());
     }
