@@ -25,8 +25,9 @@ enum class TagMeaning {
     PackageMd5,        // the 16 bytes of the MD5 digest of main header and payload
 };
 
-// One signature-header tag: its number, the type its writers give it, what it holds, the OpenPGP
-// hash id of a digest, and which policies read it. A tag no row names is read by neither.
+// One signature-header tag: its number, the type its writers give it (neither policy's reader checks
+// it), what it holds, the OpenPGP hash id of a digest, and which policies read it. A tag no row names
+// is read by neither.
 struct SignatureTagRow {
     uint32_t tag;
     RpmDataType type;
@@ -34,15 +35,15 @@ struct SignatureTagRow {
     unsigned int hashId;  // HeaderDigest: the digest's algorithm
     bool classic;
     bool current;
-    // A signature tag that is left unread when this tag holds a signature (rpm reads 267 and 268 only
-    // without 278); 0 for none.
+    // The tag whose signatures, when there are any, leave this tag's unread (rpm reads 267 and 268
+    // only without 278); 0 for none.
     uint32_t supersededBy;
 };
 extern const SignatureTagRow kSignatureTags[];
 extern const size_t kSignatureTagCount;
 
-// A payload digest that the main header holds: its tag, its algorithm (or the tag that names it,
-// with the algorithm taken when that tag is missing), and its label.
+// A payload digest that the main header holds: its tag, and its algorithm (or the tag that names
+// it, with hashId taken when that tag is missing).
 struct PayloadDigestRow {
     uint32_t tag;
     unsigned int hashId;
