@@ -16,7 +16,7 @@ struct OpenPgpPublicKey {
     unsigned int algorithm = 0;  // OpenPGP public-key algorithm: 1, 2, 3 RSA; 22 EdDSA
     unsigned int bits = 0;       // RSA: bits of the modulus; Ed25519: 256
     bool subkey = false;
-    std::shared_ptr<EVP_PKEY> key;  // null when OpenSSL does not take the key
+    std::shared_ptr<EVP_PKEY> key;  // null when OpenSSL does not take the key, and under the classic rule
 };
 
 // An RSA public key from its modulus and public exponent (big-endian octets); null when OpenSSL

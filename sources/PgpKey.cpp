@@ -5,7 +5,6 @@
 #include "Base.h"
 #include "Exceptions.h"
 #include "FileHelper.h"
-#include "OpenPgpPackets.h"
 
 PgpKey::PgpKey(std::unique_ptr<PgpMessage> message) : message_(std::move(message)) {
     const PgpPublicKey* key = message_->GetPublicKey();
@@ -21,8 +20,7 @@ PgpKey::PgpKey(std::unique_ptr<PgpMessage> message) : message_(std::move(message
     public_.primaryId = public_.keyId;
     public_.algorithm = key->GetAlgorithm();
     public_.bits = static_cast<unsigned int>(modulus->GetLengthInBits());
-    public_.key = RsaPublicKey(ByteCursor(modulus->GetValue(), modulus->GetLengthInBytes(), "RSA modulus"),
-                               ByteCursor(exponent->GetValue(), exponent->GetLengthInBytes(), "RSA exponent"));
+    // The classic rule checks signatures with the RSA service above; no OpenSSL key is made for it.
 }
 
 std::unique_ptr<PgpKey> PgpKey::Parse(const char* data, unsigned int length) {

@@ -32,7 +32,8 @@ public:
     const PgpMessage& Message() const { return *message_; }
     RsaCsp& Csp() const { return *csp_; }
     // The key: its key ID is the issuer of the block's last signature packet (empty when the block
-    // holds no signature packet), its bits those of the RSA modulus.
+    // holds no signature packet), its bits those of the RSA modulus; its OpenSSL key stays null, as
+    // the classic rule checks with Csp().
     const OpenPgpPublicKey& Public() const { return public_; }
 
 private:
