@@ -6,7 +6,12 @@
 // time the real file is one the fixture lists pair with the damaged one, so that damage to a
 // package that verified shows as such.
 //
-//   differential-mutate [--data=DIR] OUTDIR SEED COUNT
+//   differential-mutate [--data=DIR] [--fixtures=FOLDER] OUTDIR SEED COUNT
+//
+// The sources are the packages of DIR/rpm and DIR/current and the keys of DIR/keys and DIR/current
+// (DIR: tests/data), or with --fixtures the packages (*.rpm) and public keys (*.asc) of one folder
+// of DIR, such as oracle, where a package pairs with the keys whose names it holds
+// (gpg-rsa2048-v4.rpm, multi-gpg-rsa2048-gpg-ed25519-v6.rpm with gpg-rsa2048.asc).
 //
 // OUTDIR/cases.txt      one case a line: PACKAGE<TAB>KEY (a fixture case names the fixture files)
 // OUTDIR/mutations.txt  line for line, what was done: "fixture", or
@@ -1448,12 +1453,103 @@ void Pairs(const std::string& data, const std::vector<Source>& packages, const s
     }
 }
 
+// The pairs of a single fixture folder: a package with each key whose name without ".asc" is a
+// part of the package's name, bounded by '-' or the name's start before it and '-' after it.
+void PairsByName(const std::vector<Source>& packages, const std::vector<Source>& keys,
+                 std::vector<std::vector<size_t>>& keysOf, std::vector<std::vector<size_t>>& packagesOf) {
+    keysOf.assign(packages.size(), {});
+    packagesOf.assign(keys.size(), {});
+    auto base = [](const std::string& name) { return name.substr(name.rfind('/') + 1); };
+    for (size_t k = 0; k < keys.size(); ++k) {
+        std::string stem = base(keys[k].name);
+        stem = stem.substr(0, stem.size() - 4) + "-";
+        for (size_t p = 0; p < packages.size(); ++p) {
+            const std::string package = base(packages[p].name);
+            for (size_t at = package.find(stem); at != std::string::npos; at = package.find(stem, at + 1)) {
+                if (at == 0 || package[at - 1] == '-') {
+                    keysOf[p].push_back(k);
+                    packagesOf[k].push_back(p);
+                    break;
+                }
+            }
+        }
+    }
+}
+
+// The packages and keys that the cases start from, and their pairs: those of tests/data, or those of
+// the one fixture folder.
+struct Sources {
+    std::vector<Source> packages, keys;
+    std::vector<std::vector<size_t>> keysOf, packagesOf;  // the pairs, as indexes into the other list
+};
+
+bool ReadSources(const std::string& data, const std::string& fixtures, Sources& sources) {
+    std::vector<Source>& packages = sources.packages;
+    std::vector<Source>& keys = sources.keys;
+    if (fixtures.empty()) {
+        Collect(data, "rpm", {".rpm"}, packages);
+        Collect(data, "current", {".rpm"}, packages);
+        Collect(data, "keys", {".asc", ".gpg"}, keys);
+        Collect(data, "current", {".asc"}, keys);
+    } else {
+        Collect(data, fixtures, {".rpm"}, packages);
+        Collect(data, fixtures, {".asc"}, keys);
+    }
+    if (packages.empty() || keys.empty()) {
+        std::fprintf(stderr, "differential-mutate: no packages or no keys under %s\n", data.c_str());
+        return false;
+    }
+    if (fixtures.empty()) {
+        Pairs(data, packages, keys, sources.keysOf, sources.packagesOf);
+    } else {
+        PairsByName(packages, keys, sources.keysOf, sources.packagesOf);
+    }
+    return true;
+}
+
+// Makes one mutated case from rng: its file at stem plus the ending of its kind, its line in cases and
+// in mutations.
+bool MakeCase(const Sources& sources, Random& rng, const std::string& stem, std::FILE* cases, std::FILE* mutations) {
+    const bool package = rng.Percent(85);
+    size_t p = rng.Below(sources.packages.size()), k = rng.Below(sources.keys.size());
+    if (rng.Percent(50)) {
+        if (package && !sources.keysOf[p].empty()) k = rng.Pick(sources.keysOf[p]);
+        if (!package && !sources.packagesOf[k].empty()) p = rng.Pick(sources.packagesOf[k]);
+    }
+    const Source& packageSource = sources.packages[p];
+    const Source& keySource = sources.keys[k];
+    const Source& source = package ? packageSource : keySource;
+    Bytes bytes = source.bytes;
+    std::string what;
+    std::string ending;
+    if (package) {
+        what = MutatePackage(bytes, rng);
+        ending = ".rpm";
+    } else {
+        bool armored = EndsWith(source.path, ".asc");
+        what = MutateKey(bytes, armored, rng);
+        ending = armored ? ".asc" : ".gpg";
+    }
+    const std::string path = stem + ending;
+    if (!WriteFile(path, bytes)) {
+        std::fprintf(stderr, "differential-mutate: cannot write %s: %s\n", path.c_str(), std::strerror(errno));
+        return false;
+    }
+    std::fprintf(cases, "%s\t%s\n", package ? path.c_str() : packageSource.path.c_str(),
+                 package ? keySource.path.c_str() : path.c_str());
+    for (char& c : what) {
+        if (c == '\t' || c == '\n' || c == '\r') c = ' ';
+    }
+    std::fprintf(mutations, "%s %s: %s\n", package ? "package" : "key", source.name.c_str(), what.c_str());
+    return true;
+}
+
 bool MakeFolder(const std::string& path) {
     return mkdir(path.c_str(), 0755) == 0 || errno == EEXIST;
 }
 
 int Usage() {
-    std::fprintf(stderr, "usage: differential-mutate [--data=DIR] OUTDIR SEED COUNT\n");
+    std::fprintf(stderr, "usage: differential-mutate [--data=DIR] [--fixtures=FOLDER] OUTDIR SEED COUNT\n");
     return 2;
 }
 
@@ -1461,6 +1557,7 @@ int Usage() {
 
 int main(int argc, char** argv) {
     std::string data = DIFFERENTIAL_TEST_DATA;
+    std::string fixtures;
     std::vector<std::string> arguments;
     for (int i = 1; i < argc; ++i) {
         const std::string argument = argv[i];
@@ -1468,6 +1565,10 @@ int main(int argc, char** argv) {
             data = argument.substr(7);
         } else if (argument == "--data" && i + 1 < argc) {
             data = argv[++i];
+        } else if (argument.compare(0, 11, "--fixtures=") == 0) {
+            fixtures = argument.substr(11);
+        } else if (argument == "--fixtures" && i + 1 < argc) {
+            fixtures = argv[++i];
         } else {
             arguments.push_back(argument);
         }
@@ -1480,18 +1581,8 @@ int main(int argc, char** argv) {
     if (*end != '\0' || arguments[2].empty()) return Usage();
     const std::string out = arguments[0];
 
-    std::vector<Source> packages, keys;
-    Collect(data, "rpm", {".rpm"}, packages);
-    Collect(data, "current", {".rpm"}, packages);
-    Collect(data, "keys", {".asc", ".gpg"}, keys);
-    Collect(data, "current", {".asc"}, keys);
-    if (packages.empty() || keys.empty()) {
-        std::fprintf(stderr, "differential-mutate: no packages or no keys under %s\n", data.c_str());
-        return 2;
-    }
-
-    std::vector<std::vector<size_t>> keysOf, packagesOf;
-    Pairs(data, packages, keys, keysOf, packagesOf);
+    Sources sources;
+    if (!ReadSources(data, fixtures, sources)) return 2;
 
     if (!MakeFolder(out) || !MakeFolder(out + "/files")) {
         std::fprintf(stderr, "differential-mutate: cannot make %s: %s\n", out.c_str(), std::strerror(errno));
@@ -1503,8 +1594,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "differential-mutate: cannot write in %s: %s\n", out.c_str(), std::strerror(errno));
         return 2;
     }
-    for (const Source& package : packages) {
-        for (const Source& key : keys) {
+    for (const Source& package : sources.packages) {
+        for (const Source& key : sources.keys) {
             std::fprintf(cases, "%s\t%s\n", package.path.c_str(), key.path.c_str());
             std::fprintf(mutations, "fixture\n");
         }
@@ -1516,37 +1607,7 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "differential-mutate: cannot make %s: %s\n", folder.c_str(), std::strerror(errno));
             return 2;
         }
-        const bool package = rng.Percent(85);
-        size_t p = rng.Below(packages.size()), k = rng.Below(keys.size());
-        if (rng.Percent(50)) {
-            if (package && !keysOf[p].empty()) k = rng.Pick(keysOf[p]);
-            if (!package && !packagesOf[k].empty()) p = rng.Pick(packagesOf[k]);
-        }
-        const Source& packageSource = packages[p];
-        const Source& keySource = keys[k];
-        const Source& source = package ? packageSource : keySource;
-        Bytes bytes = source.bytes;
-        std::string what;
-        std::string ending;
-        if (package) {
-            what = MutatePackage(bytes, rng);
-            ending = ".rpm";
-        } else {
-            bool armored = EndsWith(source.path, ".asc");
-            what = MutateKey(bytes, armored, rng);
-            ending = armored ? ".asc" : ".gpg";
-        }
-        const std::string path = folder + "/" + Num(n) + ending;
-        if (!WriteFile(path, bytes)) {
-            std::fprintf(stderr, "differential-mutate: cannot write %s: %s\n", path.c_str(), std::strerror(errno));
-            return 2;
-        }
-        std::fprintf(cases, "%s\t%s\n", package ? path.c_str() : packageSource.path.c_str(),
-                     package ? keySource.path.c_str() : path.c_str());
-        for (char& c : what) {
-            if (c == '\t' || c == '\n' || c == '\r') c = ' ';
-        }
-        std::fprintf(mutations, "%s %s: %s\n", package ? "package" : "key", source.name.c_str(), what.c_str());
+        if (!MakeCase(sources, rng, folder + "/" + Num(n), cases, mutations)) return 2;
     }
     if (std::fclose(cases) != 0 || std::fclose(mutations) != 0) {
         std::fprintf(stderr, "differential-mutate: cannot write the lists in %s\n", out.c_str());

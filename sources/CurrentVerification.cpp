@@ -15,6 +15,7 @@
 #include "Evaluation.h"
 #include "Exceptions.h"
 #include "FileHelper.h"
+#include "HeaderStore.h"
 #include "OpenPgpKeyring.h"
 #include "OpenPgpPackets.h"
 #include "OpenSslHandles.h"
@@ -26,89 +27,36 @@
 
 namespace {
 
-// The main header's tag of the package format version (6 for rpm 6 packages).
-const uint32_t kRpmFormat = 5114;
-// The tag of rpm 6's Base64 signatures.
+const uint32_t kSignatureRegion = 62;
+const uint32_t kMainRegion = 63;
+// rpm 6 packages hold their reserved space in 999 and the header's SHA3-256 digest in 279: with
+// both, rpm reads no signature from the tags of older packages (1000 and above).
+const uint32_t kReserved = 999;
+const uint32_t kSha3Header = 279;
+const uint32_t kFirstLegacyTag = 1000;
 const uint32_t kOpenPgp = 278;
+// What is read of a package's signatures and digests. rpm reads any number of them; packages carry
+// one to three signatures and one digest per tag, and more only cost: a package beyond these bounds
+// is refused.
+const size_t kMaxBase64Signatures = 16;
+const uint32_t kMaxSignatureBytes = 256 * 1024;
+const size_t kMaxDigestsPerTag = 1024;
+// A digest's text longer than this cannot be one (SHA-512 takes 128 digits).
+const size_t kDigestTextKept = 160;
 
 // How the current verification reads a package (SigningPolicy.h).
 const ReaderStyle& CurrentReader() {
     return PolicyOf(SigningPolicy::Current).reader;
 }
 
-std::string TagName(uint32_t tag) {
-    return "RPM tag " + std::to_string(tag);
+std::string TagText(uint32_t tag) {
+    return "tag " + std::to_string(tag);
 }
 
-// The signature header, read whole (it is bounded to 64 MiB), with its values looked up by tag.
-class SignatureStore {
-public:
-    explicit SignatureStore(SignatureHeaderData data) : data_(std::move(data)) {}
-    // The bytes of a binary entry (its count of them).
-    ByteCursor Binary(const HeaderEntry& entry) const {
-        ByteCursor store = data_.Store();
-        if (!store.HasAt(entry.offset, entry.count)) {
-            throw DataFormatException(TagName(entry.tag) + ": the value lies outside the store");
-        }
-        store.Skip(entry.offset);
-        return store.Take(entry.count);
-    }
-    // The count NUL-terminated strings of a string or string-array entry.
-    std::vector<std::string> Strings(const HeaderEntry& entry) const {
-        std::vector<std::string> strings;
-        ByteCursor store = data_.Store();
-        if (!store.Has(entry.offset))
-            throw DataFormatException(TagName(entry.tag) + ": the value lies outside the store");
-        store.Skip(entry.offset);
-        const uint32_t count = entry.type == 6 ? 1 : entry.count;
-        for (uint32_t i = 0; i < count; ++i) {
-            const void* end = store.Remaining() == 0
-                                  ? nullptr
-                                  : std::memchr(store.Here(), '\0', static_cast<size_t>(store.Remaining()));
-            if (end == nullptr)
-                throw DataFormatException(TagName(entry.tag) + ": the text is not terminated in the store");
-            const size_t length = static_cast<size_t>(static_cast<const unsigned char*>(end) - store.Here());
-            strings.emplace_back(reinterpret_cast<const char*>(store.Here()), length);
-            store.Skip(length + 1);
-        }
-        return strings;
-    }
-    // The first string of a digest entry.
-    std::string Text(const HeaderEntry& entry) const {
-        const std::vector<std::string> strings = Strings(entry);
-        if (strings.empty()) throw DataFormatException(TagName(entry.tag) + ": the entry holds no text");
-        return strings.front();
-    }
-    const HeaderStructure& Index() const { return data_.structure; }
-
-private:
-    SignatureHeaderData data_;
-};
-
-// The first string of a main-header entry (a hexadecimal digest), read from the file.
-std::string MainString(const PackageFile& file, const HeaderStructure& header, const HeaderEntry& entry) {
-    if (entry.offset >= header.dataSize)
-        throw DataFormatException(TagName(entry.tag) + ": the value lies outside the store");
-    char text[257] = {};
-    const auto length = static_cast<size_t>(std::min<uint32_t>(256, header.dataSize - entry.offset));
-    if (file.Read(text, length, header.StoreStart() + entry.offset) != length) {
-        throw InvalidFileStructureException("Header section is cut short");
-    }
-    if (std::memchr(text, '\0', length) == nullptr) {
-        throw DataFormatException(TagName(entry.tag) + ": the digest text is not terminated");
-    }
-    return text;
-}
-
-uint32_t MainInt32(const PackageFile& file, const HeaderStructure& header, const HeaderEntry& entry) {
-    if (entry.offset > header.dataSize || header.dataSize - entry.offset < 4) {
-        throw DataFormatException(TagName(entry.tag) + ": the value lies outside the store");
-    }
-    unsigned char bytes[4];
-    if (file.Read(bytes, 4, header.StoreStart() + entry.offset) != 4) {
-        throw InvalidFileStructureException("Header section is cut short");
-    }
-    return (uint32_t(bytes[0]) << 24) | (uint32_t(bytes[1]) << 16) | (uint32_t(bytes[2]) << 8) | bytes[3];
+// Whether rpm reads an entry's value at all: the values of integer types (16, 32 and 64 bits) are
+// not read for verification, and the tag is then taken as absent.
+bool ValueRead(const HeaderEntry& entry) {
+    return entry.type != RpmInt16 && entry.type != RpmInt32 && entry.type != RpmInt64;
 }
 
 // A digest in the making, with the OpenPGP id of its algorithm.
@@ -122,6 +70,7 @@ public:
         }
     }
     const EVP_MD_CTX* Context() const { return context_.get(); }
+    void Feed(const unsigned char* data, size_t size) { EVP_DigestUpdate(context_.get(), data, size); }
     // This digest as a digest pass feeds it.
     DigestStream Stream() {
         EVP_MD_CTX* context = context_.get();
@@ -145,13 +94,16 @@ private:
     EvpMdCtxHandle context_;
 };
 
-// Digests by OpenPGP id, one per algorithm.
-using Hashes = std::map<unsigned int, std::unique_ptr<Hash>>;
+// Digests by OpenPGP id, one per algorithm; null for an algorithm that is not computed.
+using Hashes = std::map<unsigned int, std::shared_ptr<Hash>>;
 
-void Want(Hashes& hashes, unsigned int id) {
-    if (hashes.count(id) == 0 && (id == PgpHashMd5 || OpenPgpDigest(id) != nullptr)) {
-        hashes[id] = std::make_unique<Hash>(id);
-    }
+std::shared_ptr<Hash> Want(Hashes& hashes, unsigned int id) {
+    const auto found = hashes.find(id);
+    if (found != hashes.end()) return found->second;
+    std::shared_ptr<Hash> hash;
+    if (id == PgpHashMd5 || OpenPgpDigest(id) != nullptr) hash = std::make_shared<Hash>(id);
+    hashes[id] = hash;
+    return hash;
 }
 
 std::string Lower(std::string text) {
@@ -159,13 +111,55 @@ std::string Lower(std::string text) {
     return text;
 }
 
-// A signature read from the signature header: the packet, or why it could not be read.
+// A digest the package carries: its algorithm, its label, the text it holds (lower case), and why
+// that cannot be a digest.
+struct CarriedDigest {
+    unsigned int id;
+    std::string label;
+    std::string expected;
+    std::string flaw;
+};
+
+// The hexadecimal digest in the string at offset, read as rpm reads one: at least 16 characters,
+// the size its tag requires (size, with the NUL; 0 for any), at least 40 hexadecimal digits, an
+// even number of them.
+CarriedDigest ReadDigestText(const HeaderStore& store, uint32_t offset, uint32_t tag, uint32_t size,
+                             CarriedDigest digest) {
+    std::string text;
+    uint32_t length = 0;
+    if (!store.String(offset, kDigestTextKept, text, length) || length < 16) {
+        digest.flaw = TagText(tag) + ": invalid data (" + std::to_string(length) + ")";
+    } else if (size != 0 && length + 1 != size) {
+        digest.flaw = TagText(tag) + ": invalid size " + std::to_string(length + 1);
+    } else if (length < 40 || length % 2 != 0 || length > kDigestTextKept ||
+               text.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+        digest.flaw = TagText(tag) + ": invalid hex";
+    } else {
+        digest.expected = Lower(text);
+    }
+    return digest;
+}
+
+// A signature read from the signature header: the packet, the digest its hash is made in (its own
+// when the signature is salted), or why it could not be read.
 struct SignatureEntry {
     uint32_t tag;
     bool header;  // over the main header (267, 268, 278), else over header and payload
     OpenPgpSignature packet;
     std::string unreadable;
+    std::shared_ptr<Hash> hash;
 };
+
+// The signature packet alone in data: one packet of tag 2, and nothing after it.
+OpenPgpSignature ParseSignaturePacket(const unsigned char* data, uint64_t size) {
+    ByteCursor cursor(data, size, "OpenPGP signature");
+    const OpenPgpPacket packet = NextPacket(cursor);
+    if (packet.tag != kSignaturePacket) {
+        throw DataFormatException("OpenPGP packet of tag " + std::to_string(packet.tag) + " is no signature");
+    }
+    if (cursor.Remaining() != 0) throw DataFormatException("bytes follow the OpenPGP signature packet");
+    return OpenPgpSignature::ParseBody(packet.body.Here(), packet.body.Size());
+}
 
 // A signature's record: its algorithms and key ID, or only its tag when it cannot be read.
 RpmCheck SignatureRecordOf(const SignatureEntry& signature) {
@@ -181,121 +175,239 @@ RpmCheck SignatureRecordOf(const SignatureEntry& signature) {
                            signature.packet.issuer);
 }
 
+// A payload digest that the main header holds: its row of the table, its place in its tag, and the
+// digest.
+struct PayloadElement {
+    size_t row;
+    uint32_t index;
+    CarriedDigest digest;
+    bool good = false;
+    bool excused = false;
+};
+
+// Excuses the failures that rpm excuses: of a tag and its alternative (together a group), taken
+// from the last element of the alternative back to the first of the main tag, the first's failure
+// when the second passes, and any other's when the first passes.
+void ExcuseAlternatives(std::vector<PayloadElement>& elements) {
+    for (size_t row = 0; row < kPayloadDigestCount; ++row) {
+        if (kPayloadDigests[row].alternative) continue;
+        std::vector<PayloadElement*> group;
+        for (PayloadElement& element : elements) {
+            if (element.row == row || (element.row == row + 1 && kPayloadDigests[row + 1].alternative)) {
+                group.push_back(&element);
+            }
+        }
+        std::sort(group.begin(), group.end(), [](const PayloadElement* a, const PayloadElement* b) {
+            return kPayloadDigests[a->row].tag != kPayloadDigests[b->row].tag
+                       ? kPayloadDigests[a->row].tag > kPayloadDigests[b->row].tag
+                       : a->index > b->index;
+        });
+        if (group.empty()) continue;
+        const bool firstGood = group.front()->good;
+        group.front()->excused = !firstGood && group.size() > 1 && group[1]->good;
+        for (size_t i = 1; i < group.size(); ++i) group[i]->excused = !group[i]->good && firstGood;
+    }
+}
+
 class CurrentVerification {
 public:
     CurrentVerification(const PackageFile& file, KeyFileBytes& keyFile) : file_(file), keyFile_(keyFile) {}
 
     int Run(std::string& message, std::vector<RpmCheck>* checks) {
         file_.CheckLead(CurrentReader());
-        const SignatureStore signatures(ReadSignatureHeaderData(file_, CurrentReader()));
-        const uint64_t mainStart = (signatures.Index().End() + 7) & ~uint64_t(7);
+        const HeaderStructure signature = ReadHeaderStructure(file_, PackageFile::LeadSize, kSignatureHeaderBounds,
+                                                              "Signature section", CurrentReader());
+        const HeaderStore signatureStore(file_, signature);
+        std::string fault;
+        CheckHeaderAsRpm(signatureStore, kSignatureRegion, false, fault);
+        if (!fault.empty()) return Refuse("Signature section: " + fault, message);
+        const uint64_t mainStart = (signature.End() + 7) & ~uint64_t(7);
         const HeaderStructure main =
             ReadHeaderStructure(file_, mainStart, kMainHeaderBounds, "Header section", CurrentReader());
-        ReadSignatureHeader(signatures);
-        ReadMainHeader(main);
+        const HeaderStore mainStore(file_, main);
+        CheckHeaderAsRpm(mainStore, kMainRegion, true, fault);
+        if (!fault.empty()) return Refuse("Header section: " + fault, message);
+        ReadSignatureHeader(signatureStore);
+        ReadPayloadDigests(mainStore);
         Digest(main);
         return EvaluatePackage(PolicyOf(SigningPolicy::Current), Findings(), message, checks);
     }
 
 private:
-    void ReadSignatureHeader(const SignatureStore& store) {
-        for (const HeaderEntry& entry : store.Index().entries) {
-            // rpm 6 packages hold no tag above 999 in their signature header.
-            laterTags_ = laterTags_ || entry.tag > 999;
-            if (const SignatureTagRow* row = RowOf(entry.tag)) ReadEntry(store, entry, *row);
-        }
-        // A tag superseded by another that holds a signature is not read (rpm reads 267 and 268 only
-        // when 278 holds none).
-        std::vector<SignatureEntry> kept;
-        for (SignatureEntry& signature : signatures_) {
-            const uint32_t over = RowOf(signature.tag)->supersededBy;
-            const bool superseded =
-                over != 0 && std::any_of(signatures_.begin(), signatures_.end(),
-                                         [over](const SignatureEntry& other) { return other.tag == over; });
-            if (!superseded) kept.push_back(std::move(signature));
-        }
-        signatures_ = std::move(kept);
+    static int Refuse(const std::string& fault, std::string& message) {
+        message = fault;
+        return ResultInvalidStructure;
     }
 
-    // The row of the tag table that the current policy reads for tag, or null.
-    static const SignatureTagRow* RowOf(uint32_t tag) {
-        const VerificationPolicy& policy = PolicyOf(SigningPolicy::Current);
+    // The tags of the signature header in the order of the tag table, as rpm reads them.
+    void ReadSignatureHeader(const HeaderStore& store) {
+        const HeaderStructure& header = store.Header();
+        const bool legacyIgnored = header.Find(kReserved) != nullptr && header.Find(kSha3Header) != nullptr;
+        bool base64Read = false;
         for (size_t row = 0; row < kSignatureTagCount; ++row) {
-            if (kSignatureTags[row].tag == tag && kSignatureTags[row].*policy.reads) return &kSignatureTags[row];
-        }
-        return nullptr;
-    }
-
-    void ReadEntry(const SignatureStore& store, const HeaderEntry& entry, const SignatureTagRow& row) {
-        switch (row.meaning) {
-            case TagMeaning::HeaderSignature:
-            case TagMeaning::PackageSignature: {
-                const ByteCursor value = store.Binary(entry);
-                AddSignature(entry.tag, row.meaning == TagMeaning::HeaderSignature, value.Here(), value.Size());
-                break;
+            const SignatureTagRow& tag = kSignatureTags[row];
+            if (!tag.current) continue;
+            const bool signature = tag.meaning != TagMeaning::HeaderDigest && tag.meaning != TagMeaning::PackageMd5;
+            if (signature && legacyIgnored && tag.tag >= kFirstLegacyTag) continue;
+            if (tag.supersededBy == kOpenPgp && base64Read) continue;
+            const HeaderEntry* entry = header.Find(tag.tag);
+            if (entry == nullptr || !ValueRead(*entry)) continue;
+            std::string flaw;
+            if (entry->type != tag.type) {
+                flaw = TagText(tag.tag) + ": invalid type " + std::to_string(entry->type);
+            } else if (tag.count != 0 && entry->count != tag.count) {
+                flaw = TagText(tag.tag) + ": invalid count " + std::to_string(entry->count);
             }
-            case TagMeaning::Base64Signatures:
-                for (const std::string& text : store.Strings(entry)) {
-                    std::vector<unsigned char> bytes;
-                    std::string unreadable;
-                    try {
-                        bytes = DecodeBase64(text, "RPM tag 278: a signature's Base64 text is damaged");
-                    } catch (const DataFormatException& e) {
-                        unreadable = e.what();
-                    }
-                    AddSignature(entry.tag, true, bytes.data(), bytes.size());
-                    if (!unreadable.empty()) signatures_.back().unreadable = unreadable;
-                }
-                break;
-            case TagMeaning::HeaderDigest: headerDigests_[row.hashId] = Lower(store.Text(entry)); break;
-            case TagMeaning::PackageMd5: {
-                if (entry.count != 16) throw DataFormatException("RPM tag 1004: an MD5 digest takes 16 bytes");
-                const ByteCursor value = store.Binary(entry);
-                md5_ += Base::DumpBufferToString(value.Here(), value.Size(), false);  // a second entry adds to it
-                break;
+            switch (tag.meaning) {
+                case TagMeaning::Base64Signatures: base64Read = ReadBase64(store, *entry, flaw); break;
+                case TagMeaning::HeaderSignature:
+                case TagMeaning::PackageSignature:
+                    ReadBinary(store, *entry, flaw, tag.meaning == TagMeaning::HeaderSignature);
+                    break;
+                case TagMeaning::HeaderDigest: ReadHeaderDigest(store, *entry, flaw, tag); break;
+                case TagMeaning::PackageMd5: ReadMd5(store, *entry, flaw); break;
             }
         }
     }
 
-    void AddSignature(uint32_t tag, bool header, const unsigned char* data, uint64_t size) {
-        SignatureEntry signature{tag, header, OpenPgpSignature(), ""};
-        try {
-            signature.packet = OpenPgpSignature::Parse(data, size);
-        } catch (const DataFormatException& e) {
-            signature.unreadable = e.what();
+    // The signature in data, or why it cannot be read.
+    void AddSignature(uint32_t tag, bool header, const unsigned char* data, uint64_t size, std::string flaw) {
+        SignatureEntry signature{tag, header, OpenPgpSignature(), std::move(flaw), nullptr};
+        if (signature.unreadable.empty()) {
+            try {
+                signature.packet = ParseSignaturePacket(data, size);
+            } catch (const DataFormatException& e) {
+                signature.unreadable = TagText(tag) + ": invalid OpenPGP signature: " + e.what();
+            }
         }
         signatures_.push_back(std::move(signature));
     }
 
-    void ReadMainHeader(const HeaderStructure& main) {
-        for (size_t row = 0; row < kPayloadDigestCount; ++row) {
-            const PayloadDigestRow& digest = kPayloadDigests[row];
-            const HeaderEntry* entry = main.Find(digest.tag);
-            if (entry == nullptr) continue;
-            const HeaderEntry* algorithm = digest.algorithmTag != 0 ? main.Find(digest.algorithmTag) : nullptr;
-            const unsigned int id = algorithm != nullptr ? MainInt32(file_, main, *algorithm) : digest.hashId;
-            payloadDigests_.push_back(
-                {id, Lower(MainString(file_, main, *entry)), "Payload " + OpenPgpHashName(id) + " digest"});
+    // Tag 278's signatures, each a Base64 text; whether one of them could be read.
+    bool ReadBase64(const HeaderStore& store, const HeaderEntry& entry, const std::string& flaw) {
+        if (!flaw.empty()) {
+            AddSignature(entry.tag, true, nullptr, 0, flaw);
+            return false;
         }
-        if (const HeaderEntry* entry = main.Find(kRpmFormat)) version6_ = MainInt32(file_, main, *entry) >= 6;
+        bool read = false;
+        uint32_t offset = entry.offset;
+        for (uint32_t i = 0; i < entry.count; ++i) {
+            if (i == kMaxBase64Signatures) {
+                AddSignature(entry.tag, true, nullptr, 0,
+                             TagText(entry.tag) + ": more than " + std::to_string(kMaxBase64Signatures) +
+                                 " signatures are not read");
+                break;
+            }
+            std::string text;
+            uint32_t length = 0;
+            store.String(offset, size_t(kMaxSignatureBytes) * 2, text, length);
+            offset += length + 1;
+            std::vector<unsigned char> bytes;
+            std::string unreadable;
+            if (length > text.size()) {
+                unreadable = TagText(entry.tag) + ": the signature is too long";
+            } else {
+                try {
+                    bytes = DecodeBase64(text, "invalid base64");
+                } catch (const DataFormatException& e) {
+                    unreadable = TagText(entry.tag) + ": " + e.what();
+                }
+            }
+            AddSignature(entry.tag, true, bytes.data(), bytes.size(), unreadable);
+            read = read || signatures_.back().unreadable.empty();
+        }
+        return read;
+    }
+
+    void ReadBinary(const HeaderStore& store, const HeaderEntry& entry, std::string flaw, bool header) {
+        if (flaw.empty() && entry.count > kMaxSignatureBytes) flaw = TagText(entry.tag) + ": the signature is too long";
+        const std::vector<unsigned char> bytes =
+            flaw.empty() ? store.Bytes(entry.offset, entry.count) : std::vector<unsigned char>();
+        AddSignature(entry.tag, header, bytes.data(), bytes.size(), flaw);
+    }
+
+    void ReadHeaderDigest(const HeaderStore& store, const HeaderEntry& entry, const std::string& flaw,
+                          const SignatureTagRow& tag) {
+        CarriedDigest digest{tag.hashId, "Header " + OpenPgpHashName(tag.hashId) + " digest", "", flaw};
+        headerDigests_.push_back(flaw.empty() ? ReadDigestText(store, entry.offset, tag.tag, tag.size, digest)
+                                              : digest);
+    }
+
+    void ReadMd5(const HeaderStore& store, const HeaderEntry& entry, std::string flaw) {
+        md5_ = CarriedDigest{PgpHashMd5, "MD5 digest", "", flaw};
+        if (flaw.empty() && entry.count < 16)
+            flaw = TagText(entry.tag) + ": invalid data (" + std::to_string(entry.count) + ")";
+        if (flaw.empty() && entry.count != 16)
+            flaw = TagText(entry.tag) + ": invalid size " + std::to_string(entry.count);
+        md5_.flaw = flaw;
+        if (flaw.empty()) {
+            const std::vector<unsigned char> bytes = store.Bytes(entry.offset, 16);
+            md5_.expected = Base::DumpBufferToString(bytes.data(), bytes.size(), false);
+        }
+        md5Present_ = true;
+    }
+
+    // The payload digests of the main header: each string of a string array is a digest of its own.
+    void ReadPayloadDigests(const HeaderStore& store) {
+        for (size_t row = 0; row < kPayloadDigestCount; ++row) {
+            const PayloadDigestRow& tag = kPayloadDigests[row];
+            const HeaderEntry* entry = store.Header().Find(tag.tag);
+            if (entry == nullptr || !ValueRead(*entry)) continue;
+            const CarriedDigest digest{
+                tag.hashId, "Payload " + OpenPgpHashName(tag.hashId) + (tag.alternative ? " ALT" : "") + " digest", "",
+                ""};
+            if (entry->type != tag.type) {
+                CarriedDigest flawed = digest;
+                flawed.flaw = TagText(tag.tag) + ": invalid type " + std::to_string(entry->type);
+                payloadDigests_.push_back(PayloadElement{row, 0, flawed});
+                continue;
+            }
+            uint32_t offset = entry->offset;
+            for (uint32_t i = 0; i < entry->count; ++i) {
+                if (i == kMaxDigestsPerTag) {
+                    CarriedDigest flawed = digest;
+                    flawed.flaw =
+                        TagText(tag.tag) + ": more than " + std::to_string(kMaxDigestsPerTag) + " digests are not read";
+                    payloadDigests_.push_back(PayloadElement{row, i, flawed});
+                    break;
+                }
+                payloadDigests_.push_back(PayloadElement{row, i, ReadDigestText(store, offset, tag.tag, 0, digest)});
+                uint32_t length = 0;
+                store.StringsLength(offset, 1, length);
+                offset += length;
+            }
+        }
     }
 
     // One pass over the main header and the payload in blocks: the header digests and the header
     // signatures' hashes over the main header, MD5 and the package signatures' hashes over header and
-    // payload, the payload digests over what follows the main header.
+    // payload, the payload digests over what follows the main header. A salted signature (OpenPGP
+    // version 6) has a hash of its own, which starts with its salt.
     void Digest(const HeaderStructure& main) {
-        for (const auto& digest : headerDigests_) Want(headerHashes_, digest.first);
-        if (!md5_.empty()) Want(packageHashes_, 1);
-        for (const PayloadDigest& digest : payloadDigests_) Want(payloadHashes_, digest.id);
-        for (const SignatureEntry& signature : signatures_) {
-            if (signature.unreadable.empty()) {
-                Want(signature.header ? headerHashes_ : packageHashes_, signature.packet.hashAlgorithm);
+        for (const CarriedDigest& digest : headerDigests_) Want(headerHashes_, digest.id);
+        if (md5Present_) Want(packageHashes_, PgpHashMd5);
+        for (const PayloadElement& element : payloadDigests_) Want(payloadHashes_, element.digest.id);
+        DigestStreams streams;
+        for (SignatureEntry& signature : signatures_) {
+            if (!signature.unreadable.empty()) continue;
+            const unsigned int id = signature.packet.hashAlgorithm;
+            if (signature.packet.salt.empty()) {
+                signature.hash = Want(signature.header ? headerHashes_ : packageHashes_, id);
+            } else if (OpenPgpDigest(id) != nullptr) {
+                signature.hash = std::make_shared<Hash>(id);
+                signature.hash->Feed(signature.packet.salt.data(), signature.packet.salt.size());
+                (signature.header ? streams.header : streams.package).push_back(signature.hash->Stream());
             }
         }
-        DigestStreams streams;
-        for (auto& hash : headerHashes_) streams.header.push_back(hash.second->Stream());
-        for (auto& hash : packageHashes_) streams.package.push_back(hash.second->Stream());
-        for (auto& hash : payloadHashes_) streams.payload.push_back(hash.second->Stream());
+        for (auto& hash : headerHashes_) {
+            if (hash.second) streams.header.push_back(hash.second->Stream());
+        }
+        for (auto& hash : packageHashes_) {
+            if (hash.second) streams.package.push_back(hash.second->Stream());
+        }
+        for (auto& hash : payloadHashes_) {
+            if (hash.second) streams.payload.push_back(hash.second->Stream());
+        }
         payloadLength_ = DigestPass(file_, main, streams);
     }
 
@@ -314,46 +426,60 @@ private:
         return *keys_;
     }
 
-    // A signature's check: unreadable, in a hash the package was not hashed in, or verified with the
-    // keys of the key file (read at the first check).
+    // A signature's check as rpm makes it: unreadable, not over a binary document, in a hash that is
+    // not computed (counts for nothing, as rpm skips it), or verified with the keys of the key file
+    // (read at the first check).
     SignatureOutcome Check(const SignatureEntry& signature) {
         if (!signature.unreadable.empty())
             return SignatureOutcome{RpmCheck::Bad, ResultInvalidSignature, signature.unreadable};
-        const Hashes& hashes = signature.header ? headerHashes_ : packageHashes_;
-        const auto hash = hashes.find(signature.packet.hashAlgorithm);
-        if (hash == hashes.end()) {
+        if (signature.packet.type != 0x00) {
             return SignatureOutcome{
                 RpmCheck::Bad, ResultInvalidSignature,
+                "a signature of type " + std::to_string(signature.packet.type) + " does not sign a binary document"};
+        }
+        if (!signature.hash) {
+            return SignatureOutcome{
+                RpmCheck::NotTrusted, ResultInvalidSignature,
                 "the hash algorithm " + OpenPgpHashName(signature.packet.hashAlgorithm) + " is not supported"};
         }
         std::string reason;
-        switch (VerifyOpenPgpSignature(signature.packet, hash->second->Context(), Keys(), reason)) {
+        switch (VerifyOpenPgpSignature(signature.packet, signature.hash->Context(), Keys(), reason)) {
             case SignatureVerdict::Ok: return SignatureOutcome{RpmCheck::Ok, ResultSigned, ""};
             case SignatureVerdict::NoKey: return SignatureOutcome{RpmCheck::NoKey, ResultInvalidSignature, reason};
+            case SignatureVerdict::NotTrusted:
+                return SignatureOutcome{RpmCheck::NotTrusted, ResultInvalidSignature, reason};
             default: return SignatureOutcome{RpmCheck::Bad, ResultInvalidSignature, reason};
         }
     }
 
-    // What the current verification finds: the digests the package carries against those computed,
-    // the signatures it reads (header signatures first), and its structure's fault.
+    static DigestFinding FindingOf(RpmCheck::Kind kind, const CarriedDigest& digest, const Hashes& hashes) {
+        const auto hash = hashes.find(digest.id);
+        const bool computed = hash != hashes.end() && hash->second;
+        return DigestFinding{
+            kind,       digest.label,    true,
+            computed,   digest.expected, computed && digest.flaw.empty() ? hash->second->HexValue() : "",
+            digest.flaw};
+    }
+
+    // What the current verification finds: the digests the package carries against those computed
+    // (less the failures rpm excuses), the signatures it reads (header signatures first).
     PackageFindings Findings() {
         PackageFindings findings;
-        findings.structureFault = version6_ && laterTags_;
-        for (const auto& digest : headerDigests_) {
-            findings.headerDigests.push_back(
-                DigestFinding{digest.first == PgpHashSha1 ? RpmCheck::HeaderSha1 : RpmCheck::HeaderDigest,
-                              "Header " + OpenPgpHashName(digest.first) + " digest", true, true, digest.second,
-                              headerHashes_.at(digest.first)->HexValue()});
+        for (const CarriedDigest& digest : headerDigests_) {
+            findings.headerDigests.push_back(FindingOf(
+                digest.id == PgpHashSha1 ? RpmCheck::HeaderSha1 : RpmCheck::HeaderDigest, digest, headerHashes_));
         }
-        for (const PayloadDigest& digest : payloadDigests_) {
-            const auto hash = payloadHashes_.find(digest.id);
-            findings.payloadDigests.push_back(
-                DigestFinding{RpmCheck::PayloadDigest, digest.label, true, hash != payloadHashes_.end(),
-                              digest.expected, hash != payloadHashes_.end() ? hash->second->HexValue() : ""});
+        for (PayloadElement& element : payloadDigests_) {
+            const DigestFinding finding = FindingOf(RpmCheck::PayloadDigest, element.digest, payloadHashes_);
+            element.good = finding.flaw.empty() && finding.computed && finding.expected == finding.value;
         }
-        findings.md5.present = !md5_.empty();
-        findings.md5.expected = md5_;
-        if (findings.md5.present) findings.md5.value = packageHashes_.at(PgpHashMd5)->HexValue();
+        ExcuseAlternatives(payloadDigests_);
+        for (const PayloadElement& element : payloadDigests_) {
+            if (!element.excused) {
+                findings.payloadDigests.push_back(FindingOf(RpmCheck::PayloadDigest, element.digest, payloadHashes_));
+            }
+        }
+        if (md5Present_) findings.md5 = FindingOf(RpmCheck::Md5, md5_, packageHashes_);
         for (const SignatureEntry& signature : signatures_) {
             SignatureFinding finding{signature.tag, SignatureRecordOf(signature),
                                      [this, &signature](std::string&) { return Check(signature); }};
@@ -363,24 +489,18 @@ private:
         return findings;
     }
 
-    struct PayloadDigest {
-        unsigned int id;
-        std::string expected;
-        std::string label;
-    };
-
     const PackageFile& file_;
     KeyFileBytes& keyFile_;
     std::unique_ptr<OpenPgpKeyring> keys_;
     std::exception_ptr keyError_;
     bool keysRead_ = false;
     std::vector<SignatureEntry> signatures_;
-    std::map<unsigned int, std::string> headerDigests_;  // expected, by hash id
-    std::string md5_;
-    std::vector<PayloadDigest> payloadDigests_;
+    std::vector<CarriedDigest> headerDigests_;
+    CarriedDigest md5_;
+    bool md5Present_ = false;
+    std::vector<PayloadElement> payloadDigests_;
     Hashes headerHashes_, packageHashes_, payloadHashes_;
     uint64_t payloadLength_ = 0;
-    bool version6_ = false, laterTags_ = false;
 };
 
 }  // namespace

@@ -1,16 +1,21 @@
 #pragma once
-// The "current" verification policy: a package is signed exactly when rpm 4.18's
-// `rpmkeys --checksig` would say "digests signatures OK" with the same key file, and refused
-// whenever it would not. What it reads beyond the classic verifier:
-//   - header signatures in tags 268 (RSA) and 267 (EdDSA, DSA), package signatures in 1002 and 1005,
-//     and rpm 6's tag 278 (Base64 signatures, any of which counts); each signature hashed in its
-//     own algorithm, so header and package signatures may use different ones;
+// The "current" verification policy: today's rpm (rpm 6.1) read safely. A package is signed when
+// every digest and signature that rpm 6.1's `rpmkeys --checksig` reads passes (a signature that is
+// not trusted counts for nothing, as rpm ignores it), at least one signature verifies, and every
+// digest the package carries matches. What it reads:
+//   - the lead by its magic alone (rpm 6 packages say major version 4), both headers held to rpm's
+//     header checks (HeaderStore.h), the first entry of a tag where it is repeated;
+//   - signatures in 278 (Base64 packets, each of which must verify); when 278 holds one that can be
+//     read, 267 and 268 over the header and 1002 and 1005 over header and payload are not read, nor
+//     the tags from 1000 on of a package that holds 999 and 279 (rpm 6's own); each signature is
+//     the packet alone in its entry, hashed in its own algorithm (a salted one in its own hash);
 //   - every digest the package carries: 269 (SHA-1), 273 (SHA-256) and 279 (SHA3-256) of the main
-//     header, 1004 (MD5) of header and payload, and the payload digests that the main header
-//     holds (5092 in the algorithm of 5093, 5121 SHA-512, 5123 SHA3-256);
+//     header, 1004 (MD5) of header and payload, and the payload digests of the main header (5092
+//     SHA-256, 5121 SHA-512, 5123 SHA3-256, and their alternatives 5097, 5122, 5124, whose failure
+//     is excused when the other of the pair passes, as rpm excuses it);
 //   - a header-only signature covers the payload through the main header's payload digest; without
 //     one, a signature over header and payload is still needed;
-//   - every key of the key file (OpenPgpKeyring): primary keys and bound subkeys, RSA and Ed25519;
+//   - every key of the key file (OpenPgpKeyring);
 //   - sizes and positions in 64 bits, read in blocks: packages of any size, memory bounded.
 #include <string>
 #include <vector>

@@ -10,8 +10,6 @@
 
 namespace {
 
-const uint32_t kBase64Signatures = 278;
-
 // One evaluation: the steps of the policy over the findings, each failure given to one verdict.
 class Evaluation {
 public:
@@ -31,8 +29,8 @@ private:
     bool Step(EvaluationStep step) {
         switch (step) {
             case EvaluationStep::Structure:
-                return !findings_.structureFault ||
-                       verdict_.Fail(ResultInvalidStructure, "A version 6 package holds signature tags above 999");
+                return findings_.structureFault.empty() ||
+                       verdict_.Fail(ResultInvalidStructure, findings_.structureFault);
             case EvaluationStep::HeaderDigests: return Digests(findings_.headerDigests, policy_.sha1Failure);
             case EvaluationStep::PayloadDigests: return Digests(findings_.payloadDigests, nullptr);
             case EvaluationStep::Md5: return Md5();
@@ -60,6 +58,10 @@ private:
             if (!policy_.digestsRequired) return true;
             verdict_.Record(RpmCheck{digest.kind, RpmCheck::NotFound, digest.label, "", ""});
             return verdict_.Fail(ResultInvalidHash, text);
+        }
+        if (!digest.flaw.empty()) {
+            verdict_.Record(RpmCheck{digest.kind, RpmCheck::Bad, digest.label, digest.flaw, ""});
+            return verdict_.Fail(ResultInvalidHash, text + ": " + digest.flaw);
         }
         if (!digest.computed) {
             verdict_.Record(RpmCheck{digest.kind, RpmCheck::Bad, digest.label, "the algorithm is not supported", ""});
@@ -114,24 +116,26 @@ private:
                 kind == RpmCheck::HeaderSignature ? "Header signature" : "Header and payload signature", "", ""});
             return rule.missing == ResultSigned || verdict_.Fail(rule.missing, rule.missingMessage);
         }
-        const bool anyOne = rule.anyOne || (rule.anyOneWithBase64 &&
-                                            std::any_of(group.begin(), group.end(), [](const SignatureFinding& s) {
-                                                return s.tag == kBase64Signatures;
-                                            }));
+        const bool anyOne = rule.anyOne;
         bool anyGood = false, anyFailed = false;
         int failure = ResultSigned;
         std::string firstReason;
         for (const SignatureFinding& signature : group) {
             const SignatureOutcome outcome = Check(signature);
             anyGood = anyGood || outcome.state == RpmCheck::Ok;
+            if (outcome.state == RpmCheck::NotTrusted) {
+                if (notTrusted_.empty()) notTrusted_ = outcome.reason;
+                continue;
+            }
             if (outcome.state != RpmCheck::Ok && !anyFailed) {
                 anyFailed = true;
                 failure = outcome.result;
                 firstReason = outcome.reason;
             }
         }
+        // A group of signatures that are not trusted does not fail, and signs nothing.
         const bool good = anyOne ? anyGood : !anyFailed;
-        (kind == RpmCheck::HeaderSignature ? headerSigned_ : packageSigned_) = good;
+        (kind == RpmCheck::HeaderSignature ? headerSigned_ : packageSigned_) = good && anyGood;
         if (good) return true;
         if (rule.deferred) {
             if (pending_.empty()) pending_ = firstReason;
@@ -148,6 +152,9 @@ private:
         if (!pending_.empty()) {
             return verdict_.Fail(ResultInvalidSignature, policy_.packageSignatures.failurePrefix + pending_);
         }
+        if (!headerSigned_ && !packageSigned_ && !notTrusted_.empty()) {
+            return verdict_.Fail(ResultNotSigned, "The package holds no trusted signature: " + notTrusted_);
+        }
         if (!headerSigned_ && !packageSigned_) return verdict_.Fail(ResultNotSigned, "The package holds no signature");
         if (findings_.payloadLength == 0) return verdict_.Fail(ResultInvalidHash, "The package has no payload");
         if (!packageSigned_ && findings_.payloadDigests.empty()) {
@@ -161,7 +168,8 @@ private:
     const PackageFindings& findings_;
     Verdict verdict_;
     bool headerSigned_ = false, packageSigned_ = false;
-    std::string pending_;  // the first reason of a deferred signature failure
+    std::string pending_;     // the first reason of a deferred signature failure
+    std::string notTrusted_;  // why the first signature that is not trusted is not
 };
 
 }  // namespace

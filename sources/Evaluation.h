@@ -20,10 +20,13 @@ struct DigestFinding {
     bool computed;      // the module computed it (an algorithm it knows)
     std::string expected;
     std::string value;
+    // Why the value the package carries cannot be a digest (not hexadecimal, of a wrong type or
+    // size): the check fails with this reason; empty when it can be one.
+    std::string flaw = "";
 };
 
-// How one signature check went: Ok, Bad or NoKey, its ProcessingResult (ResultSigned when good), and
-// why it failed.
+// How one signature check went: Ok, Bad, NoKey or NotTrusted, its ProcessingResult (ResultSigned
+// when good), and why it failed or is not trusted.
 struct SignatureOutcome {
     RpmCheck::State state;
     int result;
@@ -40,7 +43,7 @@ struct SignatureFinding {
 };
 
 struct PackageFindings {
-    bool structureFault = false;  // a version 6 package that holds signature tags above 999
+    std::string structureFault;  // why the package's structure is refused; empty when it is not
     std::vector<DigestFinding> headerDigests;
     std::vector<DigestFinding> payloadDigests;
     DigestFinding md5{RpmCheck::Md5, "MD5 digest", false, true, "", ""};

@@ -15,6 +15,7 @@
 
 #include "FileHelper.h"
 #include "LogText.h"
+#include "OpenPgpKeyring.h"
 #include "PgpKey.h"
 #include "RunCommand.h"
 #include "host.h"
@@ -124,10 +125,14 @@ bool IsOwnRegularFile(const std::string& path, unsigned long long limit) {
            static_cast<unsigned long long>(status.st_size) <= limit;
 }
 
-// Whether the downloaded file at path holds an OpenPGP public key (armored or binary) that the
-// module's own reader takes; otherwise reason says why not.
-bool ReadsAsPublicKey(const std::string& path, std::string& reason) {
+// Whether the downloaded file at path holds an OpenPGP public key (armored or binary) that the key
+// reader of policy takes; otherwise reason says why not.
+bool ReadsAsPublicKey(const std::string& path, SigningPolicy policy, std::string& reason) {
     try {
+        if (policy == SigningPolicy::Current) {
+            OpenPgpKeyring::ReadFile(path);
+            return true;
+        }
         const std::vector<char> bytes = PgpKey::ReadFile(path);
         PgpKey::Parse(bytes.data(), static_cast<unsigned int>(bytes.size()));
         return true;
@@ -420,7 +425,7 @@ std::string _signing_get_public_key(session_t* session, KeyAcquisition& acquisit
     // An answer that is not a key (curl keeps an HTTP error page) fails like a download that failed.
     // A file that names an address goes on to the key screen, which has always refused it by name.
     std::string reason;
-    if (!HoldsAddress(outputFile) && !ReadsAsPublicKey(outputFile, reason)) {
+    if (!HoldsAddress(outputFile) && !ReadsAsPublicKey(outputFile, acquisition.policy, reason)) {
         print_log("signing_get_public_key: refused the downloaded key [%s]: it is not an OpenPGP public key (%s)",
                   LogText(outputFile).c_str(), LogText(reason).c_str());
         acquisition.failure = "the downloaded file is not an OpenPGP public key";

@@ -3,6 +3,7 @@
 // key service into the session's temp folder within a deadline, screened before it is used.
 #include <string>
 
+#include "SigningPolicy.h"
 #include "signing/signing.h"
 
 // How long the key acquisition of one check may take in all, and how many bytes each download
@@ -36,6 +37,8 @@ public:
 
     // Why the last key lookup gave no key ("" when it gave one), for the check's log.
     std::string failure;
+    // The policy whose key reader screens a downloaded key (the packages are verified under it).
+    SigningPolicy policy = SigningPolicy::Classic;
 
 private:
     SigningDownloadLimits limits_;

@@ -30,10 +30,12 @@ const OpenPgpKeyAlgorithmRow kKeyAlgorithms[] = {
     {"Elgamal", 16, false, false},  // encryption only
     {"DSA", 17, true, true},        //
     {"ECDH", 18, false, false},     // encryption only
-    {"ECDSA", 19, false, false},    //
-    {"EdDSA", 22, false, true},     // RFC 4880bis: Ed25519 in a version 4 key
-    {"Ed25519", 27, false, false},  // RFC 9580
-    {"Ed448", 28, false, false},    // RFC 9580
+    {"ECDSA", 19, false, true},     // NIST P-256, P-384, P-521
+    {"EdDSA", 22, false, true},     // RFC 4880bis: Ed25519 (or Ed448) in a version 4 key
+    {"X25519", 25, false, false},   // RFC 9580, encryption only
+    {"X448", 26, false, false},     // RFC 9580, encryption only
+    {"Ed25519", 27, false, true},   // RFC 9580
+    {"Ed448", 28, false, true},     // RFC 9580
 };
 
 }  // namespace

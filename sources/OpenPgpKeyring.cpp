@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <ctime>
 #include <functional>
 
 #include "Base.h"
@@ -20,68 +21,22 @@ namespace {
 const char kBegin[] = "-----BEGIN PGP PUBLIC KEY BLOCK-----";
 const char kEnd[] = "-----END PGP PUBLIC KEY BLOCK-----";
 
-// Signature types (RFC 4880, 5.2.1).
-const unsigned int kSubkeyBinding = 0x18;
+// Signature types (RFC 9580, 5.2.1).
+const unsigned int kCertificationFirst = 0x10, kCertificationLast = 0x13;
+const unsigned int kSubkeyBinding = 0x18, kPrimaryKeyBinding = 0x19, kDirectKey = 0x1F;
+const unsigned int kKeyRevocation = 0x20, kSubkeyRevocation = 0x28;
+const unsigned int kUserIdPacket = 13, kUserAttributePacket = 17;
+// Key flags (RFC 9580, 5.2.3.29): the key may sign data.
+const unsigned int kSignsData = 0x02;
 
-// Ed25519's curve OID, 1.3.6.1.4.1.11591.15.1, as OpenPGP stores it (without tag and length).
-const unsigned char kEd25519Oid[] = {0x2B, 0x06, 0x01, 0x04, 0x01, 0xDA, 0x47, 0x0F, 0x01};
+// How many signatures of one key component (the primary key, a user ID, a subkey) are hashed and
+// checked at most, and how many of one key in all: a key block full of bogus bindings costs no
+// more than these.
+const unsigned int kChecksPerComponent = 32;
+const unsigned int kChecksPerKey = 256;
 
-// value left-padded with zeros to length octets (an MPI drops leading zero octets); a longer value
-// is refused.
-bool PadTo(const ByteCursor& value, size_t length, std::vector<unsigned char>& out) {
-    if (value.Size() > length) return false;
-    out.assign(length - static_cast<size_t>(value.Size()), 0);
-    out.insert(out.end(), value.Here(), value.Here() + value.Size());
-    return true;
-}
-
-// A public-key packet's body as a key (version 4 only: RSA, or EdDSA on Ed25519); why not in
-// refusal when it cannot verify.
-bool ReadPublicKey(const ByteCursor& packet, bool subkey, OpenPgpPublicKey& key, std::string& refusal) {
-    ByteCursor body = packet;
-    const uint8_t version = body.ReadUInt8("Public-key packet");
-    key.keyId = V4KeyId(packet);
-    key.subkey = subkey;
-    if (version != 4) {
-        refusal = "a version " + std::to_string(version) + " key is not supported";
-        key.keyId.clear();
-        return false;
-    }
-    body.Skip(4, "Public-key packet");  // creation time
-    key.algorithm = body.ReadUInt8("Public-key packet");
-    if (key.algorithm >= 1 && key.algorithm <= 3) {
-        const ByteCursor modulus = ReadMpi(body), exponent = ReadMpi(body);
-        key.bits = static_cast<unsigned int>(modulus.Size() * 8);
-        // Less the leading zero bits of the first octet (all eight of a zero octet).
-        for (unsigned char top = modulus.Size() > 0 ? modulus.Here()[0] : 0x80, bit = 0; bit < 8 && (top & 0x80) == 0;
-             ++bit, top = static_cast<unsigned char>(top << 1)) {
-            --key.bits;
-        }
-        key.key = RsaPublicKey(modulus, exponent);
-    } else if (key.algorithm == 22) {
-        const uint8_t oidLength = body.ReadUInt8("EdDSA key");
-        const ByteCursor oid = body.Take(oidLength, "EdDSA key");
-        const ByteCursor point = ReadMpi(body);
-        if (oid.Size() != sizeof kEd25519Oid || std::memcmp(oid.Here(), kEd25519Oid, sizeof kEd25519Oid) != 0) {
-            refusal = "an EdDSA key on a curve other than Ed25519 is not supported";
-            return false;
-        }
-        if (point.Size() != 33 || point.Here()[0] != 0x40) {
-            refusal = "the Ed25519 point is not in its native form";
-            return false;
-        }
-        key.bits = 256;
-        EVP_PKEY* raw = EVP_PKEY_new_raw_public_key(EVP_PKEY_ED25519, nullptr, point.Here() + 1, 32);
-        if (raw != nullptr) key.key = std::shared_ptr<EVP_PKEY>(raw, EvpPkeyFree());
-    } else {
-        refusal = OpenPgpAlgorithmName(key.algorithm) + " keys are not supported";
-        return false;
-    }
-    if (!key.key) {
-        refusal = "OpenSSL does not take the key";
-        return false;
-    }
-    return true;
+bool IsRsa(unsigned int algorithm) {
+    return algorithm >= 1 && algorithm <= 3;
 }
 
 // The signature's hash of data (already in context) and its trailer: true with hash filled.
@@ -98,79 +53,79 @@ bool FinishHash(const OpenPgpSignature& signature, const EVP_MD_CTX* data, std::
     return true;
 }
 
+// An RSA value as long as the modulus: its leading zero octets dropped (some signers write one),
+// then left-padded with zeros.
+bool RsaValue(const std::vector<unsigned char>& value, size_t size, std::vector<unsigned char>& out) {
+    size_t first = 0;
+    while (first < value.size() && value[first] == 0) ++first;
+    if (value.size() - first > size) return false;
+    out.assign(size - (value.size() - first), 0);
+    out.insert(out.end(), value.begin() + static_cast<long>(first), value.end());
+    return true;
+}
+
 // Whether the value of signature verifies hash with key; why not in reason.
 bool CheckValue(const OpenPgpSignature& signature, const OpenPgpPublicKey& key, const std::vector<unsigned char>& hash,
                 std::string& reason) {
-    const bool rsa = key.algorithm >= 1 && key.algorithm <= 3;
-    const bool signatureRsa = signature.publicKeyAlgorithm >= 1 && signature.publicKeyAlgorithm <= 3;
-    if (rsa != signatureRsa || (!rsa && signature.publicKeyAlgorithm != key.algorithm)) {
+    const bool rsa = IsRsa(key.algorithm);
+    if (rsa != IsRsa(signature.publicKeyAlgorithm) || (!rsa && signature.publicKeyAlgorithm != key.algorithm)) {
         reason = "a " + OpenPgpAlgorithmName(signature.publicKeyAlgorithm) + " signature cannot be made by a " +
                  OpenPgpAlgorithmName(key.algorithm) + " key";
         return false;
     }
-    if (rsa) {
-        const size_t size = static_cast<size_t>(EVP_PKEY_get_size(key.key.get()));
-        std::vector<unsigned char> value;
-        const EvpPkeyCtxHandle context(EVP_PKEY_CTX_new(key.key.get(), nullptr));
-        const bool good = PadTo(ByteCursor(signature.value.data(), signature.value.size(), "RSA value"), size, value) &&
-                          context && EVP_PKEY_verify_init(context.get()) == 1 &&
-                          EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1 &&
-                          EVP_PKEY_CTX_set_signature_md(context.get(), OpenPgpDigest(signature.hashAlgorithm)) == 1 &&
-                          EVP_PKEY_verify(context.get(), value.data(), value.size(), hash.data(), hash.size()) == 1;
-        if (!good) reason = "the RSA signature does not verify";
+    if (!key.key) {
+        reason = "the key cannot verify";
+        return false;
+    }
+    const bool edDsa = key.algorithm == 22 || key.algorithm == 27 || key.algorithm == 28;
+    if (edDsa) {
+        const EvpMdCtxHandle context(EVP_MD_CTX_new());
+        const bool good =
+            context && EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key.key.get()) == 1 &&
+            EVP_DigestVerify(context.get(), signature.value.data(), signature.value.size(), hash.data(), hash.size()) ==
+                1;
+        if (!good) reason = "the EdDSA signature does not verify";
         return good;
     }
-    const EvpMdCtxHandle context(EVP_MD_CTX_new());
-    const bool good =
-        context && EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key.key.get()) == 1 &&
-        EVP_DigestVerify(context.get(), signature.value.data(), signature.value.size(), hash.data(), hash.size()) == 1;
-    if (!good) reason = "the EdDSA signature does not verify";
+    std::vector<unsigned char> value = signature.value;
+    const EvpPkeyCtxHandle context(EVP_PKEY_CTX_new(key.key.get(), nullptr));
+    bool good = context && EVP_PKEY_verify_init(context.get()) == 1;
+    if (rsa) {
+        good = good && RsaValue(signature.value, static_cast<size_t>(EVP_PKEY_get_size(key.key.get())), value) &&
+               EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1 &&
+               EVP_PKEY_CTX_set_signature_md(context.get(), OpenPgpDigest(signature.hashAlgorithm)) == 1;
+    }
+    good = good && EVP_PKEY_verify(context.get(), value.data(), value.size(), hash.data(), hash.size()) == 1;
+    if (!good) reason = "the " + OpenPgpAlgorithmName(key.algorithm) + " signature does not verify";
     return good;
 }
 
-// The binding signature of subkey (a subkey packet's body) by primary (its primary key, whose
-// packet body is primaryBody): whether it verifies.
-bool BindingVerifies(const OpenPgpSignature& binding, const OpenPgpPublicKey& primary, const ByteCursor& primaryBody,
-                     const ByteCursor& subkeyBody, std::string& reason) {
-    if (binding.type != kSubkeyBinding) {
-        reason = "no binding signature";
-        return false;
+// A digest context for signature: its hash, then its salt (version 6); null when the hash is not
+// taken.
+EvpMdCtxHandle StartHash(const OpenPgpSignature& signature) {
+    const EVP_MD* md = OpenPgpDigest(signature.hashAlgorithm);
+    EvpMdCtxHandle context(EVP_MD_CTX_new());
+    if (md == nullptr || !context || EVP_DigestInit_ex(context.get(), md, nullptr) != 1 ||
+        EVP_DigestUpdate(context.get(), signature.salt.data(), signature.salt.size()) != 1) {
+        return nullptr;
     }
-    if (!binding.flaw.empty()) {
-        reason = binding.flaw;
-        return false;
-    }
-    if (!binding.issuer.empty() && binding.issuer != primary.keyId) {
-        reason = "its binding signature is by another key";
-        return false;
-    }
-    const EVP_MD* md = OpenPgpDigest(binding.hashAlgorithm);
-    const EvpMdCtxHandle context(EVP_MD_CTX_new());
-    if (md == nullptr || !context || EVP_DigestInit_ex(context.get(), md, nullptr) != 1) {
-        reason = "its binding signature's hash is not supported";
-        return false;
-    }
-    for (const ByteCursor* body : {&primaryBody, &subkeyBody}) {
-        const unsigned char frame[3] = {0x99, static_cast<unsigned char>(body->Size() >> 8),
-                                        static_cast<unsigned char>(body->Size() & 0xFF)};
-        EVP_DigestUpdate(context.get(), frame, sizeof frame);
-        EVP_DigestUpdate(context.get(), body->Here(), static_cast<size_t>(body->Size()));
-    }
-    std::vector<unsigned char> hash;
-    if (!FinishHash(binding, context.get(), hash) || hash.size() < 2 ||
-        std::memcmp(hash.data(), binding.left16, 2) != 0) {
-        reason = "its binding signature does not verify";
-        return false;
-    }
-    if (!CheckValue(binding, primary, hash, reason)) {
-        reason = "its binding signature does not verify";
-        return false;
-    }
-    return true;
+    return context;
 }
 
-// The bytes between the BEGIN line of an armored block and its END line, decoded; the checksum
-// line ("=" and four characters) is checked when present (CRC-24, RFC 4880, 6.1).
+// A user ID (B4) or user attribute (D1) as a certification hashes it: its tag octet, a four-octet
+// length, the body.
+void HashUserId(EVP_MD_CTX* context, unsigned int tag, const ByteCursor& body) {
+    const uint64_t n = body.Size();
+    const unsigned char frame[5] = {static_cast<unsigned char>(tag == kUserIdPacket ? 0xB4 : 0xD1),
+                                    static_cast<unsigned char>(n >> 24), static_cast<unsigned char>(n >> 16),
+                                    static_cast<unsigned char>(n >> 8), static_cast<unsigned char>(n)};
+    EVP_DigestUpdate(context, frame, sizeof frame);
+    EVP_DigestUpdate(context, body.Here(), static_cast<size_t>(n));
+}
+
+// The bytes between the BEGIN line of an armored block and its END line, decoded. The checksum line
+// ("=" and four characters, CRC-24) is read past: rpm 6.1 imports a key whose checksum is missing or
+// does not match, and the key's own signatures are what vouch for its bytes.
 std::vector<unsigned char> DecodeArmor(const std::string& block) {
     std::vector<std::string> lines;
     for (size_t at = 0; at < block.size();) {
@@ -183,34 +138,11 @@ std::vector<unsigned char> DecodeArmor(const std::string& block) {
     size_t first = 1;
     while (first < lines.size() && !lines[first].empty() && lines[first].find(':') != std::string::npos) ++first;
     if (first < lines.size() && lines[first].empty()) ++first;
-    std::string body, checksum;
+    std::string body;
     for (size_t line = first; line < lines.size() && lines[line].rfind("-----", 0) != 0; ++line) {
-        if (!lines[line].empty() && lines[line][0] == '=') {
-            checksum = lines[line].substr(1);
-        } else {
-            body += lines[line];
-        }
+        if (lines[line].empty() || lines[line][0] != '=') body += lines[line];
     }
-    std::vector<unsigned char> decoded = DecodeBase64(body, "The armor's Base64 text is damaged");
-    if (!checksum.empty()) {
-        unsigned char crc[4] = {};
-        if (checksum.size() != 4 ||
-            EVP_DecodeBlock(crc, reinterpret_cast<const unsigned char*>(checksum.data()), 4) != 3) {
-            throw DataFormatException("The armor's checksum is damaged");
-        }
-        uint32_t value = 0xB704CE;
-        for (unsigned char octet : decoded) {
-            value ^= static_cast<uint32_t>(octet) << 16;
-            for (int bit = 0; bit < 8; ++bit) {
-                value <<= 1;
-                if ((value & 0x1000000) != 0) value ^= 0x1864CFB;
-            }
-        }
-        if ((value & 0xFFFFFF) != ((uint32_t(crc[0]) << 16) | (uint32_t(crc[1]) << 8) | crc[2])) {
-            throw DataFormatException("The armor's checksum does not match its text");
-        }
-    }
-    return decoded;
+    return DecodeBase64(body, "The armor's Base64 text is damaged");
 }
 
 }  // namespace
@@ -220,110 +152,16 @@ const EVP_MD* OpenPgpDigest(unsigned int hashId) {
     return row != nullptr && row->signs ? row->md() : nullptr;
 }
 
-OpenPgpSignature OpenPgpSignature::Parse(const unsigned char* data, uint64_t size) {
-    ByteCursor cursor(data, size, "OpenPGP signature");
-    const OpenPgpPacket packet = NextPacket(cursor);
-    if (packet.tag != kSignaturePacket) {
-        throw DataFormatException("OpenPGP packet of tag " + std::to_string(packet.tag) + " is no signature");
-    }
-    return ParseBody(packet.body.Here(), packet.body.Size());
-}
-
-namespace {
-
-// Version 3: the hashed length (5), type, creation time, issuer, algorithms.
-void ReadV3Fields(ByteCursor& body, OpenPgpSignature& signature) {
-    if (body.ReadUInt8() != 5) throw DataFormatException("Version 3 signature packet: the hashed length must be 5");
-    signature.trailer.assign(body.Here(), body.Here() + 5);
-    signature.type = body.ReadUInt8();
-    body.Skip(4);
-    signature.issuer = Base::DumpBufferToString(body.Peek(8), 8, true);
-    body.Skip(8);
-    signature.publicKeyAlgorithm = body.ReadUInt8();
-    signature.hashAlgorithm = body.ReadUInt8();
-}
-
-// The subpackets of one area: the issuer (16, or the fingerprint's low octets from 33, kept in
-// fingerprintIssuer), and critical subpackets the reader does not act on, which make the signature
-// invalid (RFC 4880, 5.2.3.1) when they are hashed: those are the signer's.
-void ReadSubpackets(const ByteCursor& area, bool hashed, OpenPgpSignature& signature, std::string& fingerprintIssuer) {
-    ForEachSubpacket(area, [&](uint8_t type, ByteCursor subpacket) {
-        const unsigned int kind = type & 0x7Fu;
-        if (kind == 16 && subpacket.Remaining() == 8) {
-            signature.issuer = Base::DumpBufferToString(subpacket.Here(), 8, true);
-        } else if (kind == 33 && subpacket.Remaining() == 21 && subpacket.Here()[0] == 4) {
-            fingerprintIssuer = Base::DumpBufferToString(subpacket.Here() + 13, 8, true);
-        }
-        const bool understood = kind == 2 || kind == 3 || kind == 9 || kind == 11 || kind == 16 || kind == 21 ||
-                                kind == 22 || kind == 23 || kind == 25 || kind == 27 || kind == 30 || kind == 32 ||
-                                kind == 33;
-        if ((type & 0x80) != 0 && !understood && hashed) {
-            signature.flaw =
-                "it holds a critical subpacket of type " + std::to_string(kind) + " that is not understood";
-        }
-        return true;
-    });
-}
-
-// Version 4: type, algorithms, the hashed and unhashed areas; data is the body from its version.
-void ReadV4Fields(const unsigned char* data, ByteCursor& body, OpenPgpSignature& signature) {
-    signature.type = body.ReadUInt8();
-    signature.publicKeyAlgorithm = body.ReadUInt8();
-    signature.hashAlgorithm = body.ReadUInt8();
-    const uint16_t hashedLength = body.ReadUInt16();
-    ByteCursor hashed = body.Take(hashedLength, "Hashed subpacket area");
-    const uint16_t unhashedLength = body.ReadUInt16("Unhashed subpacket area");
-    ByteCursor unhashed = body.Take(unhashedLength, "Unhashed subpacket area");
-    // The trailer: the fields up to the end of the hashed area, then 04 FF and their length.
-    const uint32_t fieldsLength = 6u + hashedLength;
-    signature.trailer.assign(data, data + fieldsLength);
-    const auto tail = OpenPgpV4Trailer(fieldsLength);
-    signature.trailer.insert(signature.trailer.end(), tail.begin(), tail.end());
-    std::string fingerprintIssuer;
-    ReadSubpackets(hashed, true, signature, fingerprintIssuer);
-    ReadSubpackets(unhashed, false, signature, fingerprintIssuer);
-    if (signature.issuer.empty()) signature.issuer = fingerprintIssuer;
-}
-
-// The left 16 bits of the hash and the value: RSA's one integer, EdDSA's R and S.
-void ReadSignatureValue(ByteCursor& body, OpenPgpSignature& signature) {
-    body.Read(signature.left16, 2, "Signature packet");
-    if (signature.publicKeyAlgorithm >= 1 && signature.publicKeyAlgorithm <= 3) {
-        const ByteCursor value = ReadMpi(body);
-        signature.value.assign(value.Here(), value.Here() + value.Size());
-    } else if (signature.publicKeyAlgorithm == 22) {
-        const ByteCursor r = ReadMpi(body), s = ReadMpi(body);
-        std::vector<unsigned char> half;
-        if (!PadTo(r, 32, signature.value) || !PadTo(s, 32, half)) {
-            signature.flaw = "its EdDSA values are longer than 32 octets";
-        }
-        signature.value.insert(signature.value.end(), half.begin(), half.end());
-    } else {
-        signature.flaw = OpenPgpAlgorithmName(signature.publicKeyAlgorithm) + " signatures are not supported";
-    }
-}
-
-}  // namespace
-
-OpenPgpSignature OpenPgpSignature::ParseBody(const unsigned char* data, uint64_t size) {
-    OpenPgpSignature signature;
-    ByteCursor body(data, size, "Signature packet");
-    signature.version = body.ReadUInt8();
-    if (signature.version == 3) {
-        ReadV3Fields(body, signature);
-    } else if (signature.version == 4) {
-        ReadV4Fields(data, body, signature);
-    } else {
-        throw DataFormatException("Version " + std::to_string(signature.version) +
-                                  " signature packets are not supported");
-    }
-    ReadSignatureValue(body, signature);
-    return signature;
-}
-
 const OpenPgpPublicKey* OpenPgpKeyring::Find(const std::string& keyId) const {
     for (const OpenPgpPublicKey& key : keys_) {
         if (key.keyId == keyId) return &key;
+    }
+    return nullptr;
+}
+
+const OpenPgpPublicKey* OpenPgpKeyring::FindFingerprint(const std::string& fingerprint) const {
+    for (const OpenPgpPublicKey& key : keys_) {
+        if (key.fingerprint == fingerprint) return &key;
     }
     return nullptr;
 }
@@ -341,8 +179,10 @@ void ForEachKeyBlock(const unsigned char* data, uint64_t size,
                      const std::function<void(const unsigned char* block, uint64_t size)>& block) {
     const std::string text(reinterpret_cast<const char*>(data), static_cast<size_t>(size));
     if (text.find(kBegin) == std::string::npos) block(data, size);
-    for (size_t begin = text.find(kBegin); begin != std::string::npos; begin = text.find(kBegin, begin + 1)) {
-        const size_t end = text.find(kEnd, begin);
+    // Each block runs from a BEGIN line to the next END line; the next block is looked for after it,
+    // so that the text is read once however many BEGIN lines it holds.
+    for (size_t begin = text.find(kBegin), end = 0; begin != std::string::npos; begin = text.find(kBegin, end)) {
+        end = text.find(kEnd, begin);
         if (end == std::string::npos) throw DataFormatException("The armored key block has no END line");
         const std::vector<unsigned char> decoded = DecodeArmor(text.substr(begin, end - begin));
         block(decoded.data(), decoded.size());
@@ -382,124 +222,347 @@ std::vector<std::vector<unsigned char>> OpenPgpKeyring::SplitKeys(const unsigned
 
 namespace {
 
-// The walk over one key block: the primary key being read, its packet body, where its keys begin in
-// the keyring, and the subkey waiting for its binding signature.
-class BlockReader {
-public:
-    BlockReader(const unsigned char* data, std::vector<OpenPgpPublicKey>& keys, std::vector<std::string>& refused)
-        : keys_(keys),
-          refused_(refused),
-          primaryBody_(data, 0, "Public-key packet"),
-          pendingBody_(data, 0, "Public-subkey packet"),
-          primaryKeys_(keys.size()) {}
+// One part of a key as its packets come: the key packet (or a user ID) and the signatures after it.
+struct Component {
+    unsigned int tag;
+    ByteCursor body;
+    std::vector<ByteCursor> signatures;
+};
 
-    void Read(const OpenPgpPacket& packet) {
-        if (packet.tag == kPublicKeyPacket) {
-            Settle();
-            Primary(packet.body);
-        } else if (packet.tag == kPublicSubkeyPacket) {
-            Settle();
-            Subkey(packet.body);
-        } else if (packet.tag == kSignaturePacket && pending_ != nullptr) {
-            Binding(packet.body);
+// The checks a key's own signatures go through: at most kChecksPerComponent for each component and
+// kChecksPerKey for the whole key.
+class SelfSignatures {
+public:
+    SelfSignatures(const OpenPgpPublicKey& primary, const ByteCursor& primaryBody)
+        : primary_(primary), primaryBody_(primaryBody) {}
+
+    // The newest signature of a type in types over component by signer that verifies; false when
+    // none does (why the last one failed in reason). subkey is the subkey's body for bindings.
+    bool Newest(const Component& component, const std::vector<unsigned int>& types, const OpenPgpPublicKey& signer,
+                OpenPgpSignature& newest, std::string& reason) {
+        // The candidates of the types, those that name the signer (or no key) first: a signature
+        // naming another key is still tried, as its issuer is not what makes it the owner's.
+        std::vector<OpenPgpSignature> candidates;
+        for (const ByteCursor& body : component.signatures) {
+            try {
+                OpenPgpSignature signature = OpenPgpSignature::ParseBody(body.Here(), body.Size());
+                if (std::find(types.begin(), types.end(), signature.type) != types.end()) {
+                    candidates.push_back(std::move(signature));
+                }
+            } catch (const DataFormatException& e) {
+                reason = std::string("its signature cannot be read: ") + e.what();
+            }
         }
-        // User IDs, user attributes, trust packets and certifications (the owner's or others') are
-        // read past: a key verifies by the key material alone.
+        std::stable_partition(candidates.begin(), candidates.end(), [&signer](const OpenPgpSignature& signature) {
+            return signature.issuer.empty() || signature.issuer == signer.keyId;
+        });
+        bool found = false;
+        for (size_t at = 0; at < candidates.size() && at < kChecksPerComponent && checks_ < kChecksPerKey; ++at) {
+            ++checks_;
+            if (Verifies(candidates[at], component, signer, reason) &&
+                (!found || candidates[at].creationTime >= newest.creationTime)) {
+                newest = candidates[at], found = true;
+            }
+        }
+        return found;
     }
 
-    // A subkey left without a binding signature that verifies: as rpm refuses to import such a key,
-    // the whole key (its primary and every subkey) is dropped.
+    // Whether signature (by signer) over the primary key and component verifies.
+    bool Verifies(const OpenPgpSignature& signature, const Component& component, const OpenPgpPublicKey& signer,
+                  std::string& reason) const {
+        if (!signature.flaw.empty()) return reason = signature.flaw, false;
+        if (!signature.hasCreationTime) return reason = "its signature has no creation time", false;
+        EvpMdCtxHandle context = StartHash(signature);
+        if (!context) return reason = "its signature's hash is not supported", false;
+        HashKeyPacket(context.get(), primaryBody_);
+        if (component.tag == kUserIdPacket || component.tag == kUserAttributePacket) {
+            HashUserId(context.get(), component.tag, component.body);
+        } else if (component.tag == kPublicSubkeyPacket) {
+            HashKeyPacket(context.get(), component.body);
+        }
+        std::vector<unsigned char> hash;
+        if (!FinishHash(signature, context.get(), hash) || hash.size() < 2 ||
+            std::memcmp(hash.data(), signature.left16, 2) != 0 || !CheckValue(signature, signer, hash, reason)) {
+            return reason = "its signature does not verify", false;
+        }
+        return true;
+    }
+
+    const OpenPgpPublicKey& Primary() const { return primary_; }
+
+private:
+    const OpenPgpPublicKey& primary_;
+    ByteCursor primaryBody_;
+    unsigned int checks_ = 0;
+};
+
+// The expiry a self-signature or binding gives key: its key expiration time counts from the key's
+// creation.
+uint64_t ExpiryOf(const OpenPgpSignature& signature, const OpenPgpPublicKey& key) {
+    return signature.keyExpiresAfter == 0 ? 0 : uint64_t(key.created) + signature.keyExpiresAfter;
+}
+
+// Marks key revoked by revocation: softly (from the revocation's time on) when it says the key was
+// superseded (1) or retired (3).
+void Revoke(OpenPgpPublicKey& key, const OpenPgpSignature& revocation) {
+    key.revoked = true;
+    key.softRevoked = revocation.revocationReason == 1 || revocation.revocationReason == 3;
+    key.revokedAt = revocation.creationTime;
+}
+
+// Whether a signing subkey's binding embeds a back-signature (0x19) by the subkey that verifies.
+bool BackSigned(const OpenPgpSignature& binding, const Component& subkey, const OpenPgpPublicKey& key,
+                const SelfSignatures& checks) {
+    if (binding.embedded.empty()) return false;
+    try {
+        const OpenPgpSignature back = OpenPgpSignature::ParseBody(binding.embedded.data(), binding.embedded.size());
+        std::string reason;
+        return back.type == kPrimaryKeyBinding && checks.Verifies(back, subkey, key, reason);
+    } catch (const DataFormatException&) {
+        return false;
+    }
+}
+
+// The walk over one key block: the components of the primary key being read; at the next primary
+// key, and at the end, the key and its subkeys are judged by their own signatures.
+class BlockReader {
+public:
+    BlockReader(std::vector<OpenPgpPublicKey>& keys, std::vector<std::string>& refused)
+        : keys_(keys), refused_(refused) {}
+
+    void Read(const OpenPgpPacket& packet) {
+        if (packet.tag == kPublicKeyPacket) Settle();
+        if (packet.tag == kPublicKeyPacket || packet.tag == kPublicSubkeyPacket || packet.tag == kUserIdPacket ||
+            packet.tag == kUserAttributePacket) {
+            components_.push_back(Component{packet.tag, packet.body, {}});
+        } else if (packet.tag == kSignaturePacket && !components_.empty()) {
+            components_.back().signatures.push_back(packet.body);
+        }
+        // Trust packets and anything else are read past.
+    }
+
     void Settle() {
-        if (pending_ == nullptr) return;
-        refused_.push_back("subkey " + pending_->keyId + ": " +
-                           (pendingReason_.empty() ? "it has no binding signature" : pendingReason_));
-        refused_.push_back("key " + pending_->primaryId + ": one of its subkeys is not bound to it");
-        keys_.resize(primaryKeys_);
-        primary_.reset();
-        pending_.reset();
+        if (!components_.empty() && components_.front().tag == kPublicKeyPacket) SettleKey();
+        components_.clear();
     }
 
 private:
-    void Primary(const ByteCursor& body) {
-        OpenPgpPublicKey key{};
+    void SettleKey() {
+        OpenPgpPublicKey primary;
         std::string refusal;
-        primary_.reset();
-        primaryBody_ = body;
-        primaryKeys_ = keys_.size();
-        if (ReadPublicKey(body, false, key, refusal)) {
-            key.primaryId = key.keyId;
-            keys_.push_back(key);
-            primary_ = std::make_unique<OpenPgpPublicKey>(key);
-        } else {
-            refused_.push_back("key " + key.keyId + ": " + refusal);
-        }
-    }
-
-    void Subkey(const ByteCursor& body) {
-        if (primary_ == nullptr) return;  // a subkey of a key that cannot verify cannot be bound to it
-        OpenPgpPublicKey key{};
-        std::string refusal;
-        if (!ReadPublicKey(body, true, key, refusal)) {
-            refused_.push_back("subkey " + key.keyId + ": " + refusal);
+        if (!ReadKey(components_.front(), false, primary, refusal) || !primary.key) {
+            refused_.push_back("key " + primary.keyId + ": " + (refusal.empty() ? "it cannot verify" : refusal));
             return;
         }
-        key.primaryId = primary_->keyId;
-        pending_ = std::make_unique<OpenPgpPublicKey>(key);
-        pendingBody_ = body;
-        pendingReason_.clear();
+        primary.primaryId = primary.keyId;
+        SelfSignatures checks(primary, components_.front().body);
+        if (!JudgePrimary(checks, primary)) return;
+        keys_.push_back(primary);
+        for (const Component& component : components_) {
+            if (component.tag == kPublicSubkeyPacket) JudgeSubkey(checks, component);
+        }
     }
 
-    // Signatures after a subkey: the first binding signature that verifies binds it.
-    void Binding(const ByteCursor& body) {
+    // A key packet's body as a key; a body that cannot be read is refused like a key that cannot verify.
+    static bool ReadKey(const Component& component, bool subkey, OpenPgpPublicKey& key, std::string& refusal) {
         try {
-            const OpenPgpSignature binding = OpenPgpSignature::ParseBody(body.Here(), body.Size());
-            std::string reason;
-            if (BindingVerifies(binding, *primary_, primaryBody_, pendingBody_, reason)) {
-                keys_.push_back(*pending_);
-                pending_.reset();
-            } else if (binding.type == kSubkeyBinding) {
-                pendingReason_ = reason;
-            }
+            return ReadOpenPgpKey(component.body, subkey, key, refusal);
         } catch (const DataFormatException& e) {
-            pendingReason_ = std::string("its binding signature cannot be read: ") + e.what();
+            refusal = std::string("it cannot be read: ") + e.what();
+            return false;
         }
+    }
+
+    // The primary key's self-signatures (on itself, on its user IDs) and revocations.
+    bool JudgePrimary(SelfSignatures& checks, OpenPgpPublicKey& primary) {
+        OpenPgpSignature newest, candidate;
+        bool found = false;
+        std::string reason;
+        for (const Component& component : components_) {
+            if (component.tag == kPublicSubkeyPacket) continue;
+            const bool direct = component.tag == kPublicKeyPacket;
+            const std::vector<unsigned int> types =
+                direct ? std::vector<unsigned int>{kDirectKey}
+                       : std::vector<unsigned int>{kCertificationFirst, 0x11, 0x12, kCertificationLast};
+            if (checks.Newest(component, types, primary, candidate, reason) &&
+                (!found || candidate.creationTime >= newest.creationTime)) {
+                newest = candidate, found = true;
+            }
+            if (direct && checks.Newest(component, {kKeyRevocation}, primary, candidate, reason)) {
+                Revoke(primary, candidate);
+            }
+        }
+        if (!found) {
+            refused_.push_back("key " + primary.keyId + ": it has no valid self-signature");
+            return false;
+        }
+        primary.expires = ExpiryOf(newest, primary);
+        primary.signs = !newest.hasKeyFlags || (newest.keyFlags & kSignsData) != 0;
+        return true;
+    }
+
+    // A subkey with its newest valid binding; left out (with why) when none binds it.
+    void JudgeSubkey(SelfSignatures& checks, const Component& component) {
+        const OpenPgpPublicKey& primary = checks.Primary();
+        OpenPgpPublicKey key;
+        std::string refusal;
+        const bool verifies = ReadKey(component, true, key, refusal);
+        if (key.fingerprint.empty()) {
+            refused_.push_back("subkey of " + primary.keyId + ": " + refusal);
+            return;
+        }
+        OpenPgpSignature binding, revocation;
+        std::string reason = "it has no binding signature";
+        if (!checks.Newest(component, {kSubkeyBinding}, primary, binding, reason)) {
+            refused_.push_back("subkey " + key.keyId + ": " + reason);
+            return;
+        }
+        key.primaryId = primary.keyId;
+        if (checks.Newest(component, {kSubkeyRevocation}, primary, revocation, reason)) Revoke(key, revocation);
+        if (primary.revoked && (!key.revoked || !primary.softRevoked)) {
+            key.revoked = true, key.softRevoked = primary.softRevoked, key.revokedAt = primary.revokedAt;
+        }
+        key.expires = ExpiryOf(binding, key);
+        if (primary.expires != 0 && (key.expires == 0 || primary.expires < key.expires)) key.expires = primary.expires;
+        // A subkey of an algorithm the verification does not know keeps its place (its signatures are
+        // not trusted rather than keyless) without a back-signature that could be checked.
+        const bool grants = binding.hasKeyFlags && (binding.keyFlags & kSignsData) != 0;
+        key.signs = grants && (!key.key || BackSigned(binding, component, key, checks));
+        if (grants && !key.signs)
+            refused_.push_back("subkey " + key.keyId + ": its binding has no valid back-signature");
+        if (!verifies && key.key) key.key.reset();
+        keys_.push_back(key);
     }
 
     std::vector<OpenPgpPublicKey>& keys_;
     std::vector<std::string>& refused_;
-    std::unique_ptr<OpenPgpPublicKey> primary_;
-    ByteCursor primaryBody_;
-    std::unique_ptr<OpenPgpPublicKey> pending_;
-    ByteCursor pendingBody_;
-    std::string pendingReason_;
-    size_t primaryKeys_;
+    std::vector<Component> components_;
 };
 
 }  // namespace
 
 void OpenPgpKeyring::ParseBlock(const unsigned char* data, uint64_t size) {
     ByteCursor cursor(data, size, "OpenPGP key block");
-    BlockReader reader(data, keys_, refused_);
+    BlockReader reader(keys_, refused_);
     while (cursor.Remaining() > 0) reader.Read(NextPacket(cursor));
     reader.Settle();
 }
 
+namespace {
+
+// The public-key algorithms whose signatures are checked.
+bool Known(unsigned int algorithm) {
+    return IsRsa(algorithm) || algorithm == 17 || algorithm == 19 || algorithm == 22 || algorithm == 27 ||
+           algorithm == 28;
+}
+
+// What rpm 6.1 does not trust in a signature whatever key made it, as it rates it before it looks for
+// the key: a weak hash, or an RSA value too short for a key of 2048 bits (a value of fewer than 1920
+// bits has a chance below 2^-128 of coming from one); "" when nothing.
+std::string DistrustOfSignature(const OpenPgpSignature& signature) {
+    const unsigned int hash = signature.hashAlgorithm;
+    if (hash == 1 || hash == 2 || hash == 3) {
+        return OpenPgpHashName(hash) + " signature hashes are not trusted: re-sign with SHA-256 or stronger";
+    }
+    if (IsRsa(signature.publicKeyAlgorithm) && !signature.value.empty()) {
+        size_t first = 0;
+        while (first < signature.value.size() && signature.value[first] == 0) ++first;
+        uint64_t bits = 8 * uint64_t(signature.value.size() - first);
+        for (unsigned char top = first < signature.value.size() ? signature.value[first] : 0x80; (top & 0x80) == 0;
+             top = static_cast<unsigned char>(top << 1)) {
+            --bits;
+        }
+        if (bits < 1920) return "RSA keys under 2048 bits are not trusted: re-sign with a stronger key";
+    }
+    return "";
+}
+
+// What rpm 6.1 does not trust in signature by key; "" when nothing.
+std::string Distrust(const OpenPgpSignature& signature, const OpenPgpPublicKey& key) {
+    const std::string weak = DistrustOfSignature(signature);
+    if (!weak.empty()) return weak;
+    if ((IsRsa(key.algorithm) || key.algorithm == 17) && key.bits < 2048) {
+        return OpenPgpAlgorithmName(key.algorithm) +
+               " keys under 2048 bits are not trusted: re-sign with a stronger key";
+    }
+    const char* what = key.subkey ? "subkey " : "key ";
+    // A key retired or superseded still vouches for what it signed before.
+    if (key.revoked && (!key.softRevoked || signature.creationTime >= key.revokedAt)) {
+        return what + key.keyId + ": revoked by its owner";
+    }
+    return "";
+}
+
+// Why signature is not valid at now by key, which is judged when the signature was made (a key that
+// expired since still vouches for it, as rpm 6.1 holds); "" when it is.
+std::string Expired(const OpenPgpSignature& signature, const OpenPgpPublicKey& key, int64_t now) {
+    if (signature.expiresAfter != 0 && now >= 0 &&
+        uint64_t(now) >= uint64_t(signature.creationTime) + signature.expiresAfter) {
+        return "the signature has expired";
+    }
+    if (signature.creationTime < key.created) return "the signature is older than its key";
+    if (key.expires != 0 && signature.creationTime >= key.expires) {
+        return std::string(key.subkey ? "subkey " : "key ") + key.keyId + ": it had expired when it signed";
+    }
+    return "";
+}
+
+// The key signature names: by its fingerprint when it gives one, else by its key ID.
+const OpenPgpPublicKey* SignerOf(const OpenPgpSignature& signature, const OpenPgpKeyring& keys) {
+    if (!signature.issuerFingerprint.empty()) return keys.FindFingerprint(signature.issuerFingerprint);
+    return signature.issuer.empty() ? nullptr : keys.Find(signature.issuer);
+}
+
+// What makes signature Bad or not trusted before its value is looked at; Ok when nothing does.
+SignatureVerdict Screen(const OpenPgpSignature& signature, const OpenPgpPublicKey& key, int64_t now,
+                        std::string& reason) {
+    if (!signature.flaw.empty()) return reason = "The signature is not valid: " + signature.flaw, SignatureVerdict::Bad;
+    if (signature.type > 0x01) {
+        reason = "a signature of type " + std::to_string(signature.type) + " does not sign a document";
+        return SignatureVerdict::Bad;
+    }
+    if (!signature.hasCreationTime) {
+        return reason = "The signature is not valid: it has no creation time", SignatureVerdict::Bad;
+    }
+    if (!Known(signature.publicKeyAlgorithm)) {
+        reason = OpenPgpAlgorithmName(signature.publicKeyAlgorithm) + " signatures are not trusted";
+        return SignatureVerdict::NotTrusted;
+    }
+    const char* what = key.subkey ? "subkey " : "key ";
+    if (!key.key && !Known(key.algorithm)) {
+        reason = what + key.keyId + ": " + OpenPgpAlgorithmName(key.algorithm) + " keys are not trusted";
+        return SignatureVerdict::NotTrusted;
+    }
+    if (!key.signs || !key.key) return reason = what + key.keyId + ": it is not a signing key", SignatureVerdict::Bad;
+    if ((signature.version == 6) != (key.version == 6)) {
+        reason = "a version " + std::to_string(signature.version) + " signature cannot be made by a version " +
+                 std::to_string(key.version) + " key";
+        return SignatureVerdict::Bad;
+    }
+    reason = Expired(signature, key, now);
+    if (!reason.empty()) return SignatureVerdict::Bad;
+    reason = Distrust(signature, key);
+    return reason.empty() ? SignatureVerdict::Ok : SignatureVerdict::NotTrusted;
+}
+
+}  // namespace
+
 SignatureVerdict VerifyOpenPgpSignature(const OpenPgpSignature& signature, const EVP_MD_CTX* signedData,
                                         const OpenPgpKeyring& keys, std::string& reason) {
-    const OpenPgpPublicKey* key = signature.issuer.empty() ? nullptr : keys.Find(signature.issuer);
+    return VerifyOpenPgpSignature(signature, signedData, keys, reason, static_cast<int64_t>(time(nullptr)));
+}
+
+SignatureVerdict VerifyOpenPgpSignature(const OpenPgpSignature& signature, const EVP_MD_CTX* signedData,
+                                        const OpenPgpKeyring& keys, std::string& reason, int64_t now) {
+    const OpenPgpPublicKey* key = SignerOf(signature, keys);
+    if (key == nullptr && !(reason = DistrustOfSignature(signature)).empty()) return SignatureVerdict::NotTrusted;
     if (key == nullptr) {
         reason = signature.issuer.empty() ? "the signature names no key"
                                           : "key ID " + signature.issuer + " is not in the key file";
         return SignatureVerdict::NoKey;
     }
-    if (!signature.flaw.empty()) {
-        reason = "The signature is not valid: " + signature.flaw;
-        return SignatureVerdict::Bad;
-    }
-    if (signature.type > 0x01) {
-        reason = "a signature of type " + std::to_string(signature.type) + " does not sign a document";
-        return SignatureVerdict::Bad;
-    }
+    const SignatureVerdict screened = Screen(signature, *key, now, reason);
+    if (screened != SignatureVerdict::Ok) return screened;
     std::vector<unsigned char> hash;
     if (OpenPgpDigest(signature.hashAlgorithm) == nullptr || !FinishHash(signature, signedData, hash)) {
         reason = "the hash algorithm " + OpenPgpHashName(signature.hashAlgorithm) + " is not supported";

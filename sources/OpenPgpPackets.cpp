@@ -6,6 +6,7 @@
 
 #include "Base.h"
 #include "Exceptions.h"
+#include "OpenPgpKey.h"
 #include "OpenSslHandles.h"
 
 OpenPgpPacketHeader ReadPacketHeader(ByteCursor& cursor) {
@@ -84,6 +85,22 @@ std::string V4KeyId(const ByteCursor& body) {
         throw InternalErrorException("SHA-1 of a public key failed");
     }
     return Base::DumpBufferToString(fingerprint + 12, 8, true);
+}
+
+std::vector<unsigned char> KeyFingerprint(const ByteCursor& body) {
+    const bool v6 = body.Size() > 0 && body.Here()[0] == 6;
+    std::vector<unsigned char> fingerprint(EVP_MAX_MD_SIZE);
+    const EvpMdCtxHandle context(EVP_MD_CTX_new());
+    unsigned int length = 0;
+    if (!context || EVP_DigestInit_ex(context.get(), v6 ? EVP_sha256() : EVP_sha1(), nullptr) != 1) {
+        throw InternalErrorException("The fingerprint of a public key could not be computed");
+    }
+    HashKeyPacket(context.get(), body);
+    if (EVP_DigestFinal_ex(context.get(), fingerprint.data(), &length) != 1) {
+        throw InternalErrorException("The fingerprint of a public key could not be computed");
+    }
+    fingerprint.resize(length);
+    return fingerprint;
 }
 
 std::vector<unsigned char> DecodeBase64(const std::string& text, const char* failure) {

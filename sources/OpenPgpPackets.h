@@ -55,6 +55,11 @@ ByteCursor ReadMpi(ByteCursor& cursor);
 // two-octet length and the body, as 16 upper-case hexadecimal digits.
 std::string V4KeyId(const ByteCursor& body);
 
+// The fingerprint of a key packet's body: for version 6, SHA-256 over 9B, the body's four-octet
+// length and the body (its key ID is the first 8 octets); otherwise the version 4 fingerprint, SHA-1
+// over 99, a two-octet length and the body (its key ID is the last 8 octets).
+std::vector<unsigned char> KeyFingerprint(const ByteCursor& body);
+
 // The bytes of Base64 text (line breaks and white space are read past); DataFormatException with
 // failure as its text when the text is damaged.
 std::vector<unsigned char> DecodeBase64(const std::string& text, const char* failure);

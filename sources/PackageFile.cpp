@@ -76,11 +76,12 @@ void PackageFile::AdviseSequential(uint64_t position) const {
     if (descriptor_ >= 0) posix_fadvise(descriptor_, static_cast<off_t>(position), 0, POSIX_FADV_SEQUENTIAL);
 }
 
-bool PackageFile::IsRpm() const {
+bool PackageFile::IsRpm(const ReaderStyle& style) const {
+    unsigned char lead[LeadSize];
+    const size_t count = Read(lead, style.asRpm ? LeadSize : 6, 0);
+    if (count < 6 || std::memcmp(lead, kLeadMagic, sizeof kLeadMagic) != 0) return false;
     // The magic, then major version 3 and minor version 0: a lead of another minor is not taken.
-    unsigned char start[6];
-    return Read(start, sizeof start, 0) == sizeof start && std::memcmp(start, kLeadMagic, sizeof kLeadMagic) == 0 &&
-           start[4] == 3 && start[5] == 0;
+    return style.asRpm ? count == LeadSize : lead[4] == 3 && lead[5] == 0;
 }
 
 void PackageFile::CheckLead(const ReaderStyle& style) const {
@@ -92,7 +93,8 @@ void PackageFile::CheckLead(const ReaderStyle& style) const {
     ReadZeroFilled(bytes, sizeof bytes, 0);
     ByteCursor lead(bytes, sizeof bytes, "RPM lead");
     lead.Skip(kSignatureTypeOffset);
-    if (lead.ReadUInt16() != kHeaderStyleSignature) throw InvalidFileStructureException("Unsupported signature type");
+    if (!style.asRpm && lead.ReadUInt16() != kHeaderStyleSignature)
+        throw InvalidFileStructureException("Unsupported signature type");
 }
 
 const HeaderEntry* HeaderStructure::Find(uint32_t tag) const {
@@ -170,7 +172,7 @@ SignatureHeaderData ReadSignatureHeaderData(const PackageFile& file, const Reade
         ByteCursor first(data.store.data(), data.store.size(), "RPM signature store");
         region = first.ReadUInt32() == kRegionTag;
     }
-    if (!region) {
+    if (!region && !style.asRpm) {
         throw DataFormatException("RPM signature is expected to be the first header");
     }
     return data;

@@ -40,6 +40,11 @@ struct ReaderStyle {
     // whatever the index holds (a store's, when the index is empty), or its first entry's (none
     // when the index is empty).
     bool firstTagFromBuffer;
+    // Whether the package is read as rpm reads it today: a lead is its magic alone (of any version
+    // and signature type: rpm 6 packages say major version 4), and the headers are held to rpm's
+    // header checks (HeaderStore.h), with or without a region; else the lead must say version 3.0
+    // and signature type 5, and the signature header must start with its region.
+    bool asRpm;
 };
 
 // A package file opened for reading. A folder opens too: it has no descriptor and reads nothing.
@@ -65,8 +70,9 @@ public:
     // Tells the kernel the file will be read from position to its end in order (a hint only).
     void AdviseSequential(uint64_t position) const;
 
-    // Whether the file starts with the lead of an RPM package of major version 3, minor 0.
-    bool IsRpm() const;
+    // Whether the file starts with the lead of an RPM package as style reads one: the magic, then
+    // major version 3 and minor 0 (the whole lead and the magic alone, read as rpm reads it).
+    bool IsRpm(const ReaderStyle& style) const;
     // Checks the size and the lead's signature type.
     void CheckLead(const ReaderStyle& style) const;
 

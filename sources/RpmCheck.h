@@ -8,8 +8,10 @@
 struct RpmCheck {
     enum Kind { HeaderSha1, Md5, HeaderSignature, PackageSignature, HeaderDigest, PayloadDigest };
     // NoKey: a signature by a key that the key file does not hold (Bad: by a key it holds, and it
-    // does not verify), as rpmkeys -Kv tells them apart.
-    enum State { Ok, Bad, NotFound, NoKey };
+    // does not verify), as rpmkeys -Kv tells them apart. NotTrusted: a signature that counts for
+    // nothing, neither failure nor verification (a key, hash or algorithm that today's rpm does not
+    // trust, a revoked or expired key, an expired signature), as rpm 6 rates and ignores it.
+    enum State { Ok, Bad, NotFound, NoKey, NotTrusted };
 
     Kind kind;
     State state;

@@ -9,9 +9,9 @@
 
 #include "PackageFile.h"
 
-// Classic: the verdicts rpm_verify has always given (the exports keep it). Current: a package is
-// signed exactly when rpm 4.18's rpmkeys --checksig would say "digests signatures OK" with that key
-// file (CurrentVerification.h).
+// Classic: the verdicts rpm_verify has always given (the exports keep it). Current: today's rpm
+// (rpm 6.1) read safely: every digest and signature rpm reads must pass, at least one signature must
+// verify, and every digest the package carries must match (CurrentVerification.h).
 enum class SigningPolicy { Classic, Current };
 // The policy a name gives ("classic" or "current"); false for any other name.
 bool ParseSigningPolicy(const std::string& name, SigningPolicy& policy);
@@ -25,29 +25,35 @@ enum class TagMeaning {
     PackageMd5,        // the 16 bytes of the MD5 digest of main header and payload
 };
 
-// One signature-header tag: its number, the type its writers give it (neither policy's reader checks
-// it), what it holds, the OpenPGP hash id of a digest, and which policies read it. A tag no row names
-// is read by neither.
+// One signature-header tag: its number, the type its writers give it, what it holds, the OpenPGP
+// hash id of a digest, and which policies read it. A tag no row names is read by neither. The
+// current reader holds an entry to its type and, where they are not 0, to its count and to the size
+// of its value (a string's with its NUL), as rpm does; the classic reader checks neither.
 struct SignatureTagRow {
     uint32_t tag;
     RpmDataType type;
+    uint32_t count;
+    uint32_t size;
     TagMeaning meaning;
     unsigned int hashId;  // HeaderDigest: the digest's algorithm
     bool classic;
     bool current;
-    // The tag whose signatures, when there are any, leave this tag's unread (rpm reads 267 and 268
-    // only without 278); 0 for none.
+    // The tag whose readable signatures leave this tag's unread (rpm reads 267, 268, 1002 and 1005
+    // only when 278 holds none it can read); 0 for none.
     uint32_t supersededBy;
 };
 extern const SignatureTagRow kSignatureTags[];
 extern const size_t kSignatureTagCount;
 
-// A payload digest that the main header holds: its tag, and its algorithm (or the tag that names
-// it, with hashId taken when that tag is missing).
+// A payload digest that the main header holds: its tag, its type, and its algorithm (fixed by the
+// tag: the algorithm tag 5093 is not read, as rpm does not read it). An alternative (the ALT tags,
+// written over the uncompressed payload) is checked against the payload as stored like its main
+// tag, and a failure of either is excused when the other one of the pair passes.
 struct PayloadDigestRow {
     uint32_t tag;
+    RpmDataType type;
     unsigned int hashId;
-    uint32_t algorithmTag;  // 0: hashId is the algorithm
+    bool alternative;
 };
 extern const PayloadDigestRow kPayloadDigests[];
 extern const size_t kPayloadDigestCount;
@@ -69,10 +75,9 @@ struct SignatureRule {
     // message (null: the message so far stays).
     int missing;
     const char* missingMessage;
-    // Whether one good signature is enough, always or when the group holds a tag-278 signature; else
-    // every signature must verify.
+    // Whether one good signature is enough; else every signature must verify (or be one that is
+    // not trusted, which counts for nothing).
     bool anyOne;
-    bool anyOneWithBase64;
     // Whether a failure waits for the coverage step; else it decides at once, with this prefix
     // before the checks' own text.
     bool deferred;

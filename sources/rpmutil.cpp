@@ -52,7 +52,7 @@ RpmVerifyResult Verify(const std::string& file, KeyFileBytes& key, RpmReport& re
     } catch (const std::exception& e) {
         return response(RPM_STATUS_ERROR, e.what());
     }
-    if (!package->IsRpm()) {
+    if (!package->IsRpm(PolicyOf(policy).reader)) {
         report.stage = RpmStage::NotRpm;
         return response(RPM_STATUS_ERROR, file + " is not an RPM file.");
     }
@@ -239,6 +239,7 @@ int signing_validate_package_list(session_t* session) {
         const SigningPolicy policy = SessionPolicy(session);
         // The acquisition, and the private folder it may have made for the key, ends with the check.
         KeyAcquisition acquisition(_signing_download_limits());
+        acquisition.policy = policy;
         const std::string key = SelectSigningKey(session, acquisition);
         if (key.empty()) {
             return 1;

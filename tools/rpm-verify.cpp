@@ -162,6 +162,7 @@ const char* StateText(RpmCheck::State state) {
         case RpmCheck::Ok: return "OK";
         case RpmCheck::Bad: return "BAD";
         case RpmCheck::NoKey: return "NOKEY";
+        case RpmCheck::NotTrusted: return "NOTTRUSTED";
         default: return "NOTFOUND";
     }
 }

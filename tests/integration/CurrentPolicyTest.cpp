@@ -40,18 +40,14 @@ int Status(const std::string& package, const std::string& key, SigningPolicy pol
 
 }  // namespace
 
-// Every pair of packages.txt: "current" accepts exactly what rpmkeys accepted when the fixtures were
-// made, and rpmkeys here still says the same.
-TEST(CurrentPolicy, AcceptsExactlyWhatRpmkeysAccepts) {
-    const bool oracle = Shell("command -v rpmkeys").first == 0;
+// Every pair of packages.txt: rpmkeys 4.18 here still says what it said when the fixtures were made
+// (what "current" says of them is held to rpm 6.1's verdicts: OracleTest.cpp).
+TEST(CurrentPolicy, Rpm418StillSaysWhatTheTableRecorded) {
+    if (Shell("command -v rpmkeys").first != 0) GTEST_SKIP() << "no rpmkeys";
     const auto rows = Rows("packages.txt");
     ASSERT_GE(rows.size(), 70u);
     for (const auto& row : rows) {
         const std::string package = kCurrent + row[0], key = kCurrent + row[1];
-        std::string detail;
-        const int status = Status(package, key, SigningPolicy::Current, &detail);
-        EXPECT_EQ(status == 0, row[2] == "OK") << row[0] << " with " << row[1] << ": " << detail;
-        if (!oracle) continue;
         TempFolder db;
         const std::string rpmkeys = "rpmkeys --dbpath " + db.Path();
         Shell(rpmkeys + " --import " + key + " 2>&1");
@@ -82,25 +78,17 @@ TEST(CurrentPolicy, KeyFilesGiveTheirKeysAndBoundSubkeysOnly) {
         EXPECT_EQ(keys.Find(row[2])->primaryId, row[1]) << row[0];
         EXPECT_TRUE(keys.Refused().empty()) << row[0] << ": " << keys.Refused().front();
     }
-    // As rpm refuses to import it, a key with a subkey that is not bound is dropped whole.
+    // A subkey that is not bound is left out, with why; its primary key stays, as rpm 6.1 keeps it.
     const std::string primaryId = Rows("keys.txt")[5][1], subkeyId = Rows("keys.txt")[5][2];
     for (const auto& file :
          std::map<std::string, std::string>{{"subkey-unbound.asc", "it has no binding signature"},
-                                            {"subkey-badbinding.asc", "its binding signature does not verify"}}) {
-        try {
-            OpenPgpKeyring::ReadFile(kCurrent + file.first);
-            ADD_FAILURE() << file.first << " gave keys";
-        } catch (const DataFormatException& e) {
-            EXPECT_EQ(std::string(e.what()),
-                      "Invalid format of data: No key can verify: subkey " + subkeyId + ": " + file.second)
-                << file.first;
-        }
+                                            {"subkey-badbinding.asc", "its signature does not verify"}}) {
+        const OpenPgpKeyring keys = OpenPgpKeyring::ReadFile(kCurrent + file.first);
+        EXPECT_NE(keys.Find(primaryId), nullptr) << file.first;
+        EXPECT_EQ(keys.Find(subkeyId), nullptr) << file.first;
+        ASSERT_EQ(keys.Refused().size(), 1u) << file.first;
+        EXPECT_EQ(keys.Refused().front(), "subkey " + subkeyId + ": " + file.second) << file.first;
     }
-    const std::string both = Shell("cat " + kCurrent + "subkey-unbound.asc " + kCurrent + "rsa2048.asc").second;
-    const OpenPgpKeyring keys = OpenPgpKeyring::Parse(reinterpret_cast<const unsigned char*>(both.data()), both.size());
-    EXPECT_EQ(keys.Keys().size(), 1u);
-    EXPECT_EQ(keys.Find(primaryId), nullptr);
-    EXPECT_EQ(keys.Refused().back(), "key " + primaryId + ": one of its subkeys is not bound to it");
     EXPECT_EQ(OpenPgpKeyring::ReadFile(kCurrent + "two-keys-one-block.asc").Keys().size(), 2u);
     EXPECT_EQ(OpenPgpKeyring::ReadFile(kCurrent + "two-keys-two-blocks.asc").Keys().size(), 2u);
 }
@@ -160,25 +148,27 @@ std::string WriteVersion6(TempFolder& folder, const std::string& name, const Ver
 
 }  // namespace
 
-// rpm 6 packages: any one valid signature of tag 278 counts, every digest must match, tags above 999
-// are not allowed; the classic policy refuses them all.
+// rpm 6 packages: every signature of tag 278 must verify, every digest must match, the tags of older
+// packages are not read beside 999 and 279; the classic policy refuses them all.
 TEST(CurrentPolicy, Version6PackagesFromTheWriter) {
     TempFolder folder;
-    const std::string key = folder.Write(
-        "key.asc", pgp::Armor(pgp::Concat({pgp::PublicKey(TestKey(2048)), pgp::UserId("Test <t@example.com>")})));
-    Version6 good, twoSigners, otherOnly, payload, sha3, later, rsaTagToo;
+    const std::string key =
+        folder.Write("key.asc", pgp::Armor(pgp::CertifiedKey(TestKey(2048), KeyIdOf(TestKey(2048)))));
+    Version6 good, twoSigners, otherOnly, payload, sha3, later, rsaTagToo, reserved;
     twoSigners.signers = {TestKey(3072), TestKey(2048)};
     otherOnly.signers = {TestKey(3072)};
     payload.payloadDigestOf = std::string(5000, 'r');
     sha3.tamperSha3 = true;
     later.extra = {{1004, 7, HashOf(EVP_md5(), "x")}};
+    reserved.extra = {{999, 7, Bytes(32, 0)}, {1002, 7, pgp::SignaturePacket(TestKey(3072), "not the package")}};
     rsaTagToo.extra = {{268, 7, pgp::SignaturePacket(TestKey(3072), "not the header")}};  // not read beside 278
     for (const auto& row : std::vector<std::tuple<std::string, Version6, int>>{{"good", good, 0},
-                                                                               {"two-signers", twoSigners, 0},
+                                                                               {"two-signers", twoSigners, 2},
                                                                                {"other-key", otherOnly, 2},
                                                                                {"payload", payload, 3},
                                                                                {"sha3", sha3, 3},
-                                                                               {"later-tag", later, 4},
+                                                                               {"later-tag", later, 3},
+                                                                               {"reserved", reserved, 0},
                                                                                {"268-beside-278", rsaTagToo, 0}}) {
         const std::string package = WriteVersion6(folder, std::get<0>(row) + ".rpm", std::get<1>(row));
         std::string detail;
@@ -192,7 +182,8 @@ TEST(CurrentPolicy, Version6PackagesFromTheWriter) {
 // without one needs a signature over header and payload as well.
 TEST(CurrentPolicy, AHeaderOnlySignatureNeedsAPayloadDigest) {
     TempFolder folder;
-    const std::string key = folder.Write("key.asc", pgp::Armor(pgp::PublicKey(TestKey(2048))));
+    const std::string key =
+        folder.Write("key.asc", pgp::Armor(pgp::CertifiedKey(TestKey(2048), KeyIdOf(TestKey(2048)))));
     rpm::PackageOptions headerOnly, both;
     headerOnly.header.issuer = both.header.issuer = KeyIdOf(TestKey(2048));
     headerOnly.packages.clear();

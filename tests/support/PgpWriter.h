@@ -96,11 +96,20 @@ inline Bytes SignaturePacket(EVP_PKEY* key, const std::string& data, SignatureOp
                              left16,
                              Mpi(value)}));
 }
+// A key certified by itself as gpg writes one: public key, user ID, and a positive certification
+// (0x13) of both by the key (RFC 4880, 5.2.4), granting certification and signing (key flags 03).
+inline Bytes CertifiedKey(EVP_PKEY* key, const Bytes& issuer, const std::string& uid = "Test <test@example.com>") {
+    const Bytes packet = PublicKey(key), body(packet.begin() + 3, packet.end());
+    const Bytes data =
+        Concat({{0x99}, Be(body.size(), 2), body, {0xB4}, Be(uid.size(), 4), Bytes(uid.begin(), uid.end())});
+    SignatureOptions self;
+    self.type = 0x13, self.issuer = issuer, self.hashedExtra = {2, 27, 0x03};
+    return Concat({packet, UserId(uid), SignaturePacket(key, std::string(data.begin(), data.end()), self)});
+}
+
 // A key block: public key, user ID and a self-signature naming issuer.
 inline Bytes KeyBlock(EVP_PKEY* key, const Bytes& issuer) {
-    SignatureOptions self;
-    self.type = 0x13, self.issuer = issuer;
-    return Concat({PublicKey(key), UserId("Test <test@example.com>"), SignaturePacket(key, "key", self)});
+    return CertifiedKey(key, issuer);
 }
 
 inline std::string Armor(const Bytes& binary, const std::string& eol = "\n", const std::string& headers = "") {

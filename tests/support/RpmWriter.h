@@ -24,10 +24,19 @@ struct Entry {
     std::optional<uint32_t> count = std::nullopt;  // the index count, when not the value's own
 };
 
-// A header structure: 8E AD E8 01, reserved, index count, data size, the index, the store.
-inline Bytes HeaderBytes(const std::vector<Entry>& entries) {
+// A header structure: 8E AD E8 01, reserved, index count, data size, the index, the store. A first
+// entry of a region tag (62, 63) whose value is 16 zeros gets the region trailer rpm writes: an index
+// entry of the same tag, binary, count 16, whose offset is minus 16 times the entries.
+inline Bytes HeaderBytes(std::vector<Entry> entries) {
+    if (!entries.empty() && (entries[0].tag == 62 || entries[0].tag == 63) && entries[0].value == Bytes(16, 0)) {
+        entries[0].value =
+            Concat({Be(entries[0].tag, 4), Be(7, 4), Be(uint32_t(-16 * int64_t(entries.size())), 4), Be(16, 4)});
+    }
     Bytes index, store;
     for (const Entry& e : entries) {
+        // Integers are aligned to their size in the store, as rpm writes and requires them.
+        const size_t align = e.type == 3 ? 2 : e.type == 4 ? 4 : e.type == 5 ? 8 : 1;
+        store.resize((store.size() + align - 1) / align * align, 0);
         const size_t count = e.count ? *e.count : e.type == 7 ? e.value.size() : 1;
         index = Concat({index, Be(e.tag, 4), Be(e.type, 4), Be(store.size(), 4), Be(count, 4)});
         store = Concat({store, e.value});

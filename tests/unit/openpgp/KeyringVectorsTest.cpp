@@ -218,14 +218,15 @@ const Operations kOperations = {
          const Bytes data = Input(a[1], true);
          const OpenPgpSignature signature = OpenPgpSignature::Parse(data.data(), data.size());
          const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> signed_(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+         const std::string text = a[2].rfind("file ", 0) == 0 ? FileText(a[2].substr(5)) : a[2];
          EVP_DigestInit_ex(signed_.get(), pgp::MdOf(static_cast<int>(signature.hashAlgorithm)), nullptr);
-         EVP_DigestUpdate(signed_.get(), a[2].data(), a[2].size());
+         EVP_DigestUpdate(signed_.get(), signature.salt.data(), signature.salt.size());
+         EVP_DigestUpdate(signed_.get(), text.data(), text.size());
          std::string reason;
-         const SignatureVerdict verdict = VerifyOpenPgpSignature(signature, signed_.get(), keys, reason);
-         return std::string(verdict == SignatureVerdict::Ok    ? "Ok"
-                            : verdict == SignatureVerdict::Bad ? "Bad"
-                                                               : "NoKey") +
-                (reason.empty() ? "" : ": " + reason);
+         const int64_t now = a.size() > 3 ? std::stoll(a[3]) : 1800000000;  // 2027-01-15 unless given
+         const SignatureVerdict verdict = VerifyOpenPgpSignature(signature, signed_.get(), keys, reason, now);
+         const char* const names[] = {"Ok", "NoKey", "Bad", "NotTrusted"};
+         return names[static_cast<int>(verdict)] + (reason.empty() ? "" : ": " + reason);
      }}};
 
 }  // namespace
