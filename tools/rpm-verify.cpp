@@ -76,7 +76,8 @@ const char kHelp[] =
     "Status (per package): 0 signed, 1 not signed, 2 invalid signature, 3 invalid hash, 4 invalid\n"
     "structure, 5 not an RPM file, unreadable, or an error.\n"
     "\n"
-    "Reasons: signed, not-signed, header-only (signed over the header only), eddsa-signature\n"
+    "Reasons: signed, not-signed, not-trusted (no signature today's rpm trusts: a weak key or hash,\n"
+    "a revoked key), header-only (signed over the header only), eddsa-signature\n"
     "(signed with an EdDSA key, which the classic policy does not read), wrong-key (signed by\n"
     "another key), bad-signature, digest-mismatch, invalid-structure, not-rpm, unreadable-file,\n"
     "too-large (2 GiB or more, beyond the classic policy), damaged, unreadable-key, unsupported-key.\n"
@@ -187,9 +188,11 @@ std::string ReasonOf(const std::string& file, const RpmReport& report, const Key
             return diagnosis.usable ? "damaged" : diagnosis.reason;
         }
     }
+    const bool notTrusted = std::any_of(report.checks.begin(), report.checks.end(),
+                                        [](const RpmCheck& check) { return check.state == RpmCheck::NotTrusted; });
     switch (report.result) {
         case ResultSigned: return "signed";
-        case ResultNotSigned: return "not-signed";
+        case ResultNotSigned: return notTrusted ? "not-trusted" : "not-signed";
         case ResultHeaderOnlySigned: return "header-only";
         case ResultInvalidHash: return "digest-mismatch";
         case ResultInvalidStructure: return "invalid-structure";
@@ -228,6 +231,14 @@ std::string HintOf(const std::string& reason, const RpmReport& report, const Key
         return "the installer's classic check reads packages under 2 GiB only: verify it with --policy=current";
     }
     if (reason == "not-signed") return "sign it with rpmsign --addsign --rpmv3";
+    if (reason == "not-trusted") {
+        // The first signature today's rpm does not trust says why, and what to re-sign with.
+        for (const RpmCheck& check : report.checks) {
+            if (check.state == RpmCheck::NotTrusted) {
+                return "no signature of the package is trusted today: " + check.reason;
+            }
+        }
+    }
     if (reason == "digest-mismatch") {
         return "the package was changed or damaged after it was signed: get it again from the publisher";
     }

@@ -5,12 +5,15 @@
 // rpm 6 packages written byte by byte.
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <fstream>
+#include <optional>
 #include <sstream>
 
 #include "Exceptions.h"
 #include "HostSupport.h"
 #include "OpenPgpKeyring.h"
+#include "RpmReport.h"
 #include "RpmWriter.h"
 #include "rpmutil.h"
 
@@ -110,6 +113,8 @@ struct Version6 {
     std::string payloadDigestOf = payload;  // what 5092 is the digest of
     bool tamperSha3 = false;
     std::vector<rpm::Entry> extra;  // more signature-header entries
+    // In place of the signatures of 278 and the digest of 5092: these strings (NUL-terminated), so many.
+    std::optional<std::pair<Bytes, uint32_t>> signatureTexts, digestTexts;
 };
 
 Bytes KeyIdOf(EVP_PKEY* key) {
@@ -120,8 +125,9 @@ Bytes KeyIdOf(EVP_PKEY* key) {
 
 std::string WriteVersion6(TempFolder& folder, const std::string& name, const Version6& v) {
     const Bytes digest = HashOf(EVP_sha256(), v.payloadDigestOf), digestText = rpm::BytesOf(Hex(digest) + '\0');
+    const std::pair<Bytes, uint32_t> digests = v.digestTexts ? *v.digestTexts : std::make_pair(digestText, 1u);
     const std::string header = rpm::Text(rpm::HeaderBytes({{1000, 6, rpm::BytesOf("hello")},
-                                                           {5092, 8, digestText, 1},
+                                                           {5092, 8, digests.first, digests.second},
                                                            {5093, 4, pgp::Be(8, 4)},
                                                            {5114, 4, pgp::Be(6, 4)}}));
     Bytes signatures;
@@ -134,11 +140,14 @@ std::string WriteVersion6(TempFolder& folder, const std::string& name, const Ver
             Base64::Encode(reinterpret_cast<const char*>(packet.data()), static_cast<unsigned>(packet.size()), length));
         signatures = pgp::Concat({signatures, rpm::BytesOf(std::string(text.get(), length) + '\0')});
     }
+    if (v.signatureTexts) signatures = v.signatureTexts->first;
     Bytes sha3 = HashOf(EVP_sha3_256(), header);
     if (v.tamperSha3) sha3[0] ^= 1;
     std::vector<rpm::Entry> entries = {{62, 7, Bytes(16, 0)},
                                        {273, 6, rpm::BytesOf(Hex(HashOf(EVP_sha256(), header)))},
-                                       {278, 8, signatures, static_cast<uint32_t>(v.signers.size())},
+                                       {278, 8, signatures,
+                                        v.signatureTexts ? v.signatureTexts->second
+                                                         : static_cast<uint32_t>(v.signers.size())},
                                        {279, 6, rpm::BytesOf(Hex(sha3))}};
     entries.insert(entries.end(), v.extra.begin(), v.extra.end());
     Bytes file = pgp::Concat({rpm::Lead(), rpm::HeaderBytes(entries)});
@@ -175,6 +184,35 @@ TEST(CurrentPolicy, Version6PackagesFromTheWriter) {
         EXPECT_EQ(Status(package, key, SigningPolicy::Current, &detail), std::get<2>(row))
             << std::get<0>(row) << ": " << detail;
         EXPECT_NE(Status(package, key, SigningPolicy::Classic), 0) << std::get<0>(row);
+    }
+}
+
+// What costs: a tag 278 of a million small signatures, a tag 5092 of a million digests. Each is
+// refused (the signatures after the sixteenth, the digests after the 1024th are not read) within a
+// second of CPU.
+TEST(CurrentPolicy, HostileSignatureAndDigestListsStayBounded) {
+    TempFolder folder;
+    const std::string key =
+        folder.Write("key.asc", pgp::Armor(pgp::CertifiedKey(TestKey(2048), KeyIdOf(TestKey(2048)))));
+    Bytes texts;
+    for (int i = 0; i < 1000000; ++i) texts.insert(texts.end(), {'Q', 'Q', '=', '=', 0});
+    Version6 signatures, digests;
+    signatures.signatureTexts = std::make_pair(texts, 1000000u);
+    digests.digestTexts = std::make_pair(texts, 1000000u);
+    for (const auto& row : std::vector<std::tuple<std::string, Version6, int, std::string>>{
+             {"signatures", signatures, 2, "tag 278: more than 16 signatures are not read"},
+             {"digests", digests, 3, "tag 5092: more than 1024 digests are not read"}}) {
+        const std::string package = WriteVersion6(folder, std::get<0>(row) + ".rpm", std::get<1>(row));
+        const std::clock_t start = std::clock();
+        RpmReport report;
+        const RpmVerifyResult result = rpm_verify_report(package.c_str(), key.c_str(), report, SigningPolicy::Current);
+        free(result.message);
+        EXPECT_LT(double(std::clock() - start) / CLOCKS_PER_SEC, 1.0) << std::get<0>(row);
+        EXPECT_EQ(result.status, std::get<2>(row)) << std::get<0>(row);
+        EXPECT_LE(report.checks.size(), 1030u) << std::get<0>(row);
+        EXPECT_TRUE(std::any_of(report.checks.begin(), report.checks.end(),
+                                [&row](const RpmCheck& c) { return c.reason == std::get<3>(row); }))
+            << std::get<0>(row);
     }
 }
 

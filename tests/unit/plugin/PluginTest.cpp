@@ -322,3 +322,25 @@ TEST(PrerequisiteCheck, TheSessionChoosesThePolicy) {
             << row.first;
     }
 }
+
+// A downloaded key is screened with the key reader of the policy the packages are checked under: an
+// Ed25519 key (which the classic reader cannot read) passes under the current policy only.
+TEST(KeyAcquisition, TheScreenReadsKeysAsThePolicyDoes) {
+    TempFolder temp, tools;
+    const std::string key = std::string(SIGNING_TEST_DATA) + "/oracle/gpg-ed25519.asc";
+    const std::string path = getenv("PATH");
+    chmod(tools.Write("which", "#!/bin/sh\n[ $1 = curl ]\n").c_str(), 0700);
+    chmod(tools.Write("curl", "#!/bin/sh\nfor a; do [ \"$p\" = -o ] && cp " + key + " \"$a\"; p=$a; done\n").c_str(),
+          0700);
+    setenv("PATH", (tools.Path() + ":" + path).c_str(), 1);
+    for (const SigningPolicy policy : {SigningPolicy::Classic, SigningPolicy::Current}) {
+        ScopedSession session;
+        session["signing_url"] = "http://h/k";
+        session["TEMP_FOLDER"] = temp.Path();
+        KeyAcquisition acquisition(_signing_download_limits());
+        acquisition.policy = policy;
+        const std::string got = _signing_get_public_key(session.get(), acquisition);
+        EXPECT_EQ(got.empty(), policy == SigningPolicy::Classic) << PolicyOf(policy).name << ": " << acquisition.failure;
+    }
+    setenv("PATH", path.c_str(), 1);
+}
