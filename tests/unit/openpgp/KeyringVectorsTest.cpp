@@ -225,8 +225,8 @@ const Operations kOperations = {
          std::string reason;
          const int64_t now = a.size() > 3 ? std::stoll(a[3]) : 1800000000;  // 2027-01-15 unless given
          const SignatureVerdict verdict = VerifyOpenPgpSignature(signature, signed_.get(), keys, reason, now);
-         const char* const names[] = {"Ok", "NoKey", "Bad", "NotTrusted"};
-         return names[static_cast<int>(verdict)] + (reason.empty() ? "" : ": " + reason);
+         const char* const verdicts[] = {"Ok", "NoKey", "Bad", "NotTrusted"};
+         return verdicts[static_cast<int>(verdict)] + (reason.empty() ? "" : ": " + reason);
      }}};
 
 }  // namespace
