@@ -36,6 +36,9 @@ const OpenPgpKeyAlgorithmRow kKeyAlgorithms[] = {
     {"X448", 26, false, false},     // RFC 9580, encryption only
     {"Ed25519", 27, false, true},   // RFC 9580
     {"Ed448", 28, false, true},     // RFC 9580
+    // Post-quantum composites (the OpenPGP PQC drafts): named, never verified here, so not trusted.
+    {"ML-DSA-65+Ed25519", 30, false, true},
+    {"ML-DSA-87+Ed448", 31, false, true},
 };
 
 }  // namespace

@@ -457,9 +457,13 @@ bool Known(unsigned int algorithm) {
 }
 
 // What rpm 6.1 does not trust in a signature whatever key made it, as it rates it before it looks for
-// the key: a weak hash, or an RSA value too short for a key of 2048 bits (a value of fewer than 1920
-// bits has a chance below 2^-128 of coming from one); "" when nothing.
+// the key: an algorithm it does not verify, a weak hash, or an RSA value too short for a key of 2048 bits (a value of
+// fewer than 1920 bits has a chance below 2^-128 of coming from one); "" when nothing.
 std::string DistrustOfSignature(const OpenPgpSignature& signature) {
+    // A public-key algorithm not verified here (ML-DSA): rpm 6.1 without it rates the signature so.
+    if (!Known(signature.publicKeyAlgorithm)) {
+        return OpenPgpAlgorithmName(signature.publicKeyAlgorithm) + " signatures are not trusted";
+    }
     const unsigned int hash = signature.hashAlgorithm;
     if (hash == 1 || hash == 2 || hash == 3) {
         return OpenPgpHashName(hash) + " signature hashes are not trusted: re-sign with SHA-256 or stronger";

@@ -340,7 +340,8 @@ TEST(KeyAcquisition, TheScreenReadsKeysAsThePolicyDoes) {
         KeyAcquisition acquisition(_signing_download_limits());
         acquisition.policy = policy;
         const std::string got = _signing_get_public_key(session.get(), acquisition);
-        EXPECT_EQ(got.empty(), policy == SigningPolicy::Classic) << PolicyOf(policy).name << ": " << acquisition.failure;
+        EXPECT_EQ(got.empty(), policy == SigningPolicy::Classic)
+            << PolicyOf(policy).name << ": " << acquisition.failure;
     }
     setenv("PATH", path.c_str(), 1);
 }
