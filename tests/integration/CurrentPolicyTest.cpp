@@ -1,8 +1,8 @@
-// The current policy against rpmkeys --checksig (rpm 4.18) on packages signed the ways people sign
-// today (tests/data/current, made by scripts/make-current-fixtures: header-only and header+payload
-// signatures, SHA-1 to SHA-512, RSA 1024 to 4096, Ed25519, signing subkeys, a certified key, two keys
-// in a file, tampered copies), the classic verdicts on the same packages, which must not move, and
-// rpm 6 packages written byte by byte.
+// The older fixtures (tests/data/current, made by scripts/make-current-fixtures with rpm 4.18's tools:
+// header-only and header+payload signatures, SHA-1 to SHA-512, RSA 1024 to 4096, Ed25519, signing
+// subkeys, a certified key, two keys in a file, tampered copies): rpm 4.18 still says what it said,
+// the classic verdicts do not move, the keys read as the current policy reads them (its verdicts on
+// these packages are held to rpm 6.1's in OracleTest.cpp); and rpm 6 packages written byte by byte.
 #include <gtest/gtest.h>
 
 #include <ctime>
