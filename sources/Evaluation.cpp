@@ -161,7 +161,19 @@ private:
             return verdict_.Fail(ResultHeaderOnlySigned,
                                  "The package is signed over its header only, and its header holds no payload digest");
         }
-        return true;
+        return !policy_.digestCoverage || DigestCoverage();
+    }
+
+    // The header and the payload each covered by a digest (those that did not match failed before).
+    bool DigestCoverage() {
+        const bool header =
+            std::any_of(findings_.headerDigests.begin(), findings_.headerDigests.end(),
+                        [](const DigestFinding& digest) { return digest.kind == RpmCheck::HeaderDigest; });
+        if (!header) {
+            return verdict_.Fail(ResultInvalidHash, "The package holds no SHA256 or SHA3-256 digest of its header");
+        }
+        return !findings_.payloadDigests.empty() ||
+               verdict_.Fail(ResultInvalidHash, "The package holds no digest of its payload");
     }
 
     const VerificationPolicy& policy_;

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 #include <functional>
+#include <set>
 
 #include "Base.h"
 #include "ByteCursor.h"
@@ -25,7 +26,7 @@ const char kEnd[] = "-----END PGP PUBLIC KEY BLOCK-----";
 const unsigned int kCertificationFirst = 0x10, kCertificationLast = 0x13;
 const unsigned int kSubkeyBinding = 0x18, kPrimaryKeyBinding = 0x19, kDirectKey = 0x1F;
 const unsigned int kKeyRevocation = 0x20, kSubkeyRevocation = 0x28;
-const unsigned int kUserIdPacket = 13, kUserAttributePacket = 17;
+const unsigned int kUserIdPacket = 13, kUserAttributePacket = 17, kTrustPacket = 12;
 // Key flags (RFC 9580, 5.2.3.29): the key may sign data.
 const unsigned int kSignsData = 0x02;
 
@@ -332,6 +333,7 @@ public:
 
     void Read(const OpenPgpPacket& packet) {
         if (packet.tag == kPublicKeyPacket) Settle();
+        Screen(packet);
         if (packet.tag == kPublicKeyPacket || packet.tag == kPublicSubkeyPacket || packet.tag == kUserIdPacket ||
             packet.tag == kUserAttributePacket) {
             components_.push_back(Component{packet.tag, packet.body, {}});
@@ -342,8 +344,16 @@ public:
     }
 
     void Settle() {
-        if (!components_.empty() && components_.front().tag == kPublicKeyPacket) SettleKey();
+        if (!components_.empty() && components_.front().tag == kPublicKeyPacket) {
+            if (fault_.empty()) {
+                SettleKey();
+            } else {
+                refused_.push_back("key " + KeyIdOf(components_.front().body) + ": " + fault_);
+            }
+        }
         components_.clear();
+        seen_.clear();
+        fault_.clear();
     }
 
 private:
@@ -388,7 +398,8 @@ private:
                 (!found || candidate.creationTime >= newest.creationTime)) {
                 newest = candidate, found = true;
             }
-            if (direct && checks.Newest(component, {kKeyRevocation}, primary, candidate, reason)) {
+            if (direct &&
+                checks.Newest(Revocations(component, kKeyRevocation), {kKeyRevocation}, primary, candidate, reason)) {
                 Revoke(primary, candidate);
             }
         }
@@ -418,7 +429,10 @@ private:
             return;
         }
         key.primaryId = primary.keyId;
-        if (checks.Newest(component, {kSubkeyRevocation}, primary, revocation, reason)) Revoke(key, revocation);
+        if (checks.Newest(Revocations(component, kSubkeyRevocation), {kSubkeyRevocation}, primary, revocation,
+                          reason)) {
+            Revoke(key, revocation);
+        }
         if (primary.revoked && (!key.revoked || !primary.softRevoked)) {
             key.revoked = true, key.softRevoked = primary.softRevoked, key.revokedAt = primary.revokedAt;
         }
@@ -434,9 +448,54 @@ private:
         keys_.push_back(key);
     }
 
+    // component with the revocations of type found anywhere in the block (at most kChecksPerComponent
+    // of them): a revocation moved away from what it revokes still revokes it, as Sequoia finds it.
+    Component Revocations(const Component& component, unsigned int type) const {
+        Component pooled{component.tag, component.body, {}};
+        for (const Component& each : components_) {
+            for (const ByteCursor& body : each.signatures) {
+                // The signature type is the second octet of a version 4 or 6 signature packet.
+                const bool typed =
+                    body.Size() > 1 && (body.Here()[0] == 4 || body.Here()[0] == 6) && body.Here()[1] == type;
+                if (typed && pooled.signatures.size() < kChecksPerComponent) pooled.signatures.push_back(body);
+            }
+        }
+        return pooled;
+    }
+
+    // The key ID of a key packet's body (the low 8 octets of a version 4 fingerprint, the high 8 of a
+    // version 6 one).
+    static std::string KeyIdOf(const ByteCursor& body) {
+        const std::vector<unsigned char> print = KeyFingerprint(body);
+        const bool v6 = print.size() == 32;
+        return print.size() < 8 ? "" : Base::DumpBufferToString(print.data() + (v6 ? 0 : print.size() - 8), 8, true);
+    }
+
+    // What rpm 6.1 refuses to import a key for: a packet of a kind a public key does not hold, a packet
+    // before the key packet, the same packet twice.
+    void Screen(const OpenPgpPacket& packet) {
+        const unsigned int tag = packet.tag;
+        const bool keyPart = tag == kPublicKeyPacket || tag == kPublicSubkeyPacket || tag == kUserIdPacket ||
+                             tag == kUserAttributePacket || tag == kSignaturePacket || tag == kTrustPacket;
+        if (!fault_.empty()) return;
+        if (!keyPart) {
+            fault_ = "its block holds a packet of tag " + std::to_string(tag);
+        } else if (components_.empty() && tag != kPublicKeyPacket) {
+            fault_ = "its block holds a packet of tag " + std::to_string(tag) + " before the key";
+        } else if (tag != kTrustPacket && !seen_
+                                               .insert(std::string(reinterpret_cast<const char*>(packet.body.Here()),
+                                                                   static_cast<size_t>(packet.body.Size())) +
+                                                       char(tag))
+                                               .second) {
+            fault_ = "its block holds a packet of tag " + std::to_string(tag) + " twice";
+        }
+    }
+
     std::vector<OpenPgpPublicKey>& keys_;
     std::vector<std::string>& refused_;
     std::vector<Component> components_;
+    std::set<std::string> seen_;
+    std::string fault_;
 };
 
 }  // namespace
@@ -465,9 +524,7 @@ std::string DistrustOfSignature(const OpenPgpSignature& signature) {
         return OpenPgpAlgorithmName(signature.publicKeyAlgorithm) + " signatures are not trusted";
     }
     const unsigned int hash = signature.hashAlgorithm;
-    if (hash == 1 || hash == 2 || hash == 3) {
-        return OpenPgpHashName(hash) + " signature hashes are not trusted: re-sign with SHA-256 or stronger";
-    }
+    if (hash == 2) return OpenPgpHashName(hash) + " signature hashes are not trusted: re-sign with SHA-256 or stronger";
     if (IsRsa(signature.publicKeyAlgorithm) && !signature.value.empty()) {
         size_t first = 0;
         while (first < signature.value.size() && signature.value[first] == 0) ++first;
@@ -558,6 +615,12 @@ SignatureVerdict VerifyOpenPgpSignature(const OpenPgpSignature& signature, const
 
 SignatureVerdict VerifyOpenPgpSignature(const OpenPgpSignature& signature, const EVP_MD_CTX* signedData,
                                         const OpenPgpKeyring& keys, std::string& reason, int64_t now) {
+    // A packet rpm cannot parse, or a hash its policy rejects as broken, is BAD whatever the key file.
+    if (!signature.flaw.empty()) return reason = "The signature is not valid: " + signature.flaw, SignatureVerdict::Bad;
+    if (signature.hashAlgorithm == 1 || signature.hashAlgorithm == 3) {
+        reason = "The signature is not valid: " + OpenPgpHashName(signature.hashAlgorithm) + " is a broken hash";
+        return SignatureVerdict::Bad;
+    }
     const OpenPgpPublicKey* key = SignerOf(signature, keys);
     if (key == nullptr && !(reason = DistrustOfSignature(signature)).empty()) return SignatureVerdict::NotTrusted;
     if (key == nullptr) {

@@ -69,7 +69,13 @@ void ForEachSubpacket(ByteCursor area, const std::function<bool(uint8_t type, By
 
 ByteCursor ReadMpi(ByteCursor& cursor) {
     const uint16_t bits = cursor.ReadUInt16("Multi-precision integer");
-    return cursor.Take((bits + 7u) / 8u, "Multi-precision integer");
+    const ByteCursor value = cursor.Take((bits + 7u) / 8u, "Multi-precision integer");
+    // The bits of the first octet above the count must be zero (RFC 9580, 3.2): a value longer than
+    // its count says is malformed. (A count above the value's own length, leading zeros, is taken.)
+    if (bits % 8 != 0 && (value.Here()[0] >> (bits % 8)) != 0) {
+        throw DataFormatException("Multi-precision integer: bits above its count are set");
+    }
+    return value;
 }
 
 std::string V4KeyId(const ByteCursor& body) {

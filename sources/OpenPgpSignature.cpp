@@ -27,6 +27,7 @@ void ReadV3Fields(ByteCursor& body, OpenPgpSignature& signature) {
 // The key an area names: its issuer key ID (16) and issuer fingerprint (33).
 struct Issuer {
     std::string keyId, fingerprint;
+    std::string named;  // the key ID of an issuer subpacket (16), whatever a fingerprint says
 };
 
 // The key ID of a fingerprint subpacket's body (its version, then 20 or 32 octets); "" otherwise.
@@ -37,6 +38,19 @@ void ReadFingerprint(const ByteCursor& subpacket, Issuer& issuer) {
         issuer.fingerprint = Base::DumpBufferToString(subpacket.Here() + 1, static_cast<size_t>(size - 1), true);
         issuer.keyId = version == 4 ? issuer.fingerprint.substr(24) : issuer.fingerprint.substr(0, 16);
     }
+}
+
+// Whether a subpacket of a fixed size has another: times (2, 3, 9) take 4 octets, an issuer (16) 8,
+// an issuer fingerprint (33) its version and 20 octets (version 4) or 32 (version 6).
+bool Malformed(unsigned int kind, const ByteCursor& subpacket) {
+    const uint64_t size = subpacket.Remaining();
+    if (kind == 2 || kind == 3 || kind == 9) return size != 4;
+    if (kind == 16) return size != 8;
+    if (kind == 33) {
+        const unsigned char version = size > 0 ? subpacket.Here()[0] : 0;
+        return !((version == 4 && size == 21) || (version == 6 && size == 33));
+    }
+    return false;
 }
 
 bool Understood(unsigned int kind) {
@@ -70,8 +84,12 @@ Issuer ReadSubpackets(const ByteCursor& area, bool hashed, OpenPgpSignature& sig
     Issuer fromFingerprint;
     ForEachSubpacket(area, [&](uint8_t type, ByteCursor subpacket) {
         const unsigned int kind = type & 0x7Fu;
+        if (Malformed(kind, subpacket)) {
+            signature.flaw = "its subpacket of type " + std::to_string(kind) + " is malformed";
+        }
         if (kind == 16 && subpacket.Remaining() == 8) {
             issuer.keyId = Base::DumpBufferToString(subpacket.Here(), 8, true);
+            issuer.named = issuer.keyId;
         } else if (kind == 33) {
             ReadFingerprint(subpacket, fromFingerprint);
         } else if (kind == 32 && signature.embedded.empty()) {
@@ -85,8 +103,11 @@ Issuer ReadSubpackets(const ByteCursor& area, bool hashed, OpenPgpSignature& sig
         }
         return true;
     });
-    // A fingerprint names the key whatever the key ID beside it says (a key ID of zeros included).
-    if (!fromFingerprint.fingerprint.empty()) return fromFingerprint;
+    // A fingerprint names the key (a key ID of zeros beside it is a wildcard).
+    if (!fromFingerprint.fingerprint.empty()) {
+        fromFingerprint.named = issuer.named;
+        return fromFingerprint;
+    }
     return issuer;
 }
 
@@ -110,6 +131,16 @@ void ReadV4Fields(const unsigned char* data, ByteCursor& body, OpenPgpSignature&
     signature.trailer.insert(signature.trailer.end(), tail.begin(), tail.end());
     const Issuer signer = ReadSubpackets(hashed, true, signature);
     const Issuer other = ReadSubpackets(unhashed, false, signature);
+    // An issuer key ID that is not the low (version 4) or high (version 6) part of the issuer
+    // fingerprint beside it makes the packet invalid, in whichever areas the two are.
+    for (const Issuer* id : {&signer, &other}) {
+        for (const Issuer* print : {&signer, &other}) {
+            if (!id->named.empty() && id->named != "0000000000000000" && !print->fingerprint.empty() &&
+                id->named != print->keyId) {
+                signature.flaw = "its issuer key ID and issuer fingerprint name different keys";
+            }
+        }
+    }
     // The hashed area's issuer counts when it names one: the unhashed area is anyone's to write.
     const Issuer& named = signer.keyId.empty() ? other : signer;
     signature.issuer = named.keyId;

@@ -116,6 +116,11 @@ HeaderStructure ReadStructureHeader(const PackageFile& file, uint64_t start, con
     if (std::memcmp(intro, kHeaderMagic, sizeof kHeaderMagic) != 0) {
         throw InvalidFileStructureException(name + ": RPM header magic number is not found.");
     }
+    // rpm takes the four reserved bytes after the magic as part of it: they must be zero.
+    static const unsigned char kReserved[4] = {0, 0, 0, 0};
+    if (style.asRpm && std::memcmp(intro + 4, kReserved, sizeof kReserved) != 0) {
+        throw InvalidFileStructureException(name + ": the reserved bytes after the RPM header magic are not zero");
+    }
     ByteCursor counts(intro + 8, 8, section);
     HeaderStructure header;
     header.start = start;

@@ -108,6 +108,7 @@ VerificationPolicy Current() {
     // Every signature must verify or be one that is not trusted; the coverage step judges.
     policy.headerSignatures = SignatureRule{ResultSigned, nullptr, false, true, "PGP signature is not valid: "};
     policy.packageSignatures = policy.headerSignatures;
+    policy.digestCoverage = true;
     return policy;
 }
 

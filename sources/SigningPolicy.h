@@ -117,6 +117,10 @@ struct VerificationPolicy {
     bool digestsRequired;
     // Whether the package without payload is told with the MD5 check (classic), or by coverage.
     bool payloadWithMd5;
+    // Whether the main header and the payload must each be covered by a digest the policy's rpm
+    // reads (a SHA-256 or SHA3-256 digest of the header, a payload digest of the main header), as
+    // rpm 6 requires them (current).
+    bool digestCoverage;
     // Whether a signature check that throws is recorded and ends the evaluation only while the
     // verdict is open (classic), or ends it whatever was decided.
     bool checkErrorsRecorded;

@@ -59,20 +59,30 @@ struct PackageOptions {
     std::vector<pgp::SignatureOptions> packages{header};  // one tag-1002 signature each
     bool sha1 = true, md5 = true;                         // write tags 269 and 1004
     std::string payload = std::string(40000, 'p');
+    // The digests rpm 6 requires of a package: the header's SHA-256 (273), the payload's (5092).
+    bool digests = false;
 };
 
-// The main header: a name; its contents do not matter to the signature check.
-inline Bytes MainHeader() {
-    return HeaderBytes({{1000, 6, BytesOf("hello")}});
+inline std::string HexOf(const Bytes& bytes) {
+    std::string hex, digits = "0123456789abcdef";
+    for (unsigned char c : bytes) hex += digits[c >> 4], hex += digits[c & 15];
+    return hex;
+}
+
+// The main header: a name (its contents do not matter to the signature check), and with digests the
+// payload's SHA-256.
+inline Bytes MainHeader(const PackageOptions& o = PackageOptions()) {
+    if (!o.digests) return HeaderBytes({{1000, 6, BytesOf("hello")}});
+    const Bytes payloadDigest = BytesOf(HexOf(HashOf(EVP_sha256(), o.payload)) + std::string(1, '\0'));
+    return HeaderBytes({{1000, 6, BytesOf("hello")}, {5092, 8, payloadDigest, 1u}});
 }
 
 // The signature header's entries: region tag 62 first, then 269 (lower-case hex), 1004, 268, the 1002s.
 inline std::vector<Entry> SignatureEntries(const PackageOptions& o) {
-    const std::string header = Text(MainHeader()), signedData = header + o.payload;
+    const std::string header = Text(MainHeader(o)), signedData = header + o.payload;
     std::vector<Entry> entries = {{62, 7, Bytes(16, 0)}};
-    std::string hex, digits = "0123456789abcdef";
-    for (unsigned char c : HashOf(EVP_sha1(), header)) hex += digits[c >> 4], hex += digits[c & 15];
-    if (o.sha1) entries.push_back({269, 6, BytesOf(hex)});
+    if (o.sha1) entries.push_back({269, 6, BytesOf(HexOf(HashOf(EVP_sha1(), header)))});
+    if (o.digests) entries.push_back({273, 6, BytesOf(HexOf(HashOf(EVP_sha256(), header)))});
     if (o.md5) entries.push_back({1004, 7, HashOf(EVP_md5(), signedData)});
     if (o.key == nullptr) return entries;
     if (o.headerSignature) entries.push_back({268, 7, pgp::SignaturePacket(o.key, header, o.header)});
@@ -84,7 +94,7 @@ inline std::vector<Entry> SignatureEntries(const PackageOptions& o) {
 inline std::string Package(const PackageOptions& o, const std::vector<Entry>* signatureEntries = nullptr) {
     Bytes file = Concat({Lead(), HeaderBytes(signatureEntries ? *signatureEntries : SignatureEntries(o))});
     file.resize((file.size() + 7) & ~size_t(7), 0);
-    return Text(file) + Text(MainHeader()) + o.payload;
+    return Text(file) + Text(MainHeader(o)) + o.payload;
 }
 
 }  // namespace rpm
