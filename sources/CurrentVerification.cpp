@@ -35,6 +35,8 @@ const uint32_t kReserved = 999;
 const uint32_t kSha3Header = 279;
 const uint32_t kFirstLegacyTag = 1000;
 const uint32_t kOpenPgp = 278;
+// The OpenPGP id of RIPEMD-160, which OpenSSL's default provider does not compute.
+const unsigned int kRipemd160 = 3;
 // What is read of a package's signatures and digests. rpm reads any number of them; packages carry
 // one to three signatures and one digest per tag, and more only cost: a package beyond these bounds
 // is refused.
@@ -436,6 +438,12 @@ private:
             return SignatureOutcome{
                 RpmCheck::Bad, ResultInvalidSignature,
                 "a signature of type " + std::to_string(signature.packet.type) + " does not sign a binary document"};
+        }
+        const unsigned int hashId = signature.packet.hashAlgorithm;
+        if (hashId == PgpHashMd5 || hashId == kRipemd160) {
+            // rpm computes these and its policy rejects them as broken: BAD, whatever the key file.
+            return SignatureOutcome{RpmCheck::Bad, ResultInvalidSignature,
+                                    "The signature is not valid: " + OpenPgpHashName(hashId) + " is a broken hash"};
         }
         if (!signature.hash) {
             return SignatureOutcome{

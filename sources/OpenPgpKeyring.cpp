@@ -35,6 +35,8 @@ const unsigned int kSignsData = 0x02;
 // more than these.
 const unsigned int kChecksPerComponent = 32;
 const unsigned int kChecksPerKey = 256;
+// And at most this many for a whole key file, whatever number of keys it holds.
+const unsigned int kChecksPerFile = 512;
 
 bool IsRsa(unsigned int algorithm) {
     return algorithm >= 1 && algorithm <= 3;
@@ -230,12 +232,12 @@ struct Component {
     std::vector<ByteCursor> signatures;
 };
 
-// The checks a key's own signatures go through: at most kChecksPerComponent for each component and
-// kChecksPerKey for the whole key.
+// The checks a key's own signatures go through: at most kChecksPerComponent for each component,
+// kChecksPerKey for the whole key and kChecksPerFile for the key file.
 class SelfSignatures {
 public:
-    SelfSignatures(const OpenPgpPublicKey& primary, const ByteCursor& primaryBody)
-        : primary_(primary), primaryBody_(primaryBody) {}
+    SelfSignatures(const OpenPgpPublicKey& primary, const ByteCursor& primaryBody, unsigned int& fileChecks)
+        : primary_(primary), primaryBody_(primaryBody), fileChecks_(fileChecks) {}
 
     // The newest signature of a type in types over component by signer that verifies; false when
     // none does (why the last one failed in reason). subkey is the subkey's body for bindings.
@@ -258,8 +260,11 @@ public:
             return signature.issuer.empty() || signature.issuer == signer.keyId;
         });
         bool found = false;
-        for (size_t at = 0; at < candidates.size() && at < kChecksPerComponent && checks_ < kChecksPerKey; ++at) {
+        for (size_t at = 0; at < candidates.size() && at < kChecksPerComponent && checks_ < kChecksPerKey &&
+                            fileChecks_ < kChecksPerFile;
+             ++at) {
             ++checks_;
+            ++fileChecks_;
             if (Verifies(candidates[at], component, signer, reason) &&
                 (!found || candidates[at].creationTime >= newest.creationTime)) {
                 newest = candidates[at], found = true;
@@ -295,6 +300,7 @@ private:
     const OpenPgpPublicKey& primary_;
     ByteCursor primaryBody_;
     unsigned int checks_ = 0;
+    unsigned int& fileChecks_;
 };
 
 // The expiry a self-signature or binding gives key: its key expiration time counts from the key's
@@ -328,12 +334,13 @@ bool BackSigned(const OpenPgpSignature& binding, const Component& subkey, const 
 // key, and at the end, the key and its subkeys are judged by their own signatures.
 class BlockReader {
 public:
-    BlockReader(std::vector<OpenPgpPublicKey>& keys, std::vector<std::string>& refused)
-        : keys_(keys), refused_(refused) {}
+    BlockReader(std::vector<OpenPgpPublicKey>& keys, std::vector<std::string>& refused, unsigned int& fileChecks)
+        : keys_(keys), refused_(refused), fileChecks_(fileChecks) {}
 
     void Read(const OpenPgpPacket& packet) {
         if (packet.tag == kPublicKeyPacket) Settle();
         Screen(packet);
+        if (components_.empty() && packet.tag != kPublicKeyPacket) return;  // before any key: its fault alone
         if (packet.tag == kPublicKeyPacket || packet.tag == kPublicSubkeyPacket || packet.tag == kUserIdPacket ||
             packet.tag == kUserAttributePacket) {
             components_.push_back(Component{packet.tag, packet.body, {}});
@@ -343,13 +350,13 @@ public:
         // Trust packets and anything else are read past.
     }
 
+    // The key read so far judged; a fault seen before any key stays for the key that follows.
     void Settle() {
-        if (!components_.empty() && components_.front().tag == kPublicKeyPacket) {
-            if (fault_.empty()) {
-                SettleKey();
-            } else {
-                refused_.push_back("key " + KeyIdOf(components_.front().body) + ": " + fault_);
-            }
+        if (components_.empty()) return;
+        if (fault_.empty()) {
+            SettleKey();
+        } else {
+            refused_.push_back("key " + KeyIdOf(components_.front().body) + ": " + fault_);
         }
         components_.clear();
         seen_.clear();
@@ -365,7 +372,7 @@ private:
             return;
         }
         primary.primaryId = primary.keyId;
-        SelfSignatures checks(primary, components_.front().body);
+        SelfSignatures checks(primary, components_.front().body, fileChecks_);
         if (!JudgePrimary(checks, primary)) return;
         keys_.push_back(primary);
         for (const Component& component : components_) {
@@ -494,6 +501,7 @@ private:
     std::vector<OpenPgpPublicKey>& keys_;
     std::vector<std::string>& refused_;
     std::vector<Component> components_;
+    unsigned int& fileChecks_;
     std::set<std::string> seen_;
     std::string fault_;
 };
@@ -502,7 +510,7 @@ private:
 
 void OpenPgpKeyring::ParseBlock(const unsigned char* data, uint64_t size) {
     ByteCursor cursor(data, size, "OpenPGP key block");
-    BlockReader reader(keys_, refused_);
+    BlockReader reader(keys_, refused_, checks_);
     while (cursor.Remaining() > 0) reader.Read(NextPacket(cursor));
     reader.Settle();
 }
@@ -617,6 +625,10 @@ SignatureVerdict VerifyOpenPgpSignature(const OpenPgpSignature& signature, const
                                         const OpenPgpKeyring& keys, std::string& reason, int64_t now) {
     // A packet rpm cannot parse, or a hash its policy rejects as broken, is BAD whatever the key file.
     if (!signature.flaw.empty()) return reason = "The signature is not valid: " + signature.flaw, SignatureVerdict::Bad;
+    if (signature.issuerMismatch) {
+        reason = "The signature is not valid: its issuer key ID and issuer fingerprint name different keys";
+        return SignatureVerdict::Bad;
+    }
     if (signature.hashAlgorithm == 1 || signature.hashAlgorithm == 3) {
         reason = "The signature is not valid: " + OpenPgpHashName(signature.hashAlgorithm) + " is a broken hash";
         return SignatureVerdict::Bad;

@@ -70,10 +70,10 @@ void ForEachSubpacket(ByteCursor area, const std::function<bool(uint8_t type, By
 ByteCursor ReadMpi(ByteCursor& cursor) {
     const uint16_t bits = cursor.ReadUInt16("Multi-precision integer");
     const ByteCursor value = cursor.Take((bits + 7u) / 8u, "Multi-precision integer");
-    // The bits of the first octet above the count must be zero (RFC 9580, 3.2): a value longer than
-    // its count says is malformed. (A count above the value's own length, leading zeros, is taken.)
-    if (bits % 8 != 0 && (value.Here()[0] >> (bits % 8)) != 0) {
-        throw DataFormatException("Multi-precision integer: bits above its count are set");
+    // The count is the value's exact length in bits (RFC 9580, 3.2): its top bit is set, and no bit
+    // above it. Sequoia, and so rpm 6.1, refuses any other count.
+    if (bits != 0 && (value.Here()[0] >> ((bits - 1) % 8)) != 1) {
+        throw DataFormatException("Multi-precision integer: its bit count is not its length");
     }
     return value;
 }

@@ -137,7 +137,7 @@ void ReadV4Fields(const unsigned char* data, ByteCursor& body, OpenPgpSignature&
         for (const Issuer* print : {&signer, &other}) {
             if (!id->named.empty() && id->named != "0000000000000000" && !print->fingerprint.empty() &&
                 id->named != print->keyId) {
-                signature.flaw = "its issuer key ID and issuer fingerprint name different keys";
+                signature.issuerMismatch = true;
             }
         }
     }
