@@ -138,12 +138,22 @@ std::vector<unsigned char> DecodeArmor(const std::string& block) {
         at = next + 1;
     }
     // After the BEGIN line: armor headers ("Version: ...", "Comment: ..."), an empty line, the body.
+    // rpm 6.1 reads no block whose headers the empty line does not end, nor one with two checksums
+    // (the checksum's own value it does not check).
     size_t first = 1;
     while (first < lines.size() && !lines[first].empty() && lines[first].find(':') != std::string::npos) ++first;
+    if (first > 1 && (first >= lines.size() || !lines[first].empty())) {
+        throw DataFormatException("The armor's headers are not followed by an empty line");
+    }
     if (first < lines.size() && lines[first].empty()) ++first;
     std::string body;
+    int checksums = 0;
     for (size_t line = first; line < lines.size() && lines[line].rfind("-----", 0) != 0; ++line) {
-        if (lines[line].empty() || lines[line][0] != '=') body += lines[line];
+        if (lines[line].empty() || lines[line][0] != '=') {
+            body += lines[line];
+        } else if (++checksums > 1) {
+            throw DataFormatException("The armor holds two checksums");
+        }
     }
     return DecodeBase64(body, "The armor's Base64 text is damaged");
 }
@@ -374,6 +384,11 @@ private:
         primary.primaryId = primary.keyId;
         SelfSignatures checks(primary, components_.front().body, fileChecks_);
         if (!JudgePrimary(checks, primary)) return;
+        // A key the file held before, in an earlier block, is replaced by this copy, as rpm replaces
+        // a key it imports again.
+        keys_.erase(std::remove_if(keys_.begin(), keys_.end(),
+                                   [&primary](const OpenPgpPublicKey& key) { return key.primaryId == primary.keyId; }),
+                    keys_.end());
         keys_.push_back(primary);
         for (const Component& component : components_) {
             if (component.tag == kPublicSubkeyPacket) JudgeSubkey(checks, component);

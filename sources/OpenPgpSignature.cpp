@@ -95,6 +95,11 @@ Issuer ReadSubpackets(const ByteCursor& area, bool hashed, OpenPgpSignature& sig
         } else if (kind == 32 && signature.embedded.empty()) {
             signature.embedded.assign(subpacket.Here(), subpacket.Here() + subpacket.Remaining());
         }
+        // An embedded signature is read with the packet (Sequoia refuses the packet when it is not a
+        // signature of version 4 or 6).
+        if (kind == 32 && (subpacket.Remaining() < 4 || (subpacket.Here()[0] != 4 && subpacket.Here()[0] != 6))) {
+            signature.flaw = "its embedded signature cannot be read";
+        }
         if (hashed) ReadHashed(kind, subpacket, signature);
         const bool document = signature.type <= 1;
         if ((type & 0x80) != 0 && hashed && (!Understood(kind) || (kind == 9 && document))) {
