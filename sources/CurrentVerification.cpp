@@ -187,27 +187,17 @@ struct PayloadElement {
     bool excused = false;
 };
 
-// Excuses the failures that rpm excuses: of a tag and its alternative (together a group), taken
-// from the last element of the alternative back to the first of the main tag, the first's failure
-// when the second passes, and any other's when the first passes.
+// Excuses the failures of alternatives (the ALT tags, written over the uncompressed payload, which
+// the stored payload does not match) when the main tag of their pair passes, as rpm excuses them. A
+// main tag that fails is not excused by its alternative: rpm would excuse it, but the stored payload
+// is then not what was signed (an uncompressed archive stored in place of the payload matches the
+// alternative).
 void ExcuseAlternatives(std::vector<PayloadElement>& elements) {
-    for (size_t row = 0; row < kPayloadDigestCount; ++row) {
-        if (kPayloadDigests[row].alternative) continue;
-        std::vector<PayloadElement*> group;
-        for (PayloadElement& element : elements) {
-            if (element.row == row || (element.row == row + 1 && kPayloadDigests[row + 1].alternative)) {
-                group.push_back(&element);
-            }
-        }
-        std::sort(group.begin(), group.end(), [](const PayloadElement* a, const PayloadElement* b) {
-            return kPayloadDigests[a->row].tag != kPayloadDigests[b->row].tag
-                       ? kPayloadDigests[a->row].tag > kPayloadDigests[b->row].tag
-                       : a->index > b->index;
-        });
-        if (group.empty()) continue;
-        const bool firstGood = group.front()->good;
-        group.front()->excused = !firstGood && group.size() > 1 && group[1]->good;
-        for (size_t i = 1; i < group.size(); ++i) group[i]->excused = !group[i]->good && firstGood;
+    for (PayloadElement& element : elements) {
+        const size_t row = element.row;
+        if (element.good || !kPayloadDigests[row].alternative) continue;
+        element.excused = std::any_of(elements.begin(), elements.end(),
+                                      [row](const PayloadElement& main) { return main.row == row - 1 && main.good; });
     }
 }
 

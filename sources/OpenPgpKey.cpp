@@ -73,6 +73,7 @@ bool ReadRsa(ByteCursor& material, OpenPgpPublicKey& key, std::string& refusal) 
     const ByteCursor modulus = ReadMpi(material), exponent = ReadMpi(material);
     key.bits = BitsOf(modulus);
     const unsigned int exponentBits = BitsOf(exponent);
+    key.exponentBits = exponentBits;
     if (key.bits > kMaxRsaBits) {
         refusal = "RSA keys over " + std::to_string(kMaxRsaBits) + " bits are not supported";
         return false;

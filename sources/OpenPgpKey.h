@@ -8,24 +8,27 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "ByteCursor.h"
 
 struct OpenPgpPublicKey {
-    std::string keyId;           // 16 upper-case hexadecimal digits; empty when the key names none
-    std::string primaryId;       // the key ID of its primary key (its own for a primary key)
-    unsigned int algorithm = 0;  // OpenPGP public-key algorithm: 1, 2, 3 RSA; 17 DSA; 19 ECDSA; 22, 27, 28 EdDSA
-    unsigned int bits = 0;       // RSA and DSA: bits of the modulus (p); ECDSA: of the curve; Ed25519: 256
+    std::string keyId;              // 16 upper-case hexadecimal digits; empty when the key names none
+    std::string primaryId;          // the key ID of its primary key (its own for a primary key)
+    unsigned int algorithm = 0;     // OpenPGP public-key algorithm: 1, 2, 3 RSA; 17 DSA; 19 ECDSA; 22, 27, 28 EdDSA
+    unsigned int bits = 0;          // RSA and DSA: bits of the modulus (p); ECDSA: of the curve; Ed25519: 256
+    unsigned int exponentBits = 0;  // RSA: bits of the public exponent
     bool subkey = false;
     std::shared_ptr<EVP_PKEY> key;  // null when OpenSSL does not take the key, and under the classic rule
 
     // What the keyring learns from the key packet and its owner's signatures (left as they are under
     // the classic rule).
     unsigned int version = 4;
-    std::string fingerprint;  // upper-case hex: 20 octets (version 4) or 32 (version 6)
-    uint32_t created = 0;     // the key packet's creation time
-    uint64_t expires = 0;     // when the key expires (seconds since 1970), 0 for never
-    bool revoked = false;     // revoked by its owner (a key revocation, a subkey revocation)
+    std::string fingerprint;            // upper-case hex: 20 octets (version 4) or 32 (version 6)
+    std::vector<unsigned char> packet;  // a primary key's packet body, for revocations apart from it
+    uint32_t created = 0;               // the key packet's creation time
+    uint64_t expires = 0;               // when the key expires (seconds since 1970), 0 for never
+    bool revoked = false;               // revoked by its owner (a key revocation, a subkey revocation)
     // A revocation that says the key was superseded or retired (reasons 1 and 3) ends the key's
     // signatures from its own time on; any other ends them all (the key may have been compromised).
     bool softRevoked = false;

@@ -35,8 +35,21 @@ const unsigned int kSignsData = 0x02;
 // more than these.
 const unsigned int kChecksPerComponent = 32;
 const unsigned int kChecksPerKey = 256;
-// And at most this many for a whole key file, whatever number of keys it holds.
-const unsigned int kChecksPerFile = 512;
+// And for a whole key file, whatever number of keys it holds, checks of at most this cost in all
+// (CheckCost: about a quarter of a second of CPU).
+const uint64_t kCostPerFile = 250000;
+
+// About what one signature check with key costs, in microseconds of a current x86-64 core: RSA grows
+// with the square of the modulus and with the exponent's length, DSA and ECDSA with their size.
+uint64_t CheckCost(const OpenPgpPublicKey& key) {
+    const uint64_t bits = std::max(1u, key.bits);
+    if (key.algorithm >= 1 && key.algorithm <= 3) {
+        return 5 + bits * bits * std::max(17u, key.exponentBits) / (2048ull * 2048 * 17 / 20);
+    }
+    if (key.algorithm == 17) return 50 + bits * bits / (2048ull * 2048 / 400);
+    if (key.algorithm == 19) return 50 + bits * bits / (256ull * 256 / 100);
+    return 60;
+}
 
 bool IsRsa(unsigned int algorithm) {
     return algorithm >= 1 && algorithm <= 3;
@@ -130,27 +143,34 @@ void HashUserId(EVP_MD_CTX* context, unsigned int tag, const ByteCursor& body) {
 // ("=" and four characters, CRC-24) is read past: rpm 6.1 imports a key whose checksum is missing or
 // does not match, and the key's own signatures are what vouch for its bytes.
 std::vector<unsigned char> DecodeArmor(const std::string& block) {
-    std::vector<std::string> lines;
-    for (size_t at = 0; at < block.size();) {
-        const size_t next = std::min(block.find('\n', at), block.size());
-        lines.push_back(block.substr(at, next - at));
-        if (!lines.back().empty() && lines.back().back() == '\r') lines.back().pop_back();
-        at = next + 1;
-    }
+    // The text is read line by line in place (a block of empty lines costs no memory of its own).
+    size_t at = 0, line = 0;
+    const auto next = [&block, &at, &line](std::string& text) {
+        if (at >= block.size()) return false;
+        const size_t end = std::min(block.find('\n', at), block.size());
+        text.assign(block, at, end - at);
+        if (!text.empty() && text.back() == '\r') text.pop_back();
+        at = end + 1;
+        ++line;
+        return true;
+    };
+    std::string text;
+    next(text);  // the BEGIN line
     // After the BEGIN line: armor headers ("Version: ...", "Comment: ..."), an empty line, the body.
     // rpm 6.1 reads no block whose headers the empty line does not end, nor one with two checksums
     // (the checksum's own value it does not check).
-    size_t first = 1;
-    while (first < lines.size() && !lines[first].empty() && lines[first].find(':') != std::string::npos) ++first;
-    if (first > 1 && (first >= lines.size() || !lines[first].empty())) {
+    bool more = next(text);
+    const size_t headersFrom = line;
+    while (more && !text.empty() && text.find(':') != std::string::npos) more = next(text);
+    if (line > headersFrom && (!more || !text.empty())) {
         throw DataFormatException("The armor's headers are not followed by an empty line");
     }
-    if (first < lines.size() && lines[first].empty()) ++first;
+    if (more && text.empty()) more = next(text);
     std::string body;
     int checksums = 0;
-    for (size_t line = first; line < lines.size() && lines[line].rfind("-----", 0) != 0; ++line) {
-        if (lines[line].empty() || lines[line][0] != '=') {
-            body += lines[line];
+    for (; more && text.rfind("-----", 0) != 0; more = next(text)) {
+        if (text.empty() || text[0] != '=') {
+            body += text;
         } else if (++checksums > 1) {
             throw DataFormatException("The armor holds two checksums");
         }
@@ -208,6 +228,7 @@ OpenPgpKeyring OpenPgpKeyring::Parse(const unsigned char* data, uint64_t size) {
     OpenPgpKeyring keyring;
     ForEachKeyBlock(data, size,
                     [&keyring](const unsigned char* block, uint64_t length) { keyring.ParseBlock(block, length); });
+    keyring.ApplyRevocations();
     if (keyring.keys_.empty()) {
         throw DataFormatException(keyring.refused_.empty() ? "PGP public key is not found"
                                                            : "No key can verify: " + keyring.refused_.front());
@@ -243,11 +264,11 @@ struct Component {
 };
 
 // The checks a key's own signatures go through: at most kChecksPerComponent for each component,
-// kChecksPerKey for the whole key and kChecksPerFile for the key file.
+// kChecksPerKey for the whole key, and kCostPerFile for the key file.
 class SelfSignatures {
 public:
-    SelfSignatures(const OpenPgpPublicKey& primary, const ByteCursor& primaryBody, unsigned int& fileChecks)
-        : primary_(primary), primaryBody_(primaryBody), fileChecks_(fileChecks) {}
+    SelfSignatures(const OpenPgpPublicKey& primary, const ByteCursor& primaryBody, uint64_t& fileCost)
+        : primary_(primary), primaryBody_(primaryBody), fileCost_(fileCost) {}
 
     // The newest signature of a type in types over component by signer that verifies; false when
     // none does (why the last one failed in reason). subkey is the subkey's body for bindings.
@@ -270,11 +291,12 @@ public:
             return signature.issuer.empty() || signature.issuer == signer.keyId;
         });
         bool found = false;
+        const uint64_t cost = CheckCost(signer);
         for (size_t at = 0; at < candidates.size() && at < kChecksPerComponent && checks_ < kChecksPerKey &&
-                            fileChecks_ < kChecksPerFile;
+                            fileCost_ + cost <= kCostPerFile;
              ++at) {
             ++checks_;
-            ++fileChecks_;
+            fileCost_ += cost;
             if (Verifies(candidates[at], component, signer, reason) &&
                 (!found || candidates[at].creationTime >= newest.creationTime)) {
                 newest = candidates[at], found = true;
@@ -310,7 +332,7 @@ private:
     const OpenPgpPublicKey& primary_;
     ByteCursor primaryBody_;
     unsigned int checks_ = 0;
-    unsigned int& fileChecks_;
+    uint64_t& fileCost_;
 };
 
 // The expiry a self-signature or binding gives key: its key expiration time counts from the key's
@@ -344,13 +366,20 @@ bool BackSigned(const OpenPgpSignature& binding, const Component& subkey, const 
 // key, and at the end, the key and its subkeys are judged by their own signatures.
 class BlockReader {
 public:
-    BlockReader(std::vector<OpenPgpPublicKey>& keys, std::vector<std::string>& refused, unsigned int& fileChecks)
-        : keys_(keys), refused_(refused), fileChecks_(fileChecks) {}
+    BlockReader(std::vector<OpenPgpPublicKey>& keys, std::vector<std::string>& refused, uint64_t& fileCost,
+                std::vector<std::vector<unsigned char>>& orphans)
+        : keys_(keys), refused_(refused), fileCost_(fileCost), orphans_(orphans) {}
 
     void Read(const OpenPgpPacket& packet) {
         if (packet.tag == kPublicKeyPacket) Settle();
         Screen(packet);
-        if (components_.empty() && packet.tag != kPublicKeyPacket) return;  // before any key: its fault alone
+        if (components_.empty() && packet.tag != kPublicKeyPacket) {
+            // Before any key: its fault alone, and a signature kept for revocations apart from their key.
+            if (packet.tag == kSignaturePacket && orphans_.size() < kChecksPerComponent) {
+                orphans_.emplace_back(packet.body.Here(), packet.body.Here() + packet.body.Size());
+            }
+            return;
+        }
         if (packet.tag == kPublicKeyPacket || packet.tag == kPublicSubkeyPacket || packet.tag == kUserIdPacket ||
             packet.tag == kUserAttributePacket) {
             components_.push_back(Component{packet.tag, packet.body, {}});
@@ -370,6 +399,7 @@ public:
         }
         components_.clear();
         seen_.clear();
+        last_.clear();
         fault_.clear();
     }
 
@@ -382,7 +412,9 @@ private:
             return;
         }
         primary.primaryId = primary.keyId;
-        SelfSignatures checks(primary, components_.front().body, fileChecks_);
+        primary.packet.assign(components_.front().body.Here(),
+                              components_.front().body.Here() + components_.front().body.Size());
+        SelfSignatures checks(primary, components_.front().body, fileCost_);
         if (!JudgePrimary(checks, primary)) return;
         // A key the file held before, in an earlier block, is replaced by this copy, as rpm replaces
         // a key it imports again.
@@ -494,7 +526,7 @@ private:
     }
 
     // What rpm 6.1 refuses to import a key for: a packet of a kind a public key does not hold, a packet
-    // before the key packet, the same packet twice.
+    // before the key packet, the same packet twice (but for a copy right after itself).
     void Screen(const OpenPgpPacket& packet) {
         const unsigned int tag = packet.tag;
         const bool keyPart = tag == kPublicKeyPacket || tag == kPublicSubkeyPacket || tag == kUserIdPacket ||
@@ -504,28 +536,61 @@ private:
             fault_ = "its block holds a packet of tag " + std::to_string(tag);
         } else if (components_.empty() && tag != kPublicKeyPacket) {
             fault_ = "its block holds a packet of tag " + std::to_string(tag) + " before the key";
-        } else if (tag != kTrustPacket && !seen_
-                                               .insert(std::string(reinterpret_cast<const char*>(packet.body.Here()),
-                                                                   static_cast<size_t>(packet.body.Size())) +
-                                                       char(tag))
-                                               .second) {
-            fault_ = "its block holds a packet of tag " + std::to_string(tag) + " twice";
+        } else if (tag != kTrustPacket) {
+            // A packet repeated right after itself is taken (rpm takes it); one repeated elsewhere is not.
+            std::string bytes(reinterpret_cast<const char*>(packet.body.Here()),
+                              static_cast<size_t>(packet.body.Size()));
+            bytes += char(tag);
+            if (bytes != last_ && !seen_.insert(bytes).second) {
+                fault_ = "its block holds a packet of tag " + std::to_string(tag) + " twice";
+            }
+            last_ = std::move(bytes);
         }
     }
 
     std::vector<OpenPgpPublicKey>& keys_;
     std::vector<std::string>& refused_;
     std::vector<Component> components_;
-    unsigned int& fileChecks_;
+    uint64_t& fileCost_;
+    std::vector<std::vector<unsigned char>>& orphans_;
     std::set<std::string> seen_;
+    std::string last_;
     std::string fault_;
 };
 
 }  // namespace
 
+void OpenPgpKeyring::ApplyRevocations() {
+    for (const std::vector<unsigned char>& body : orphans_) {
+        OpenPgpSignature revocation;
+        try {
+            revocation = OpenPgpSignature::ParseBody(body.data(), body.size());
+        } catch (const DataFormatException&) {
+            continue;
+        }
+        if (revocation.type != kKeyRevocation) continue;
+        for (OpenPgpPublicKey& key : keys_) {
+            const bool named = revocation.issuerFingerprint.empty() ? revocation.issuer == key.keyId
+                                                                    : revocation.issuerFingerprint == key.fingerprint;
+            if (key.subkey || !named || key.packet.empty()) continue;
+            const ByteCursor packet(key.packet.data(), key.packet.size(), "Public-key packet");
+            SelfSignatures checks(key, packet, checkCost_);
+            std::string reason;
+            if (!checks.Verifies(revocation, Component{kPublicKeyPacket, packet, {}}, key, reason)) continue;
+            Revoke(key, revocation);
+            for (OpenPgpPublicKey& subkey : keys_) {
+                if (subkey.subkey && subkey.primaryId == key.keyId && (!subkey.revoked || !key.softRevoked)) {
+                    subkey.revoked = true, subkey.softRevoked = key.softRevoked, subkey.revokedAt = key.revokedAt;
+                }
+            }
+        }
+    }
+    orphans_.clear();
+}
+
 void OpenPgpKeyring::ParseBlock(const unsigned char* data, uint64_t size) {
     ByteCursor cursor(data, size, "OpenPGP key block");
-    BlockReader reader(keys_, refused_, checks_);
+    BlockReader reader(keys_, refused_, checkCost_, orphans_);
     while (cursor.Remaining() > 0) reader.Read(NextPacket(cursor));
     reader.Settle();
 }
@@ -563,7 +628,7 @@ std::string DistrustOfSignature(const OpenPgpSignature& signature) {
 
 // What rpm 6.1 does not trust in signature by key; "" when nothing.
 std::string Distrust(const OpenPgpSignature& signature, const OpenPgpPublicKey& key) {
-    const std::string weak = DistrustOfSignature(signature);
+    std::string weak = DistrustOfSignature(signature);
     if (!weak.empty()) return weak;
     if ((IsRsa(key.algorithm) || key.algorithm == 17) && key.bits < 2048) {
         return OpenPgpAlgorithmName(key.algorithm) +
@@ -640,10 +705,6 @@ SignatureVerdict VerifyOpenPgpSignature(const OpenPgpSignature& signature, const
                                         const OpenPgpKeyring& keys, std::string& reason, int64_t now) {
     // A packet rpm cannot parse, or a hash its policy rejects as broken, is BAD whatever the key file.
     if (!signature.flaw.empty()) return reason = "The signature is not valid: " + signature.flaw, SignatureVerdict::Bad;
-    if (signature.issuerMismatch) {
-        reason = "The signature is not valid: its issuer key ID and issuer fingerprint name different keys";
-        return SignatureVerdict::Bad;
-    }
     if (signature.hashAlgorithm == 1 || signature.hashAlgorithm == 3) {
         reason = "The signature is not valid: " + OpenPgpHashName(signature.hashAlgorithm) + " is a broken hash";
         return SignatureVerdict::Bad;

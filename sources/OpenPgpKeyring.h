@@ -54,9 +54,6 @@ struct OpenPgpSignature {
     unsigned int keyFlags = 0;
     bool hasKeyFlags = false;
     std::vector<unsigned char> embedded;
-    // Whether an issuer key ID names another key than the issuer fingerprint beside it: rpm refuses
-    // such a signature over a package (a key's own signatures are checked by the key alone).
-    bool issuerMismatch = false;
     // A revocation's reason code (subpacket 29, hashed): 0 when none is given.
     unsigned int revocationReason = 0;
 
@@ -95,9 +92,13 @@ public:
 
 private:
     void ParseBlock(const unsigned char* data, uint64_t size);
+    // Applies the key revocations found apart from their key (a revocation certificate in a block of
+    // its own) to the keys they name and verify for.
+    void ApplyRevocations();
     std::vector<OpenPgpPublicKey> keys_;
     std::vector<std::string> refused_;
-    unsigned int checks_ = 0;  // self-signatures and bindings checked over the whole key file
+    std::vector<std::vector<unsigned char>> orphans_;  // signature bodies found before any key
+    uint64_t checkCost_ = 0;  // what the self-signatures and bindings checked so far cost (microseconds)
 };
 
 // NotTrusted: what rpm 6.1 rates NOTTRUSTED and then counts neither for nor against a package: a

@@ -110,6 +110,12 @@ std::vector<unsigned char> KeyFingerprint(const ByteCursor& body) {
 }
 
 std::vector<unsigned char> DecodeBase64(const std::string& text, const char* failure) {
+    // OpenSSL's decoder stops at a '-' (the end of a PEM block); rpm's refuses any character outside
+    // the alphabet, as does this one.
+    if (text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/= \t\r\n") !=
+        std::string::npos) {
+        throw DataFormatException(failure);
+    }
     std::vector<unsigned char> bytes(text.size() / 4 * 3 + 3);
     const std::unique_ptr<EVP_ENCODE_CTX, decltype(&EVP_ENCODE_CTX_free)> context(EVP_ENCODE_CTX_new(),
                                                                                   &EVP_ENCODE_CTX_free);

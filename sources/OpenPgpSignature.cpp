@@ -27,7 +27,6 @@ void ReadV3Fields(ByteCursor& body, OpenPgpSignature& signature) {
 // The key an area names: its issuer key ID (16) and issuer fingerprint (33).
 struct Issuer {
     std::string keyId, fingerprint;
-    std::string named;  // the key ID of an issuer subpacket (16), whatever a fingerprint says
 };
 
 // The key ID of a fingerprint subpacket's body (its version, then 20 or 32 octets); "" otherwise.
@@ -89,7 +88,6 @@ Issuer ReadSubpackets(const ByteCursor& area, bool hashed, OpenPgpSignature& sig
         }
         if (kind == 16 && subpacket.Remaining() == 8) {
             issuer.keyId = Base::DumpBufferToString(subpacket.Here(), 8, true);
-            issuer.named = issuer.keyId;
         } else if (kind == 33) {
             ReadFingerprint(subpacket, fromFingerprint);
         } else if (kind == 32 && signature.embedded.empty()) {
@@ -109,11 +107,7 @@ Issuer ReadSubpackets(const ByteCursor& area, bool hashed, OpenPgpSignature& sig
         return true;
     });
     // A fingerprint names the key (a key ID of zeros beside it is a wildcard).
-    if (!fromFingerprint.fingerprint.empty()) {
-        fromFingerprint.named = issuer.named;
-        return fromFingerprint;
-    }
-    return issuer;
+    return fromFingerprint.fingerprint.empty() ? issuer : fromFingerprint;
 }
 
 // Versions 4 and 6: type, algorithms, the hashed and unhashed areas (their lengths two octets, four
@@ -136,16 +130,6 @@ void ReadV4Fields(const unsigned char* data, ByteCursor& body, OpenPgpSignature&
     signature.trailer.insert(signature.trailer.end(), tail.begin(), tail.end());
     const Issuer signer = ReadSubpackets(hashed, true, signature);
     const Issuer other = ReadSubpackets(unhashed, false, signature);
-    // An issuer key ID that is not the low (version 4) or high (version 6) part of the issuer
-    // fingerprint beside it makes the packet invalid, in whichever areas the two are.
-    for (const Issuer* id : {&signer, &other}) {
-        for (const Issuer* print : {&signer, &other}) {
-            if (!id->named.empty() && id->named != "0000000000000000" && !print->fingerprint.empty() &&
-                id->named != print->keyId) {
-                signature.issuerMismatch = true;
-            }
-        }
-    }
     // The hashed area's issuer counts when it names one: the unhashed area is anyone's to write.
     const Issuer& named = signer.keyId.empty() ? other : signer;
     signature.issuer = named.keyId;
