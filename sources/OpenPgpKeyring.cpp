@@ -36,8 +36,9 @@ const unsigned int kSignsData = 0x02;
 const unsigned int kChecksPerComponent = 32;
 const unsigned int kChecksPerKey = 256;
 // And for a whole key file, whatever number of keys it holds, checks of at most this cost in all
-// (CheckCost: about a quarter of a second of CPU).
-const uint64_t kCostPerFile = 250000;
+// (CheckCost: about a quarter of a second of CPU; a 32-bit build does its big-number arithmetic in
+// pairs of registers, three to four times slower, and gets a third of it).
+const uint64_t kCostPerFile = sizeof(void*) >= 8 ? 250000 : 80000;
 
 // About what one signature check with key costs, in microseconds of a current x86-64 core: RSA grows
 // with the square of the modulus and with the exponent's length, DSA and ECDSA with their size.
