@@ -320,8 +320,8 @@ public:
             HashKeyPacket(context.get(), component.body);
         }
         std::vector<unsigned char> hash;
-        if (!FinishHash(signature, context.get(), hash) || hash.size() < 2 ||
-            std::memcmp(hash.data(), signature.left16, 2) != 0 || !CheckValue(signature, signer, hash, reason)) {
+        // The quick-check octets are not held against it: Sequoia does not read them.
+        if (!FinishHash(signature, context.get(), hash) || !CheckValue(signature, signer, hash, reason)) {
             return reason = "its signature does not verify", false;
         }
         return true;
@@ -724,9 +724,11 @@ SignatureVerdict VerifyOpenPgpSignature(const OpenPgpSignature& signature, const
         reason = "the hash algorithm " + OpenPgpHashName(signature.hashAlgorithm) + " is not supported";
         return SignatureVerdict::Bad;
     }
+    // The value decides; the quick-check octets only name the failure (Sequoia, and so rpm 6.1, does
+    // not read them: a signature whose octets are wrong and whose value verifies is good).
+    if (CheckValue(signature, *key, hash, reason)) return SignatureVerdict::Ok;
     if (hash.size() < 2 || std::memcmp(hash.data(), signature.left16, 2) != 0) {
         reason = "Digest does not correspond to the signature";
-        return SignatureVerdict::Bad;
     }
-    return CheckValue(signature, *key, hash, reason) ? SignatureVerdict::Ok : SignatureVerdict::Bad;
+    return SignatureVerdict::Bad;
 }
