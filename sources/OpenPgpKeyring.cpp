@@ -320,8 +320,10 @@ public:
             HashKeyPacket(context.get(), component.body);
         }
         std::vector<unsigned char> hash;
-        // The quick-check octets are not held against it: Sequoia does not read them.
-        if (!FinishHash(signature, context.get(), hash) || !CheckValue(signature, signer, hash, reason)) {
+        // Unlike a signature over a package, a key's own signature is held to its quick-check octets
+        // too (rpm 6.1 imports no key whose binding's octets are wrong).
+        if (!FinishHash(signature, context.get(), hash) || hash.size() < 2 ||
+            std::memcmp(hash.data(), signature.left16, 2) != 0 || !CheckValue(signature, signer, hash, reason)) {
             return reason = "its signature does not verify", false;
         }
         return true;
