@@ -39,17 +39,14 @@ void ReadFingerprint(const ByteCursor& subpacket, Issuer& issuer) {
     }
 }
 
-// Whether a subpacket of a fixed size has another: times (2, 3, 9) take 4 octets, an issuer (16) 8,
-// an issuer fingerprint (33) its version and 20 octets (version 4) or 32 (version 6).
+// Whether a subpacket of a fixed size has another: times (2, 3, 9) take 4 octets, an issuer (16) 8;
+// an issuer fingerprint (33) at least its version.
 bool Malformed(unsigned int kind, const ByteCursor& subpacket) {
     const uint64_t size = subpacket.Remaining();
     if (kind == 2 || kind == 3 || kind == 9) return size != 4;
     if (kind == 16) return size != 8;
-    if (kind == 33) {
-        const unsigned char version = size > 0 ? subpacket.Here()[0] : 0;
-        return !((version == 4 && size == 21) || (version == 6 && size == 33));
-    }
-    return false;
+    // An issuer fingerprint of another version or length names no key rpm knows, and is taken so.
+    return kind == 33 && size == 0;
 }
 
 bool Understood(unsigned int kind) {
