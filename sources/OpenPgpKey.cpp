@@ -123,7 +123,8 @@ bool ReadEcdsa(ByteCursor& material, OpenPgpPublicKey& key, std::string& refusal
         }
         const ParamBldHandle builder(OSSL_PARAM_BLD_new());
         if (builder && OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME, curve.name, 0) == 1 &&
-            OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, point.Here(), static_cast<size_t>(point.Size())) == 1) {
+            OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, point.Here(),
+                                             static_cast<size_t>(point.Size())) == 1) {
             key.key = FromData("EC", builder.get());
         }
         return true;
