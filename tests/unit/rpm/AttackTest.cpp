@@ -193,30 +193,6 @@ TEST(Attack, ARevokedKeySignsNothingWhereverTheRevocationStands) {
     }
 }
 
-// A signing subkey signs only when its own primary key bound it, with the subkey's back-signature.
-TEST(Attack, ASubkeySignsOnlyWhenItsOwnPrimaryBoundIt) {
-    const Bytes asKey = pgp::PublicKey(TestKey(3072)), subkey = pgp::Packet(14, Bytes(asKey.begin() + 3, asKey.end()));
-    const std::string both = Framed(pgp::PublicKey(TestKey(2048))) + Framed(subkey);
-    const auto binding = [&](EVP_PKEY* by, bool backSigned) {
-        SignatureOptions back, bind;
-        back.type = 0x19, back.issuer = KeyIdOf(asKey);
-        const Bytes packet = pgp::SignaturePacket(TestKey(3072), both, back), body(packet.begin() + 3, packet.end());
-        const size_t length = body.size() + 1;  // a subpacket length of two octets
-        bind.type = 0x18, bind.issuer = Issuer(), bind.hashedExtra = {2, 27, 0x02};
-        if (backSigned)
-            bind.hashedExtra =
-                Concat({bind.hashedExtra, {uint8_t(((length - 192) >> 8) + 192), uint8_t(length - 192), 32}, body});
-        return pgp::Armor(
-            Concat({pgp::CertifiedKey(TestKey(2048), Issuer()), subkey, pgp::SignaturePacket(by, both, bind)}));
-    };
-    const Package bySubkey{{Digest(5092, Stored())},
-                           Stored(),
-                           Signs([&](SignatureOptions& o) { o.issuer = KeyIdOf(asKey); }, TestKey(3072))};
-    Expect({{"bound, back-signed", bySubkey, 0}}, binding(TestKey(2048), true));
-    Expect({{"bound without back-signature", bySubkey, 2}}, binding(TestKey(2048), false));
-    Expect({{"bound by another primary", bySubkey, 2}}, binding(TestKey(4096), true));
-}
-
 namespace {
 
 // n random octets, the first under top (so that a value stays under a modulus), the last odd.
