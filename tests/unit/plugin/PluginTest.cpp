@@ -96,6 +96,42 @@ TEST(PrerequisiteCheck, ProductsComeFromTheSessionHandle) {
     EXPECT_EQ(empty->log.back(), "signing_validate_package_list: no session was given");
 }
 
+// The log says why a package got status 5 (its own line is the installer's "Internal error"), and
+// that a check which found no RPM package to verify verified none, with what the session showed.
+TEST(PrerequisiteCheck, LogTellsTheReasonForStatus5AndAnEmptyWalk) {
+    ScopedSession session;
+    session["signature"] = kKey;
+    AddPackages(session, {{"truncated-signature.rpm", "rpm"}, {"unsigned.rpm", "rpm"}});
+    EXPECT_EQ(signing_validate_package_list(session.get()), 1);
+    const std::string path = kPackages + "/truncated-signature.rpm";
+    ASSERT_GE(session->log.size(), 6u);
+    EXPECT_EQ(session->log[3], "_signing_validate_file: signing validation result 5 (0 is success) for " + path +
+                                   " package [Internal error occured while verifying " + path + "]");
+    EXPECT_EQ(session->log[4].rfind("_signing_validate_file: reason for " + path + ": damaged (", 0), 0u)
+        << session->log[4];
+    EXPECT_EQ(session->log[5], Result(1, "unsigned.rpm", " is not signed."));  // no reason line after 0 to 4
+
+    for (const auto& components :
+         {std::vector<std::pair<std::string, std::string>>{}, {{"missing.rpm", "rpm"}, {"signed-sha256.rpm", "deb"}}}) {
+        ScopedSession empty;
+        empty["signature"] = kKey;
+        if (components.empty()) {
+            empty->AddProduct();
+        } else {
+            AddPackages(empty, components);
+        }
+        EXPECT_EQ(signing_validate_package_list(empty.get()), 0);
+        const std::string counts =
+            components.empty() ? "1 product(s) with 0 component(s)" : "1 product(s) with 2 component(s)";
+        ASSERT_GE(empty->log.size(), 2u);
+        EXPECT_EQ(empty->log[empty->log.size() - 2],
+                  "signing_validate_package_list: no RPM package was verified: the "
+                  "session shows " +
+                      counts + ", none of them an available RPM package");
+        EXPECT_EQ(empty->log.back(), "signing_validate_package_list: finished");
+    }
+}
+
 // The failures of the probe and the download as logged (the host's echo would hide a missing line
 // break): a probe that cannot start (no descriptor left for its pipe), a probe and a download ended by
 // a signal (fake tools on PATH; a shell that ran the tool in its own place is this process, spared).
