@@ -1,6 +1,7 @@
 #include "rpmutil.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -313,6 +314,14 @@ void LogNothingVerified(size_t products, int components) {
         inttostr(static_cast<long long>(products)).c_str(), inttostr(components).c_str());
 }
 
+// A session variable that turns something on: "1", "yes", "true" or "on", in any case.
+bool SessionSwitch(session_t* session, const char* name) {
+    std::string value = env_get_string(session, name);
+    std::transform(value.begin(), value.end(), value.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return value == "1" || value == "yes" || value == "true" || value == "on";
+}
+
 // Verifies the package of every available RPM component; true when all of them passed.
 bool VerifyComponents(session_t* session, const std::string& key, SigningPolicy policy) {
     const TSD* data = session_get_tsd(session);
@@ -369,6 +378,8 @@ int signing_validate_package_list(session_t* session) {
         // The acquisition, and the private folder it may have made for the key, ends with the check.
         KeyAcquisition acquisition(_signing_download_limits());
         acquisition.policy = policy;
+        acquisition.httpsOnly = SessionSwitch(session, "SIGNING_REQUIRE_HTTPS");
+        acquisition.pins = KeyPins::Parse(env_get_string(session, "SIGNING_KEY_FINGERPRINTS"));
         const std::string key = SelectSigningKey(session, acquisition);
         if (key.empty()) {
             return 1;

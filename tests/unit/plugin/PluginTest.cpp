@@ -8,9 +8,13 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <thread>
 
 #include "HostSupport.h"
+#include "KeyPinning.h"
+#include "PgpKey.h"
 #include "rpmutil.h"
 
 namespace {
@@ -380,4 +384,56 @@ TEST(KeyAcquisition, TheScreenReadsKeysAsThePolicyDoes) {
             << PolicyOf(policy).name << ": " << acquisition.failure;
     }
     setenv("PATH", path.c_str(), 1);
+}
+
+// Key pinning: the fingerprints gpg and sq printed for the oracle keys (keys.txt: the primary key's,
+// then its subkeys') are those the module computes, version 4 and 6; a key file is accepted only
+// when every primary key in it is pinned, and a pinned subkey does not stand for its primary key.
+TEST(KeyPinning, FingerprintsOfTheToolsAndTheListRule) {
+    std::ifstream listing(kData + "/oracle/keys.txt");
+    int keys = 0;
+    for (std::string name, tool, primary, rest; listing >> name >> tool >> primary && std::getline(listing, rest);) {
+        const std::string path = kData + "/oracle/" + name + ".asc";
+        SCOPED_TRACE(path);
+        EXPECT_EQ(PrimaryKeyFingerprints(PgpKey::ReadFile(path)), std::vector<std::string>{primary});
+        EXPECT_EQ(KeyPins::Parse(primary).Refusal(path), "");
+        const std::string subkey = rest.empty() ? "" : rest.substr(1, rest.find(' ', 1) - 1);
+        if (!subkey.empty()) {
+            EXPECT_EQ(KeyPins::Parse(subkey).Refusal(path),
+                      "the key with fingerprint " + primary + " is not one of the keys accepted");
+        }
+        ++keys;
+    }
+    EXPECT_EQ(keys, 16);
+
+    TempFolder temp;
+    const std::string rsa = kData + "/oracle/gpg-rsa2048.asc", ed = kData + "/oracle/gpg-ed25519.asc";
+    auto read = [](const std::string& path) {
+        std::ifstream in(path);
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    };
+    const std::string both = temp.Write("both.asc", read(rsa) + read(ed));
+    const std::string rsaPin = "8B9F1BB0663E30087A4DD0605D8530866A0D3813";
+    const std::string edPin = "7B00511EF6F2050A4E4C96D57FCEC804FE477893";
+    const struct {
+        std::string list, path, refusal;
+    } rows[] = {
+        {rsaPin, both, "the key with fingerprint " + edPin + " is not one of the keys accepted"},
+        {" " + edPin + " ;\n" + rsaPin + ",", both, ""},
+        {rsaPin + "0", rsa,
+         "the list of accepted keys is malformed: [" + rsaPin +
+             "0] is not a fingerprint of 40 or 64 hexadecimal digits"},
+        {rsaPin.substr(0, 39) + "G", rsa,
+         "the list of accepted keys is malformed: [" + rsaPin.substr(0, 39) +
+             "G] is not a fingerprint of 40 or 64 hexadecimal digits"},
+        {rsaPin, temp.Write("text.asc", "not a key\n"), "its keys cannot be read: "},
+        {rsaPin, temp / "missing.asc", "its keys cannot be read: "},
+    };
+    for (const auto& row : rows) {
+        const std::string refusal = KeyPins::Parse(row.list).Refusal(row.path);
+        EXPECT_EQ(refusal.substr(0, row.refusal.empty() ? std::string::npos : row.refusal.size()), row.refusal)
+            << row.list;
+    }
+    EXPECT_TRUE(KeyPins::Parse(" ;,\n").Empty());
+    EXPECT_FALSE(KeyPins::Parse("x").Empty());
 }
