@@ -76,3 +76,61 @@ TEST(RpmFixtures, AgreeWithRpmkeysWhereBothJudge) {
             << context;
     }
 }
+
+namespace {
+
+// What rpm-verify --json says of a package with one key file: the package's status and message, or
+// -1 when it refused the key file (exit status 2, no package verified).
+std::pair<int, std::string> ToolVerdict(const std::string& package, const std::string& key) {
+    const auto run = Shell(SIGNING_LAUNCHER " " RPM_VERIFY_TOOL " --json --key " + key + " " + package +
+                           " 2>/dev/null | python3 -c 'import json,sys; r=json.load(sys.stdin); "
+                           "[print(p[\"status\"], p[\"message\"]) for p in r[\"packages\"]]'");
+    if (run.second.empty()) return {-1, ""};
+    const size_t space = run.second.find(' ');
+    return {std::stoi(run.second.substr(0, space)), run.second.substr(space + 1, run.second.size() - space - 2)};
+}
+
+}  // namespace
+
+// Under the classic policy rpm-verify gives, for each key file, the installer's verdict with that file
+// as a whole: rpm_verify's status and message. A key file it refuses is one the installer never
+// passes a package with. The pairs of both fixture sets, and key files of two keys made of fixture
+// keys: one block (binary keys concatenated, either order), two armor blocks.
+TEST(RpmFixtures, RpmVerifyGivesTheInstallersVerdictForEachKeyFile) {
+    TempFolder made;
+    const std::string current = kData + "/current/";
+    ASSERT_EQ(Shell("cd " + current + " && for k in rsa2048 rsa3072; do gpg --dearmor < $k.asc > " + made.Path() +
+                    "/$k.gpg; done && cd " + made.Path() +
+                    " && cat rsa2048.gpg rsa3072.gpg > ab.gpg && cat rsa3072.gpg rsa2048.gpg > ba.gpg && cat " +
+                    current + "rsa3072.asc " + current + "rsa2048.asc > ba.asc")
+                  .first,
+              0);
+    std::vector<std::pair<std::string, std::string>> pairs;  // package, key file
+    for (const Fixture& f : Fixtures()) pairs.emplace_back(kRpm + f.file, kData + "/keys/" + f.key + ".asc");
+    std::ifstream classic(current + "classic.txt");
+    for (std::string line, package, key; std::getline(classic, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        std::istringstream(line) >> package >> key;
+        pairs.emplace_back(current + package, current + key);
+    }
+    for (const char* package : {"rsa2048-v3-sha256.rpm", "rsa3072-v3-sha256.rpm", "unsigned.rpm"}) {
+        for (const char* key : {"/ab.gpg", "/ba.gpg", "/ba.asc"}) pairs.emplace_back(current + package, made / key);
+    }
+    ASSERT_GT(pairs.size(), 90u);
+    int refused = 0;
+    for (const auto& pair : pairs) {
+        RpmVerifyResult result = rpm_verify(pair.first.c_str(), pair.second.c_str());
+        const std::string message = result.message;
+        std::free(result.message);
+        const auto tool = ToolVerdict(pair.first, pair.second);
+        const std::string context = pair.first + " with " + pair.second;
+        if (tool.first < 0) {
+            ++refused;
+            EXPECT_NE(result.status, 0) << context;
+            continue;
+        }
+        EXPECT_EQ(tool.first, result.status) << context;
+        EXPECT_EQ(tool.second, message) << context;
+    }
+    EXPECT_GT(refused, 0);
+}
