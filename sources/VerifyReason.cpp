@@ -37,6 +37,12 @@ bool TooLargeForClassic(const std::string& file) {
     return stat(file.c_str(), &status) == 0 && static_cast<unsigned long long>(status.st_size) >= 0x80000000ull;
 }
 
+// A folder opens like a file and reads as one that is no RPM package: it is a file that cannot be read.
+bool IsDirectory(const std::string& file) {
+    struct stat status;
+    return stat(file.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
 // Whether the key file gives a key the policy can use (it can be read, and parsed under the policy's rule).
 SIGNING_REASON KeyFault(KeyFileBytes& key, SigningPolicy policy) {
     std::vector<char> bytes;
@@ -96,7 +102,7 @@ SIGNING_REASON ReasonOf(const std::string& file, const RpmReport& report, KeyFil
     switch (report.stage) {
         case RpmStage::NotStarted: return SIGNING_REASON_INVALID_ARGUMENT;
         case RpmStage::Unreadable: return SIGNING_REASON_UNREADABLE_FILE;
-        case RpmStage::NotRpm: return SIGNING_REASON_NOT_RPM;
+        case RpmStage::NotRpm: return IsDirectory(file) ? SIGNING_REASON_UNREADABLE_FILE : SIGNING_REASON_NOT_RPM;
         case RpmStage::Checked: break;
         case RpmStage::Failed:
             if (DigestRefused(report.detail)) return SIGNING_REASON_DIGEST_REFUSED;

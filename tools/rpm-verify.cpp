@@ -21,8 +21,10 @@
 #include "Exceptions.h"
 #include "KeyDiagnosis.h"
 #include "OpenPgpKeyring.h"
+#include "PgpKey.h"
 #include "RpmReport.h"
 #include "Signature.h"
+#include "VerifyReason.h"
 
 namespace {
 
@@ -204,48 +206,6 @@ const char* StateText(RpmCheck::State state) {
     }
 }
 
-// The stable reason code of a verdict, from how far the verifier got and what it found.
-std::string ReasonOf(const std::string& file, const RpmReport& report, const KeyBytes& key, const std::string& keyId,
-                     SigningPolicy policy) {
-    switch (report.stage) {
-        case RpmStage::Unreadable: return "unreadable-file";
-        case RpmStage::NotRpm: return "not-rpm";
-        case RpmStage::Checked: break;
-        default: {
-            // The classic check refuses packages of 2 GiB and more (their size does not fit its reader).
-            struct stat status;
-            if (policy == SigningPolicy::Classic && stat(file.c_str(), &status) == 0 &&
-                static_cast<unsigned long long>(status.st_size) >= 0x80000000ull) {
-                return "too-large";
-            }
-            // The key was read before the first package: a verification that fails before its checks
-            // is refused for the package, unless the key itself cannot be used.
-            const KeyDiagnosis diagnosis = DiagnoseKeyBytes(key.bytes, policy);
-            return diagnosis.usable ? "damaged" : diagnosis.reason;
-        }
-    }
-    const bool notTrusted = std::any_of(report.checks.begin(), report.checks.end(),
-                                        [](const RpmCheck& check) { return check.state == RpmCheck::NotTrusted; });
-    switch (report.result) {
-        case ResultSigned: return "signed";
-        case ResultNotSigned: return notTrusted ? "not-trusted" : "not-signed";
-        case ResultHeaderOnlySigned: return "header-only";
-        case ResultInvalidHash: return "digest-mismatch";
-        case ResultInvalidStructure: return "invalid-structure";
-        case ResultInvalidSignature: {
-            // Signed by another key when no signature that failed names the key given (under the
-            // current policy: when none failed but for want of its key).
-            for (const RpmCheck& check : report.checks) {
-                if (check.state == RpmCheck::Bad && (policy == SigningPolicy::Current || check.keyId == keyId)) {
-                    return "bad-signature";
-                }
-            }
-            return "wrong-key";
-        }
-        default: return "damaged";
-    }
-}
-
 // The first key ID of a list "A, B".
 std::string FirstKeyId(const std::string& ids) {
     return ids.substr(0, ids.find(','));
@@ -307,15 +267,16 @@ std::string HintOf(const std::string& reason, const RpmReport& report, const Key
     return "";
 }
 
-json Outcome(const std::string& file, const KeyBytes& key, const std::string& keyId, const std::string& given,
-             SigningPolicy policy) {
+json Outcome(const std::string& file, const KeyBytes& key, const std::string& given, SigningPolicy policy) {
     RpmReport report;
     const RpmVerifyResult result = rpm_verify_report(file.c_str(), key, report, policy);
     json outcome = {{"file", file}, {"status", static_cast<int>(result.status)}};
     outcome["message"] = result.message != nullptr ? result.message : "";
     // The static text of a failed allocation is not the caller's to free.
     if (result.message != nullptr && std::strcmp(result.message, "Internal error.") != 0) std::free(result.message);
-    std::string reason = ReasonOf(file, report, key, keyId, policy);
+    // The module's reason code: the one the C interface gives for the same verification.
+    KeyFileBytes keyFile(key.name, key.bytes);
+    const std::string reason = ReasonName(ReasonOf(file, report, keyFile, policy));
     outcome["reason"] = reason;  // its place among the keys; a signature the classic check skips may change it
     if (!report.detail.empty()) outcome["detail"] = report.detail;
     outcome["checks"] = json::array();
@@ -341,7 +302,6 @@ json Outcome(const std::string& file, const KeyBytes& key, const std::string& ke
                          {"reason", "the classic policy reads RSA signatures only; --policy=current checks this one"}};
             if (!check.keyId.empty()) item["keyId"] = check.keyId;
             outcome["checks"].push_back(item);
-            if (reason == "not-signed" && check.label.find(" EdDSA/") != std::string::npos) reason = "eddsa-signature";
         }
     }
     outcome["reason"] = reason;
@@ -445,7 +405,8 @@ void AddKeyReport(Keys& keys, const std::string& given, const KeyDiagnosis& key,
     keys.reports.push_back(std::move(report));
 }
 
-// Reads every key file given; the files that cannot be used are reported and left out.
+// Reads every key file given; the files that cannot be used are reported (and, under the current
+// policy, left out).
 void PrepareKeys(const Options& options, Keys& keys) {
     std::vector<unsigned char> keyring;  // current: every key block of the usable files, binary
     for (const std::string& given : options.keys) {
@@ -459,12 +420,14 @@ void PrepareKeys(const Options& options, Keys& keys) {
         }
         const KeyDiagnosis key = DiagnoseKeyBytes(std::vector<char>(bytes.begin(), bytes.end()), options.policy);
         AddKeyReport(keys, given, key, InstallerRefusal(bytes));
-        if (!key.usable) continue;
+        // Classic judges packages with a key file it cannot use all the same, as the installer would
+        // (a package that is not signed is still "not signed"); current leaves it out.
         if (options.policy == SigningPolicy::Classic) {
             keys.files.push_back(KeyBytes{given, std::vector<char>(bytes.begin(), bytes.end())});
             keys.keyIds.push_back(key.keyId);
             continue;
         }
+        if (!key.usable) continue;
         try {
             for (const auto& block :
                  OpenPgpKeyring::SplitKeys(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size())) {
@@ -488,7 +451,7 @@ json Outcome(const std::string& file, const Keys& keys, SigningPolicy policy) {
     json first;
     for (size_t i = 0; i < keys.files.size(); ++i) {
         const std::string& keyId = keys.keyIds[i];
-        json outcome = Outcome(file, keys.files[i], keyId, keys.Given(), policy);
+        json outcome = Outcome(file, keys.files[i], keys.Given(), policy);
         if (outcome["status"] == 0) {
             std::string verified = keyId;
             for (const json& check : outcome["checks"]) {
