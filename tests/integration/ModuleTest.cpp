@@ -3,7 +3,10 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
+#include <map>
+#include <set>
 
 #include "../support/HostSupport.h"
 #include "signing/signing.h"
@@ -186,5 +189,45 @@ TEST(PluginModule, VerifyWithPolicyKeySetAndReason) {
     EXPECT_STREQ(name(SIGNING_REASON_INVALID_ARGUMENT), "invalid-argument");
     EXPECT_STREQ(name(SIGNING_REASON_INVALID_ARGUMENT + 1), "unknown");
     EXPECT_STREQ(name(-1), "unknown");
+    EXPECT_EQ(dlclose(module), 0);
+}
+
+// Every fixture package under both policies gets a reason the module names, and the reason belongs
+// to the status it came with: a host may branch on either.
+TEST(PluginModule, EveryFixtureGetsAReasonOfItsStatus) {
+    void* module = dlopen(SIGNING_MODULE, RTLD_LAZY | RTLD_LOCAL);
+    ASSERT_NE(module, nullptr) << dlerror();
+    auto verify = reinterpret_cast<decltype(&signing_verify)>(dlsym(module, "signing_verify"));
+    auto name = reinterpret_cast<decltype(&signing_reason_name)>(dlsym(module, "signing_reason_name"));
+    ASSERT_TRUE(verify != nullptr && name != nullptr);
+    const std::map<std::string, std::set<int>> statusOf = {
+        {"signed", {0}},          {"not-signed", {1}},     {"not-trusted", {1}},     {"eddsa-signature", {1}},
+        {"wrong-key", {2}},       {"bad-signature", {2}},  {"digest-mismatch", {3}}, {"invalid-structure", {4}},
+        {"header-only", {5}},     {"not-rpm", {5}},        {"unreadable-file", {5}}, {"too-large", {5}},
+        {"damaged", {5}},         {"unreadable-key", {5}}, {"unsupported-key", {5}}, {"digest-refused", {5}},
+        {"invalid-argument", {5}}};
+    const std::string data = SIGNING_TEST_DATA;
+    const std::string keyFiles[] = {data + "/keys/publisher-2048.asc", data + "/current/rsa2048.asc",
+                                    data + "/current/ed25519.asc"};
+    const char* keys[] = {keyFiles[0].c_str(), keyFiles[1].c_str(), keyFiles[2].c_str()};
+    std::map<std::string, int> seen;
+    for (const char* folder : {"/rpm", "/current", "/oracle"}) {
+        for (const auto& entry : std::filesystem::directory_iterator(data + folder)) {
+            if (entry.path().extension() != ".rpm") continue;
+            for (const SIGNING_POLICY policy : {SIGNING_POLICY_CLASSIC, SIGNING_POLICY_CURRENT}) {
+                SigningVerifyResult result = verify(entry.path().c_str(), keys, 3, policy);
+                const std::string reason = name(result.reason);
+                ASSERT_EQ(statusOf.count(reason), 1u) << entry.path() << ": " << reason;
+                EXPECT_EQ(statusOf.at(reason).count(result.status), 1u) << entry.path() << ": " << reason;
+                ++seen[reason];
+                free(result.message);
+            }
+        }
+    }
+    // The fixtures reach most reasons; those of files and keys that cannot be read have rows above.
+    for (const char* reason : {"signed", "not-signed", "not-trusted", "header-only", "eddsa-signature", "wrong-key",
+                               "bad-signature", "digest-mismatch", "damaged"}) {
+        EXPECT_GT(seen[reason], 0) << reason;
+    }
     EXPECT_EQ(dlclose(module), 0);
 }
