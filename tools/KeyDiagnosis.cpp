@@ -189,7 +189,7 @@ void Explain(const KeyBlock& block, KeyDiagnosis& diagnosis) {
         diagnosis.hint =
             "verify with --policy=current, which checks signatures by bound subkeys, or sign with the "
             "primary key (rpmsign --addsign --rpmv3 --define '_gpg_name " +
-            id + "!') and give the primary key alone: gpg --export --armor '" + id + "!'";
+            id + "!' --define '__gpg /usr/bin/gpg') and give the primary key alone: gpg --export --armor '" + id + "!'";
     } else if (block.primaryAlgorithm >= 0 && !block.hasSignature) {
         kind = "the key block has no signature packet that names its key";
         diagnosis.hint = "export the key with its self-signature: gpg --export --armor " + id;

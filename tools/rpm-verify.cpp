@@ -40,8 +40,9 @@ const char kHelp[] =
     "standard input (a pipe will do).\n"
     "\n"
     "Each key file is read once, before any package: one that is missing, unreadable or in a form\n"
-    "the verifier cannot use gets one line that names it and the reason, and the packages are\n"
-    "verified with the others (exit status 2 all the same); without any, no package is verified.\n"
+    "the verifier cannot use gets one line that names it and the reason, and exit status 2. Under\n"
+    "the classic policy the packages are still judged with it, as the installer would; under\n"
+    "current they are verified with the other files (without any, no package is verified).\n"
     "\n"
     "Options:\n"
     "  -k, --key=KEY      the publisher's OpenPGP public key file (armored or binary; a pipe will\n"
@@ -82,8 +83,8 @@ const char kHelp[] =
     "\n"
     "Without --verbose or --json each package gets one line: its verdict (\"FILE is signed.\",\n"
     "\"FILE is not signed.\", \"FILE has invalid signature. (REASON: why)\", \"FILE has invalid\n"
-    "hash.\", or the reason it could not be verified, such as \"FILE: is a directory\"); hints go\n"
-    "to standard error.\n"
+    "hash.\", or the reason it could not be verified, such as \"FILE: is a directory\"; the line of\n"
+    "status 5 ends with its reason code, \"(REASON)\"); hints go to standard error.\n"
     "\n"
     "Status (per package): 0 signed, 1 not signed, 2 invalid signature, 3 invalid hash, 4 invalid\n"
     "structure, 5 not an RPM file, unreadable, or an error.\n"
@@ -212,9 +213,11 @@ std::string FirstKeyId(const std::string& ids) {
 }
 
 // The rpmsign command that signs a package over header and payload with a key. It names the key
-// itself, so that it runs where no %_gpg_name is configured.
+// itself, so that it runs where no %_gpg_name is configured, and gpg by its path (Debian's rpm 4.18
+// names /usr/bin/gpg2, which Debian does not ship).
 std::string SignCommand(const std::string& keyId) {
-    return "rpmsign --addsign --rpmv3 --define '_gpg_name " + (keyId.empty() ? "<KEYID>" : keyId) + "' PACKAGE";
+    return "rpmsign --addsign --rpmv3 --define '_gpg_name " + (keyId.empty() ? "<KEYID>" : keyId) +
+           "' --define '__gpg /usr/bin/gpg' PACKAGE";
 }
 
 // The hint for a reason. keyId: the key ID the file given checks with; given: those of every key
@@ -694,6 +697,11 @@ std::string VerdictLine(const json& outcome, const std::string& given, bool with
     std::string line = message.compare(0, file.size(), file) == 0 ? message : file + ": " + message;
     if (outcome["status"] == 2) {
         line += " (" + SignatureFailure(outcome, given) + ")";
+    } else if (outcome["status"] == 5) {
+        // The installer's message for status 5 seldom says why: the reason code does.
+        line += " (" + Text(outcome["reason"]);
+        if (withDetail && outcome.contains("detail")) line += ": " + Text(outcome["detail"]);
+        line += ")";
     } else if (withDetail && outcome["status"] != 0 && outcome.contains("detail")) {
         line += " (" + Text(outcome["detail"]) + ")";
     }
@@ -799,8 +807,9 @@ int main(int argc, char** argv) {
     const int early = ParseArguments(argc, argv, options);
     if (early >= 0) return early;
 
-    // The keys, read once before any package. A key file that cannot be used is left out (exit
-    // status 2 at the end); without any, no package is verified.
+    // The keys, read once before any package. A key file that cannot be used makes exit status 2 at
+    // the end; classic judges packages with it all the same, current leaves it out (without any key
+    // file left, no package is verified).
     Keys keys;
     try {
         PrepareKeys(options, keys);

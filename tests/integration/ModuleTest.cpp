@@ -173,7 +173,9 @@ TEST(PluginModule, VerifyWithPolicyKeySetAndReason) {
         EXPECT_EQ(result.status, row.status);
         EXPECT_STREQ(name(result.reason), row.reason);
         ASSERT_NE(result.message, nullptr);
-        if (!row.message.empty()) EXPECT_EQ(result.message, row.message[0] == ' ' ? file + row.message : row.message);
+        if (!row.message.empty()) {
+            EXPECT_EQ(result.message, row.message[0] == ' ' ? file + row.message : row.message);
+        }
         release(&result);
         EXPECT_EQ(result.message, nullptr);
     }
