@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cctype>
 #include <exception>
+#include <memory>
 
 #include "Base.h"
+#include "ByteCursor.h"
 #include "OpenPgpKeyring.h"
 #include "OpenPgpPackets.h"
 #include "PgpKey.h"
@@ -50,11 +52,35 @@ std::vector<std::string> PrimaryKeyFingerprints(const std::vector<char>& bytes) 
     return fingerprints;
 }
 
+namespace {
+
+// The fingerprint of the key the classic reader takes from the file: it reads the bytes as one block
+// (binary when the first octet says so, else one armor from the first BEGIN line to the last END
+// line) and takes its last public-key packet. The reader may see another key than the blocks above
+// do: a binary block whose user ID holds the armored text of another key, for one. "" when the
+// classic reader takes no key from the file (its verifications then fail anyway).
+std::string ClassicKeyFingerprint(const std::vector<char>& bytes) {
+    std::unique_ptr<PgpKey> key;
+    try {
+        key = PgpKey::Parse(bytes.data(), static_cast<unsigned int>(bytes.size()));
+    } catch (const std::exception&) {
+        return "";
+    }
+    const std::vector<unsigned char>& body = key->Message().GetPublicKey()->GetBody();
+    const std::vector<unsigned char> fingerprint = KeyFingerprint(ByteCursor(body.data(), body.size(), "key packet"));
+    return Base::DumpBufferToString(fingerprint.data(), static_cast<unsigned int>(fingerprint.size()), true);
+}
+
+}  // namespace
+
 std::string KeyPins::Refusal(const std::string& path) const {
     if (!fault.empty()) return "the list of accepted keys is malformed: " + fault;
     std::vector<std::string> held;
     try {
-        held = PrimaryKeyFingerprints(PgpKey::ReadFile(path));
+        const std::vector<char> bytes = PgpKey::ReadFile(path);
+        held = PrimaryKeyFingerprints(bytes);
+        const std::string classic = ClassicKeyFingerprint(bytes);
+        if (!held.empty() && !classic.empty()) held.push_back(classic);
     } catch (const std::exception& e) {
         return std::string("its keys cannot be read: ") + e.what();
     }

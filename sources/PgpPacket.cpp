@@ -81,6 +81,7 @@ void PgpPacket::CheckPublicKeyAlgorithm(char algorithm) {
 PgpPublicKey::PgpPublicKey(const char* packet, unsigned int remaining) {
     unsigned int headerLength = 0;
     length_ = ParseLengthTag(packet, remaining, headerLength);
+    body_.assign(packet + headerLength, packet + length_);
     ByteCursor body(packet, remaining, kPublicKey);
     body.Skip(headerLength);
     body.Need(6);  // version, creation time, algorithm

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "Base.h"
 #include "MPI.h"
@@ -72,9 +73,12 @@ public:
     const MPI* GetModulus() const { return modulus_.get(); }
     const MPI* GetExponent() const { return exponent_.get(); }
     uint8_t GetAlgorithm() const { return algorithm_; }
+    // The packet's body as it stands, which the key's fingerprint is taken over.
+    const std::vector<unsigned char>& GetBody() const { return body_; }
 
 private:
     uint8_t algorithm_ = 0;
+    std::vector<unsigned char> body_;
     std::unique_ptr<MPI> exponent_;
     std::unique_ptr<MPI> modulus_;
 };

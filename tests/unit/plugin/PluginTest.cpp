@@ -415,6 +415,11 @@ TEST(KeyPinning, FingerprintsOfTheToolsAndTheListRule) {
     const std::string both = temp.Write("both.asc", read(rsa) + read(ed));
     const std::string rsaPin = "8B9F1BB0663E30087A4DD0605D8530866A0D3813";
     const std::string edPin = "7B00511EF6F2050A4E4C96D57FCEC804FE477893";
+    // A binary key block whose user ID packet (old format, two-octet length) holds the armored text
+    // of a pinned key: the classic reader takes the block's own key, not the text.
+    const std::string armored = read(kKey);
+    const std::string userId = std::string{'\xB5', char(armored.size() >> 8), char(armored.size() & 0xFF)} + armored;
+    const std::string hidden = temp.Write("hidden.gpg", read(kData + "/keys/other-2048.gpg") + userId);
     const struct {
         std::string list, path, refusal;
     } rows[] = {
@@ -426,6 +431,8 @@ TEST(KeyPinning, FingerprintsOfTheToolsAndTheListRule) {
         {rsaPin.substr(0, 39) + "G", rsa,
          "the list of accepted keys is malformed: [" + rsaPin.substr(0, 39) +
              "G] is not a fingerprint of 40 or 64 hexadecimal digits"},
+        {"58CB14CD1929E305AF6A47CA8979235A7629B8AB", hidden,
+         "the key with fingerprint BED8286594394FE18B9470D5410C3EEEA65BED6B is not one of the keys accepted"},
         {rsaPin, temp.Write("text.asc", "not a key\n"), "its keys cannot be read: "},
         {rsaPin, temp / "missing.asc", "its keys cannot be read: "},
     };
