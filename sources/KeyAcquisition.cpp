@@ -475,11 +475,19 @@ namespace {
 
 // The key screen, and then the session's list of accepted keys: a key outside it is logged and
 // treated as a key that is not valid.
-bool Unusable(const std::string& key, const KeyAcquisition& acquisition) {
+bool Unusable(const std::string& key, KeyAcquisition& acquisition) {
     if (_signing_is_valid_key(key) == 1) return true;
     if (acquisition.pins.Empty()) return false;
-    const std::string refusal = acquisition.pins.Refusal(key);
+    // The bytes judged are the bytes used: the file is read once, here.
+    std::string refusal;
+    try {
+        acquisition.pinnedKey = PgpKey::ReadFile(key);
+        refusal = acquisition.pins.Refusal(acquisition.pinnedKey);
+    } catch (const std::exception& e) {
+        refusal = std::string("its keys cannot be read: ") + e.what();
+    }
     if (refusal.empty()) return false;
+    acquisition.pinnedKey.clear();
     print_log("signing_validate_package_list: refused the key [%s] (SIGNING_KEY_FINGERPRINTS): %s",
               LogText(key).c_str(), LogText(refusal).c_str());
     return true;

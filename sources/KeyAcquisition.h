@@ -2,6 +2,7 @@
 // The key a prerequisite check verifies with: the one the session names, or one downloaded from the
 // key service into the session's temp folder within a deadline, screened before it is used.
 #include <string>
+#include <vector>
 
 #include "KeyPinning.h"
 #include "SigningPolicy.h"
@@ -46,6 +47,9 @@ public:
     // The session's "SIGNING_KEY_FINGERPRINTS": when set, a key file is used only when every primary
     // key it holds is pinned there.
     KeyPins pins;
+    // With pins: the bytes of the key file that passed them, which every package is then verified
+    // with, so that the file cannot be replaced between the check and its use.
+    std::vector<char> pinnedKey;
 
 private:
     SigningDownloadLimits limits_;

@@ -74,10 +74,19 @@ std::string ClassicKeyFingerprint(const std::vector<char>& bytes) {
 }  // namespace
 
 std::string KeyPins::Refusal(const std::string& path) const {
+    std::vector<char> bytes;
+    try {
+        bytes = PgpKey::ReadFile(path);
+    } catch (const std::exception& e) {
+        return std::string("its keys cannot be read: ") + e.what();
+    }
+    return Refusal(bytes);
+}
+
+std::string KeyPins::Refusal(const std::vector<char>& bytes) const {
     if (!fault.empty()) return "the list of accepted keys is malformed: " + fault;
     std::vector<std::string> held;
     try {
-        const std::vector<char> bytes = PgpKey::ReadFile(path);
         held = PrimaryKeyFingerprints(bytes);
         const std::string classic = ClassicKeyFingerprint(bytes);
         if (!held.empty() && !classic.empty()) held.push_back(classic);

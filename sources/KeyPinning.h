@@ -14,6 +14,8 @@ struct KeyPins {
     // Why the key file at path is not accepted: "" when every primary key it holds is pinned. A list
     // with a malformed entry accepts no key; neither does a file whose keys cannot be read.
     std::string Refusal(const std::string& path) const;
+    // The same for the bytes of a key file.
+    std::string Refusal(const std::vector<char>& bytes) const;
 
     std::vector<std::string> fingerprints;  // upper-case hexadecimal
     std::string fault;                      // the first entry that is no fingerprint, described

@@ -143,8 +143,15 @@ void rpm_free_message(char* message) {
 namespace {
 
 SigningVerifyResult Answer(const RpmVerifyResult& result, SIGNING_REASON reason) {
+    // Without room for its message the answer is status 5, whatever the verification found.
+    if (result.message == kInternalError)
+        return SigningVerifyResult{RPM_STATUS_ERROR, SIGNING_REASON_DAMAGED, kInternalError};
     return SigningVerifyResult{result.status, reason, result.message};
 }
+
+// The most key files one call takes: each costs a verification of the package (classic) or up to
+// a MiB of keys (current).
+const size_t kMostKeyFiles = 64;
 
 SigningVerifyResult Answer(RPM_STATUS status, SIGNING_REASON reason, const std::string& text) {
     return Answer(response(status, text), reason);
@@ -205,7 +212,15 @@ SigningVerifyResult signing_verify(const char* file, const char* const* keys, si
         if (file == nullptr)
             return Answer(RPM_STATUS_ERROR, SIGNING_REASON_INVALID_ARGUMENT,
                           "signing_verify: no package file was given");
-        if (keys == nullptr || key_count == 0 || std::find(keys, keys + key_count, nullptr) != keys + key_count) {
+        if (keys == nullptr || key_count == 0) {
+            return Answer(RPM_STATUS_ERROR, SIGNING_REASON_INVALID_ARGUMENT, "signing_verify: no key file was given");
+        }
+        if (key_count > kMostKeyFiles) {
+            return Answer(RPM_STATUS_ERROR, SIGNING_REASON_INVALID_ARGUMENT,
+                          "signing_verify: " + std::to_string(key_count) + " key files given, at most " +
+                              std::to_string(kMostKeyFiles) + " are taken");
+        }
+        if (std::find(keys, keys + key_count, nullptr) != keys + key_count) {
             return Answer(RPM_STATUS_ERROR, SIGNING_REASON_INVALID_ARGUMENT, "signing_verify: no key file was given");
         }
         switch (policy) {
@@ -296,8 +311,9 @@ SigningPolicy SessionPolicy(session_t* session) {
 }
 
 // Status 5 says only that the verification could not finish: the line after it says why.
-void LogErrorReason(const std::string& path, const std::string& key, const RpmReport& report, SigningPolicy policy) {
-    KeyFileBytes keyFile(key);
+void LogErrorReason(const std::string& path, const std::string& key, const KeyBytes* pinned, const RpmReport& report,
+                    SigningPolicy policy) {
+    KeyFileBytes keyFile = pinned == nullptr ? KeyFileBytes(key) : KeyFileBytes(pinned->name, pinned->bytes);
     const SIGNING_REASON reason = ReasonOf(path, report, keyFile, policy);
     const std::string detail = report.detail.empty() ? "" : " (" + report.detail + ")";
     print_log("_signing_validate_file: reason for %s: %s%s", LogText(path).c_str(), ReasonName(reason),
@@ -323,7 +339,9 @@ bool SessionSwitch(session_t* session, const char* name) {
 }
 
 // Verifies the package of every available RPM component; true when all of them passed.
-bool VerifyComponents(session_t* session, const std::string& key, SigningPolicy policy) {
+// pinned: the key file's bytes as the key pins accepted them (null: the key file is read by each
+// verification, as rpm_verify reads it).
+bool VerifyComponents(session_t* session, const std::string& key, const KeyBytes* pinned, SigningPolicy policy) {
     const TSD* data = session_get_tsd(session);
     if (data == nullptr) {
         // Without the session's product data nothing could be verified: that is no pass.
@@ -350,11 +368,12 @@ bool VerifyComponents(session_t* session, const std::string& key, SigningPolicy 
                 continue;
             }
             RpmReport report;
-            RpmVerifyResult result = VerifyEntry(path.c_str(), key.c_str(), nullptr, report, false, policy);
+            RpmVerifyResult result =
+                VerifyEntry(path.c_str(), pinned == nullptr ? key.c_str() : nullptr, pinned, report, false, policy);
             print_log("_signing_validate_file: signing validation result %d (0 is success) for %s package [%s]",
                       static_cast<int>(result.status), LogText(path).c_str(), LogText(result.message).c_str());
             rpm_free_message(result.message);
-            if (result.status == RPM_STATUS_ERROR) LogErrorReason(path, key, report, policy);
+            if (result.status == RPM_STATUS_ERROR) LogErrorReason(path, key, pinned, report, policy);
             failed = failed || result.status != RPM_STATUS_SIGNED;
             ++verified;
         }
@@ -384,7 +403,8 @@ int signing_validate_package_list(session_t* session) {
         if (key.empty()) {
             return 1;
         }
-        if (VerifyComponents(session, key, policy)) {
+        const KeyBytes pinned{key, acquisition.pinnedKey};
+        if (VerifyComponents(session, key, acquisition.pinnedKey.empty() ? nullptr : &pinned, policy)) {
             print_log("signing_validate_package_list: finished");
             return 0;
         }

@@ -1,4 +1,5 @@
-/* The names libsigning.so exports to the host installer that loads it, for C and C++ hosts.
+/* The names libsigning.so exports to the host installer that loads it, for C (C89 and later) and
+ * C++ (C++11 and later) hosts.
  *
  * The module is a plug-in: a host dlopen()s it and looks these names up with dlsym() (their types
  * are the ones declared here); it does not link against it. The functions the module imports from
@@ -130,7 +131,8 @@ typedef struct SigningVerifyResult {
     char* message;
 } SigningVerifyResult;
 
-/* Verifies the package file against the key files keys[0] .. keys[key_count - 1] under policy.
+/* Verifies the package file against the key files keys[0] .. keys[key_count - 1] (at most 64; each a
+ * path, none null; the array must hold key_count entries) under policy.
  * Classic judges the package with each key file as rpm_verify would and takes the first that signs
  * it, else the outcome with the first key file. Current reads every key of every file as one
  * keyring; a key file it cannot use fails the call. Thread-safe like rpm_verify; never throws. */

@@ -181,6 +181,10 @@ TEST(PluginModule, VerifyWithPolicyKeySetAndReason) {
     }
     const char* key = publisher.c_str();
     const char* none[] = {nullptr};
+    const std::vector<const char*> many(65, key);  // one more than a call takes
+    SigningVerifyResult tooMany = verify(key, many.data(), many.size(), SIGNING_POLICY_CLASSIC);
+    EXPECT_STREQ(tooMany.message, "signing_verify: 65 key files given, at most 64 are taken");
+    release(&tooMany);
     for (const SigningVerifyResult& result :
          {verify(nullptr, &key, 1, SIGNING_POLICY_CLASSIC), verify(key, nullptr, 1, SIGNING_POLICY_CLASSIC),
           verify(key, &key, 0, SIGNING_POLICY_CURRENT), verify(key, none, 1, SIGNING_POLICY_CURRENT)}) {
