@@ -8,17 +8,23 @@
 # archives linked in (libssl-dev, GCC's), the licence texts from /usr/share/common-licenses and, for
 # the GCC Runtime Library Exception, from GCC's copyright file.
 
-# The Debian package ("name version") that installed FILE, or "" when dpkg does not know it.
-function(signing_debian_origin file out_package out_version)
+# The Debian package that installed FILE (name and version, "" when dpkg does not know it) and its
+# source package ("name version": the same for every architecture, as Multi-Arch: same packages need
+# of the copyright file).
+function(signing_debian_origin file out_package out_version out_source)
   get_filename_component(file ${file} REALPATH)
   execute_process(COMMAND dpkg-query -S ${file} OUTPUT_VARIABLE owner RESULT_VARIABLE status ERROR_QUIET
     OUTPUT_STRIP_TRAILING_WHITESPACE)
   set(package "")
   set(version "")
+  set(source "")
   if(status EQUAL 0 AND owner MATCHES "^([^:, ]+(:[a-z0-9]+)?): ")
     set(package ${CMAKE_MATCH_1})
     execute_process(COMMAND dpkg-query -W -f=\${Version} ${package} OUTPUT_VARIABLE version ERROR_QUIET)
+    execute_process(COMMAND dpkg-query -W "-f=\${source:Package} \${source:Version}" ${package}
+      OUTPUT_VARIABLE source ERROR_QUIET)
   endif()
+  set(${out_source} "${source}" PARENT_SCOPE)
   set(${out_package} "${package}" PARENT_SCOPE)
   set(${out_version} "${version}" PARENT_SCOPE)
 endfunction()
@@ -50,7 +56,7 @@ set(dep5_files "")
 set(dep5_licences "")
 
 # OpenSSL's libcrypto: the copyright statements of the first Files stanza of libssl-dev's copyright file.
-signing_debian_origin(${SIGNING_CRYPTO_ARCHIVE} crypto_package crypto_version)
+signing_debian_origin(${SIGNING_CRYPTO_ARCHIVE} crypto_package crypto_version crypto_source)
 string(REGEX REPLACE ":.*" "" crypto_doc "${crypto_package}")
 set(crypto_copyright_file /usr/share/doc/${crypto_doc}/copyright)
 if(NOT crypto_package OR NOT EXISTS ${crypto_copyright_file})
@@ -70,8 +76,9 @@ string(APPEND dep5_files "
 Files: openssl/crypto/*
 Copyright: ${dep5_lines}
 License: Apache-2.0
-Comment: libcrypto of OpenSSL ${OPENSSL_VERSION}, from the Debian package
- ${crypto_package} ${crypto_version}, linked statically into libsigning.so (its names kept local to the module).
+Comment: libcrypto of OpenSSL ${OPENSSL_VERSION}, from the Debian source package
+ ${crypto_source}, linked statically into libsigning.so
+ (its names kept local to the module).
 ")
 
 if(SIGNING_SELF_CONTAINED)
@@ -81,8 +88,8 @@ if(SIGNING_SELF_CONTAINED)
     OUTPUT_VARIABLE libstdcxx OUTPUT_STRIP_TRAILING_WHITESPACE)
   execute_process(COMMAND ${CMAKE_CXX_COMPILER} ${flags} -print-libgcc-file-name
     OUTPUT_VARIABLE libgcc OUTPUT_STRIP_TRAILING_WHITESPACE)
-  signing_debian_origin(${libstdcxx} libstdcxx_package libstdcxx_version)
-  signing_debian_origin(${libgcc} libgcc_package libgcc_version)
+  signing_debian_origin(${libstdcxx} libstdcxx_package libstdcxx_version gcc_source)
+  signing_debian_origin(${libgcc} libgcc_package libgcc_version ignored)
   string(REGEX MATCH "^[0-9]+" gcc_major ${CMAKE_CXX_COMPILER_VERSION})
   string(REGEX REPLACE ":.*" "" libstdcxx_doc "${libstdcxx_package}")
   set(gcc_copyright_file "")
@@ -115,9 +122,9 @@ if(SIGNING_SELF_CONTAINED)
 Files: gcc/libstdc++-v3/* gcc/libgcc/*
 Copyright: ${gcc_years} Free Software Foundation, Inc.
 License: GPL-3+ with GCC-exception-3.1 exception
-Comment: libstdc++ and libgcc of GCC ${CMAKE_CXX_COMPILER_VERSION}, from the Debian packages
- ${libstdcxx_package} ${libstdcxx_version} and ${libgcc_package} ${libgcc_version},
- linked statically into libsigning.so (their names kept local to the module).
+Comment: libstdc++ and libgcc of GCC ${CMAKE_CXX_COMPILER_VERSION}, from the Debian source package
+ ${gcc_source}, linked statically into libsigning.so
+ (their names kept local to the module).
 ")
   signing_dep5_body("GCC is free software; you can redistribute it and/or modify it under the
 terms of the GNU General Public License as published by the Free Software
