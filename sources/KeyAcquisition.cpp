@@ -33,6 +33,9 @@ const char* const kProbes[] = {"which wget 2>/dev/null", "which curl 2>/dev/null
 const char* const kTemplates[] = {
     "export LD_LIBRARY_PATH=\"\"; wget --timeout=%d --tries=%d --quiet %s -O %s 2>/dev/null",
     "export LD_LIBRARY_PATH=\"\"; curl --max-time %d --retry %d --location --silent %s -o %s 2>/dev/null"};
+// With SIGNING_REQUIRE_HTTPS: wget has no option that keeps its redirects on https, so it follows
+// none; curl follows those to https only.
+const char* const kHttpsOnlyOptions[] = {"--max-redirect=0", "--proto =https --proto-redir =https"};
 const char* const kWgetProtocols[] = {"--secure-protocol=SSLv3", "--secure-protocol=SSLv2", "--secure-protocol=TLSv1"};
 const char* const kCurlProtocols[] = {"--sslv3", "--sslv2", "--tlsv1"};
 // The private folder made inside a shared sticky temp folder; mkdtemp fills in the X's.
@@ -334,11 +337,21 @@ int ProbeStatus(const char* probe) {
 
 // The command of the download tool whose template is given, writing to outputFile's checked path
 // (outputFile then names it); "" when the download is refused.
-std::string DownloadCommand(const char* commandTemplate, const std::string& url, std::string& outputFile,
+std::string DownloadCommand(size_t tool, const std::string& address, std::string& outputFile,
                             KeyAcquisition& acquisition) {
-    if (!IsSafeDownload(url, outputFile)) {
+    if (!IsSafeDownload(address, outputFile)) {
         return "";
     }
+    if (acquisition.httpsOnly && !StartsWith(address, "https://")) {
+        print_log(
+            "_signing_get_command: refused to download from [%s]: the session accepts https:// addresses only "
+            "(SIGNING_REQUIRE_HTTPS)",
+            LogText(address).c_str());
+        return "";
+    }
+    // The tool's options that keep a redirect from leaving https go before the address.
+    const std::string url = acquisition.httpsOnly ? kHttpsOnlyOptions[tool] + (" " + address) : address;
+    const char* const commandTemplate = kTemplates[tool];
     // The path checked is the path written: the real one, or one in a private folder.
     const std::string written = acquisition.DownloadPath(outputFile);
     if (written.empty()) {
@@ -383,7 +396,7 @@ std::string _signing_get_command(const std::string& url, std::string& outputFile
             return "";
         }
         if (status == 0) {
-            return DownloadCommand(kTemplates[tool], url, outputFile, acquisition);
+            return DownloadCommand(tool, url, outputFile, acquisition);
         }
     }
     return "";
@@ -458,11 +471,27 @@ int _signing_is_valid_key(const std::string& path) {
     return 0;
 }
 
+namespace {
+
+// The key screen, and then the session's list of accepted keys: a key outside it is logged and
+// treated as a key that is not valid.
+bool Unusable(const std::string& key, const KeyAcquisition& acquisition) {
+    if (_signing_is_valid_key(key) == 1) return true;
+    if (acquisition.pins.Empty()) return false;
+    const std::string refusal = acquisition.pins.Refusal(key);
+    if (refusal.empty()) return false;
+    print_log("signing_validate_package_list: refused the key [%s] (SIGNING_KEY_FINGERPRINTS): %s",
+              LogText(key).c_str(), LogText(refusal).c_str());
+    return true;
+}
+
+}  // namespace
+
 std::string SelectSigningKey(session_t* session, KeyAcquisition& acquisition) {
     bool downloaded = env_get_string(session, "signature").empty();
     std::string key = _signing_get_public_key(session, acquisition);
     std::string why;  // why the first key was not used
-    if (key.empty() || _signing_is_valid_key(key) == 1) {
+    if (key.empty() || Unusable(key, acquisition)) {
         why = key.empty()  ? acquisition.failure
               : downloaded ? "the downloaded key is not valid"
                            : "the key specified by user is not usable";
@@ -476,7 +505,7 @@ std::string SelectSigningKey(session_t* session, KeyAcquisition& acquisition) {
         }
         downloaded = local.empty();  // without a local key the second lookup downloads
     }
-    if (_signing_is_valid_key(key) == 1) {
+    if (Unusable(key, acquisition)) {
         print_log("signing_validate_package_list: public key is not valid");
         _signing_set_optional_prerequisite_status(session, 3);
         return "";

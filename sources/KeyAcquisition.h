@@ -3,6 +3,7 @@
 // key service into the session's temp folder within a deadline, screened before it is used.
 #include <string>
 
+#include "KeyPinning.h"
 #include "SigningPolicy.h"
 #include "signing/signing.h"
 
@@ -39,6 +40,12 @@ public:
     std::string failure;
     // The policy whose key reader screens a downloaded key (the packages are verified under it).
     SigningPolicy policy = SigningPolicy::Classic;
+    // The session's "SIGNING_REQUIRE_HTTPS": no download from an http:// address, and no redirect
+    // to one (wget then follows no redirect, curl https ones only).
+    bool httpsOnly = false;
+    // The session's "SIGNING_KEY_FINGERPRINTS": when set, a key file is used only when every primary
+    // key it holds is pinned there.
+    KeyPins pins;
 
 private:
     SigningDownloadLimits limits_;

@@ -1,5 +1,7 @@
 #include "rpmutil.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,11 +11,13 @@
 
 #include "CurrentVerification.h"
 #include "Exceptions.h"
+#include "OpenPgpKeyring.h"
 #include "PackageFile.h"
 #include "PgpKey.h"
 #include "ProcessingResult.h"
 #include "RpmPackage.h"
 #include "RpmReport.h"
+#include "VerifyReason.h"
 #include "host.h"
 
 const char* FILE_PATTERN = "^[a-zA-Z0-9()+._ \\/\\-\\[\\]\\\\]*$";
@@ -129,6 +133,111 @@ RpmVerifyResult rpm_verify(const char* file, const char* key) {
     return rpm_verify_detailed(file, key, detail);
 }
 
+void rpm_free_message(char* message) {
+    if (message != kInternalError) std::free(message);
+}
+
+// ---------------------------------------------------------------------------------------------
+// The verification interface with a policy, a key set and reason codes
+
+namespace {
+
+SigningVerifyResult Answer(const RpmVerifyResult& result, SIGNING_REASON reason) {
+    return SigningVerifyResult{result.status, reason, result.message};
+}
+
+SigningVerifyResult Answer(RPM_STATUS status, SIGNING_REASON reason, const std::string& text) {
+    return Answer(response(status, text), reason);
+}
+
+// The package judged with one key file, as rpm_verify judges it, and why.
+SigningVerifyResult VerifyWithKeyFile(const char* file, const char* key, SigningPolicy policy) {
+    RpmReport report;
+    const RpmVerifyResult result = VerifyEntry(file, key, nullptr, report, true, policy);
+    KeyFileBytes keyFile(key);
+    return Answer(result, ReasonOf(file, report, keyFile, policy));
+}
+
+// Classic: each key file as the installer uses it; the first that signs the package, else the first's.
+SigningVerifyResult VerifyClassic(const char* file, const char* const* keys, size_t count) {
+    SigningVerifyResult first = VerifyWithKeyFile(file, keys[0], SigningPolicy::Classic);
+    for (size_t i = 1; i < count && first.status != RPM_STATUS_SIGNED; ++i) {
+        SigningVerifyResult next = VerifyWithKeyFile(file, keys[i], SigningPolicy::Classic);
+        if (next.status != RPM_STATUS_SIGNED) {
+            rpm_free_message(next.message);
+            continue;
+        }
+        rpm_free_message(first.message);
+        first = next;
+    }
+    return first;
+}
+
+// Current: one keyring of every key block of every file; a file that cannot be used fails the call.
+SigningVerifyResult VerifyCurrent(const char* file, const char* const* keys, size_t count) {
+    if (count == 1) return VerifyWithKeyFile(file, keys[0], SigningPolicy::Current);
+    KeyBytes keyring{"the keys given", {}};
+    for (size_t i = 0; i < count; ++i) {
+        KeyFileBytes keyFile(keys[i]);
+        std::vector<std::vector<unsigned char>> blocks;
+        try {
+            const std::vector<char>& bytes = keyFile.Bytes();
+            blocks = OpenPgpKeyring::SplitKeys(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+            OpenPgpKeyring::Parse(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+        } catch (const std::exception& e) {
+            RpmReport failed;
+            failed.stage = RpmStage::Failed;
+            return Answer(RPM_STATUS_ERROR, ReasonOf(file, failed, keyFile, SigningPolicy::Current),
+                          std::string("Could not verify ") + file + " with key " + keys[i] + " - " + e.what());
+        }
+        for (const auto& block : blocks) keyring.bytes.insert(keyring.bytes.end(), block.begin(), block.end());
+    }
+    RpmReport report;
+    const RpmVerifyResult result = VerifyEntry(file, nullptr, &keyring, report, true, SigningPolicy::Current);
+    KeyFileBytes keyFile(keyring.name, keyring.bytes);
+    return Answer(result, ReasonOf(file, report, keyFile, SigningPolicy::Current));
+}
+
+}  // namespace
+
+SigningVerifyResult signing_verify(const char* file, const char* const* keys, size_t key_count, SIGNING_POLICY policy) {
+    try {
+        if (file == nullptr)
+            return Answer(RPM_STATUS_ERROR, SIGNING_REASON_INVALID_ARGUMENT,
+                          "signing_verify: no package file was given");
+        if (keys == nullptr || key_count == 0 || std::find(keys, keys + key_count, nullptr) != keys + key_count) {
+            return Answer(RPM_STATUS_ERROR, SIGNING_REASON_INVALID_ARGUMENT, "signing_verify: no key file was given");
+        }
+        switch (policy) {
+            case SIGNING_POLICY_CLASSIC: return VerifyClassic(file, keys, key_count);
+            case SIGNING_POLICY_CURRENT: return VerifyCurrent(file, keys, key_count);
+            default:
+                return Answer(RPM_STATUS_ERROR, SIGNING_REASON_INVALID_ARGUMENT,
+                              "signing_verify: unknown policy " + std::to_string(policy));
+        }
+    } catch (...) {
+        return SigningVerifyResult{RPM_STATUS_ERROR, SIGNING_REASON_DAMAGED, kInternalError};
+    }
+}
+
+void signing_result_free(SigningVerifyResult* result) {
+    if (result == nullptr) return;
+    rpm_free_message(result->message);
+    result->message = nullptr;
+}
+
+const char* signing_reason_name(SIGNING_REASON reason) {
+    return ReasonName(reason);
+}
+
+const char* signing_version(void) {
+    return SIGNING_MODULE_VERSION;
+}
+
+int32_t signing_api_version(void) {
+    return SIGNING_API_VERSION;
+}
+
 OpenPgpPublicKey rpm_key_of(const char* data, size_t length) {
     const std::unique_ptr<PgpKey> key = PgpKey::Parse(data, static_cast<unsigned int>(length));
     if (key->Public().keyId.empty()) {
@@ -186,6 +295,33 @@ SigningPolicy SessionPolicy(session_t* session) {
     return policy;
 }
 
+// Status 5 says only that the verification could not finish: the line after it says why.
+void LogErrorReason(const std::string& path, const std::string& key, const RpmReport& report, SigningPolicy policy) {
+    KeyFileBytes keyFile(key);
+    const SIGNING_REASON reason = ReasonOf(path, report, keyFile, policy);
+    const std::string detail = report.detail.empty() ? "" : " (" + report.detail + ")";
+    print_log("_signing_validate_file: reason for %s: %s%s", LogText(path).c_str(), ReasonName(reason),
+              LogText(detail).c_str());
+}
+
+// A check that verified no package passes, as it always has; the log says so, and what the module
+// was shown: a host whose C++ library differs from the module's (a host built with
+// -D_GLIBCXX_DEBUG, for one) hands over product lists that the module reads as empty.
+void LogNothingVerified(size_t products, int components) {
+    print_log(
+        "signing_validate_package_list: no RPM package was verified: the session shows %s product(s) "
+        "with %s component(s), none of them an available RPM package",
+        inttostr(static_cast<long long>(products)).c_str(), inttostr(components).c_str());
+}
+
+// A session variable that turns something on: "1", "yes", "true" or "on", in any case.
+bool SessionSwitch(session_t* session, const char* name) {
+    std::string value = env_get_string(session, name);
+    std::transform(value.begin(), value.end(), value.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return value == "1" || value == "yes" || value == "true" || value == "on";
+}
+
 // Verifies the package of every available RPM component; true when all of them passed.
 bool VerifyComponents(session_t* session, const std::string& key, SigningPolicy policy) {
     const TSD* data = session_get_tsd(session);
@@ -195,11 +331,12 @@ bool VerifyComponents(session_t* session, const std::string& key, SigningPolicy 
         return false;
     }
     const std::vector<Product*>& products = data->products();
-    int total = 0;
-    for (Product* product : products) total += static_cast<int>(product->components().size());
-    if (total == 0) total = 1;
+    int components = 0;
+    for (Product* product : products) components += static_cast<int>(product->components().size());
+    const int total = components == 0 ? 1 : components;
 
     int progress = 0;
+    int verified = 0;
     bool failed = false;
     for (Product* product : products) {
         for (Component* component : product->components()) {
@@ -212,16 +349,17 @@ bool VerifyComponents(session_t* session, const std::string& key, SigningPolicy 
                           LogText(component->id()).c_str());
                 continue;
             }
-            std::string detail;
-            RpmVerifyResult result = rpm_verify_detailed(path.c_str(), key.c_str(), detail, policy);
+            RpmReport report;
+            RpmVerifyResult result = VerifyEntry(path.c_str(), key.c_str(), nullptr, report, false, policy);
             print_log("_signing_validate_file: signing validation result %d (0 is success) for %s package [%s]",
                       static_cast<int>(result.status), LogText(path).c_str(), LogText(result.message).c_str());
-            if (result.message != kInternalError) {
-                std::free(result.message);
-            }
+            rpm_free_message(result.message);
+            if (result.status == RPM_STATUS_ERROR) LogErrorReason(path, key, report, policy);
             failed = failed || result.status != RPM_STATUS_SIGNED;
+            ++verified;
         }
     }
+    if (verified == 0) LogNothingVerified(products.size(), components);
     return !failed;
 }
 
@@ -240,6 +378,8 @@ int signing_validate_package_list(session_t* session) {
         // The acquisition, and the private folder it may have made for the key, ends with the check.
         KeyAcquisition acquisition(_signing_download_limits());
         acquisition.policy = policy;
+        acquisition.httpsOnly = SessionSwitch(session, "SIGNING_REQUIRE_HTTPS");
+        acquisition.pins = KeyPins::Parse(env_get_string(session, "SIGNING_KEY_FINGERPRINTS"));
         const std::string key = SelectSigningKey(session, acquisition);
         if (key.empty()) {
             return 1;

@@ -21,6 +21,9 @@ RpmVerifyResult rpm_verify_detailed(const char* file, const char* key, std::stri
 // "download" message keys, every other code the "validate" keys.
 void _signing_set_optional_prerequisite_status(session_t* session, int code);
 
+// Frees a message of rpm_verify or signing_verify (the static text of a failed allocation is left).
+void rpm_free_message(char* message);
+
 // status with a malloc-ed copy of text.
 RpmVerifyResult response(RPM_STATUS status, const std::string& text);
 // The status and message of a signer's result for file (0 not signed, 1 signed, 2 invalid signature,

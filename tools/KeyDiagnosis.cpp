@@ -22,10 +22,22 @@ struct KeyBlock {
     int primaryAlgorithm = -1;
     bool hasSignature = false;
     bool notKey = false;        // the first packet is not a key
+    bool rpmPackage = false;    // the file begins with an RPM package's lead
     bool damagedArmor = false;  // an armor whose Base64 body does not decode
+    size_t armorBlocks = 0;     // public key armor blocks in the file
+    size_t primaryKeys = 0;     // primary key packets in the (first) block
     std::string issuer;         // of the first signature packet that names one
     std::string keyId;          // of a version 4 primary key: the low 8 octets of its fingerprint
+    std::string lastKeyId;      // of the last version 4 primary key of the block
 };
+
+const char kArmorBegin[] = "-----BEGIN PGP PUBLIC KEY BLOCK-----";
+
+size_t CountArmorBlocks(const std::string& data) {
+    size_t count = 0;
+    for (size_t at = data.find(kArmorBegin); at != std::string::npos; at = data.find(kArmorBegin, at + 1)) ++count;
+    return count;
+}
 
 // A version 4 key's ID, or "" for a packet of another version or one too long to have one.
 std::string KeyIdOf(const ByteCursor& packet) {
@@ -92,6 +104,9 @@ void ReadSubpackets(ByteCursor body, KeyBlock& block) {
 // Walks the packets for what they are. A block cut short is described by what came before the cut.
 KeyBlock Describe(const std::string& text) {
     KeyBlock block;
+    // An RPM package begins with its lead, whose magic is ED AB EE DB.
+    block.rpmPackage = text.compare(0, 4, "\xED\xAB\xEE\xDB") == 0;
+    block.armorBlocks = CountArmorBlocks(text);
     const std::vector<unsigned char> bytes = BlockBytes(text, block.damagedArmor);
     block.notKey = bytes.empty() || (bytes[0] & 0x80) == 0;
     ByteCursor data(bytes.data(), bytes.size(), "key block");
@@ -115,7 +130,9 @@ KeyBlock Describe(const std::string& text) {
                 const unsigned char* packet = body.Here();
                 const uint64_t at = packet[0] == 4 ? 5 : 7;
                 block.primaryAlgorithm = body.Size() > at ? packet[at] : -1;
-                if (block.keyId.empty()) block.keyId = KeyIdOf(body);
+                ++block.primaryKeys;
+                block.lastKeyId = KeyIdOf(body);
+                if (block.keyId.empty()) block.keyId = block.lastKeyId;
             }
             if (tag == 2) {
                 block.hasSignature = true;
@@ -131,6 +148,22 @@ KeyBlock Describe(const std::string& text) {
 void Explain(const KeyBlock& block, KeyDiagnosis& diagnosis) {
     const std::string id = !block.keyId.empty() ? block.keyId : !block.issuer.empty() ? block.issuer : "KEYID";
     std::string kind;
+    if (block.rpmPackage) {
+        // The verifier's own text would only describe the package's bytes as a key.
+        diagnosis.text = "the file is an RPM package, not an OpenPGP public key";
+        diagnosis.hint = "give the publisher's public key as gpg --export --armor KEYID writes it";
+        return;
+    }
+    if (block.armorBlocks > 1) {
+        // The classic reader takes the first armor's body up to the end of the file: the second
+        // armor's lines break its Base64 text.
+        diagnosis.text = "the file holds " + std::to_string(block.armorBlocks) +
+                         " armor blocks: the installer cannot use it, it reads one block per key file";
+        diagnosis.hint =
+            "give each key in a file of its own, one --key for each (gpg --export --armor KEYID > KEYID.asc), "
+            "or verify with --policy=current, which reads every block";
+        return;
+    }
     if (block.damagedArmor) {
         kind = "the armor's Base64 text is damaged";
         diagnosis.hint = "export the key again, whole: gpg --export --armor KEYID";
@@ -156,7 +189,7 @@ void Explain(const KeyBlock& block, KeyDiagnosis& diagnosis) {
         diagnosis.hint =
             "verify with --policy=current, which checks signatures by bound subkeys, or sign with the "
             "primary key (rpmsign --addsign --rpmv3 --define '_gpg_name " +
-            id + "!') and give the primary key alone: gpg --export --armor '" + id + "!'";
+            id + "!' --define '__gpg /usr/bin/gpg') and give the primary key alone: gpg --export --armor '" + id + "!'";
     } else if (block.primaryAlgorithm >= 0 && !block.hasSignature) {
         kind = "the key block has no signature packet that names its key";
         diagnosis.hint = "export the key with its self-signature: gpg --export --armor " + id;
@@ -172,6 +205,20 @@ std::string OneLine(std::string text) {
     return text;
 }
 
+// What the classic reader does with a block of several keys: it keeps the last key packet it reads
+// and names it with the issuer of the last signature packet. A key exported with its self-signature
+// ends the block, so both are that key's; otherwise the ID names another key's material, and no
+// signature can verify.
+std::string SeveralKeysNote(const KeyBlock& block, const std::string& keyId) {
+    if (block.primaryKeys < 2) return "";
+    const std::string several = "holds " + std::to_string(block.primaryKeys) + " keys in one block: ";
+    if (block.lastKeyId.empty() || block.lastKeyId == keyId) {
+        return several + "the installer checks signatures with the key of its last signature packet, " + keyId;
+    }
+    return several + "the installer checks signatures with its last key, " + block.lastKeyId +
+           ", under the key ID of its last signature packet, " + keyId + ": no package passes with it";
+}
+
 }  // namespace
 
 KeyDiagnosis DiagnoseKeyData(const std::string& data) {
@@ -183,6 +230,7 @@ KeyDiagnosis DiagnoseKeyData(const std::string& data) {
             diagnosis.keyId = key.keyId;
             diagnosis.bits = key.bits;
             diagnosis.keys.push_back({key.keyId, "RSA", key.bits});
+            diagnosis.note = SeveralKeysNote(Describe(data), key.keyId);
             return diagnosis;
         } catch (const std::exception& e) {
             diagnosis.reason = "unsupported-key";

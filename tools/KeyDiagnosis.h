@@ -20,6 +20,8 @@ struct KeyDiagnosis {
     std::string reason;  // not usable: "unreadable-key" or "unsupported-key"
     std::string text;    // not usable: why, the verifier's own text included
     std::string hint;    // not usable: what to give instead, when that can be told
+    // Classic, usable: what the installer does with a file of several keys (empty for one key).
+    std::string note;
 };
 
 // The key in the file at path; a file that cannot be read is "unreadable-key". Never throws. Under

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -20,8 +21,10 @@
 #include "Exceptions.h"
 #include "KeyDiagnosis.h"
 #include "OpenPgpKeyring.h"
+#include "PgpKey.h"
 #include "RpmReport.h"
 #include "Signature.h"
+#include "VerifyReason.h"
 
 namespace {
 
@@ -33,17 +36,24 @@ const char kProgram[] = "rpm-verify";
 const char kHelp[] =
     "Usage: rpm-verify [OPTION]... --key=KEY PACKAGE...\n"
     "Verify the OpenPGP signatures and header digests of RPM packages against the publisher's\n"
-    "public key, the way the installer's signing module does.\n"
+    "public key, the way the installer's signing module does. A PACKAGE of - is read from\n"
+    "standard input (a pipe will do).\n"
     "\n"
-    "The key is read once, before any package: a key that is missing, unreadable or in a form the\n"
-    "verifier cannot use ends the run with one line that names the key and the reason.\n"
+    "Each key file is read once, before any package: one that is missing, unreadable or in a form\n"
+    "the verifier cannot use gets one line that names it and the reason, and exit status 2. Under\n"
+    "the classic policy the packages are still judged with it, as the installer would; under\n"
+    "current they are verified with the other files (without any, no package is verified).\n"
     "\n"
     "Options:\n"
     "  -k, --key=KEY      the publisher's OpenPGP public key file (armored or binary; a pipe will\n"
-    "                     do); repeat it for more keys. A file may hold several keys: a package\n"
+    "                     do, - is standard input); repeat it for more key files: a package\n"
     "                     passes with any of them, and the report names the key ID that verified\n"
-    "                     it. A file that the installer's check would refuse (a line with\n"
-    "                     \"http://\") is named, with the line\n"
+    "                     it. Under the classic policy each file is judged as the installer judges\n"
+    "                     it: one key per file (of a block of several keys, the key of the block's\n"
+    "                     last signature packet; a file of several armor blocks cannot be used),\n"
+    "                     with a note that says so; under current every key of every file counts.\n"
+    "                     A file that the installer's check would refuse (a line with \"http://\")\n"
+    "                     is named, with the line\n"
     "      --policy=NAME  how packages are judged: classic (the default: the installer's verdicts\n"
     "                     as they have always been) or current (today's rpm, rpm 6.1, read\n"
     "                     safely: every digest and signature it reads must pass, one signature\n"
@@ -56,22 +66,25 @@ const char kHelp[] =
     "                     signature (version, algorithms, key ID), each OK, BAD (with the reason)\n"
     "                     or NOTFOUND; then the verdict and, where one helps, a hint\n"
     "      --json         print one JSON object (docs/schemas/rpm-verify.schema.json), the same shape\n"
-    "                     on every exit status: \"schemaVersion\", \"policy\", \"key\" (\"path\" and\n"
-    "                     \"keys\", each with \"keyId\", \"algorithm\" and \"bits\"; or \"reason\",\n"
-    "                     \"message\" and \"hint\" for a key that cannot be used) and \"packages\",\n"
-    "                     one object per package: \"file\", \"status\",\n"
-    "                     \"message\" (the verifier's message), \"reason\" (a stable code, see\n"
-    "                     below), \"detail\" (the verifier's own reason, when it gave one),\n"
-    "                     \"checks\" (the checks of --verbose: \"check\", \"result\", \"reason\",\n"
-    "                     \"keyId\") and \"hint\" (where one helps)\n"
+    "                     on every exit status: \"schemaVersion\", \"policy\", \"keys\" (one per key\n"
+    "                     file: \"path\" and \"keys\", each with \"keyId\", \"algorithm\" and \"bits\",\n"
+    "                     and a \"note\" on a file of several keys; or \"reason\", \"message\" and\n"
+    "                     \"hint\" for a file that cannot be used), \"packages\", one object per\n"
+    "                     package: \"file\", \"status\", \"message\" (the verifier's message),\n"
+    "                     \"reason\" (a stable code, see below), \"detail\" (the verifier's own\n"
+    "                     reason, or the one cause of a file that cannot be read), \"checks\" (the\n"
+    "                     checks of --verbose: \"check\", \"result\", \"reason\", \"keyId\"), \"hint\"\n"
+    "                     (where one helps) and \"keyId\" (the key that verified it); and \"error\",\n"
+    "                     the usage error that ended the run\n"
     "  -j, --jobs=N       verify in N worker processes (default 1); the output keeps the order\n"
     "                     of the packages\n"
     "  -h, --help         display this help and exit\n"
     "  -V, --version      output version information and exit\n"
     "\n"
     "Without --verbose or --json each package gets one line: its verdict (\"FILE is signed.\",\n"
-    "\"FILE is not signed.\", \"FILE has invalid signature.\", \"FILE has invalid hash.\", or the\n"
-    "reason it could not be verified); hints go to standard error.\n"
+    "\"FILE is not signed.\", \"FILE has invalid signature. (REASON: why)\", \"FILE has invalid\n"
+    "hash.\", or the reason it could not be verified, such as \"FILE: is a directory\"; the line of\n"
+    "status 5 ends with its reason code, \"(REASON)\"); hints go to standard error.\n"
     "\n"
     "Status (per package): 0 signed, 1 not signed, 2 invalid signature, 3 invalid hash, 4 invalid\n"
     "structure, 5 not an RPM file, unreadable, or an error.\n"
@@ -85,13 +98,14 @@ const char kHelp[] =
     "Exit status:\n"
     "  0  every package is signed and valid\n"
     "  1  some package is not\n"
-    "  2  a usage error, or a key that cannot be used\n"
+    "  2  a usage error, or a key file that cannot be used\n"
     "\n"
     "Examples:\n"
     "  rpm-verify --key=publisher.asc hello-1.0-1.noarch.rpm\n"
     "  rpm-verify --verbose --key publisher.asc *.rpm\n"
     "  rpm-verify --quiet --key old.asc --key new.asc *.rpm\n"
     "  rpm-verify --policy=current --key publisher.asc *.rpm\n"
+    "  curl -s https://example.com/hello-1.0-1.noarch.rpm | rpm-verify --key publisher.asc -\n"
     "  rpm-verify --json --jobs=2 --key publisher.asc *.rpm | jq '.packages[].status'\n";
 
 struct Options {
@@ -104,7 +118,24 @@ struct Options {
     std::vector<std::string> packages;
 };
 
-int UsageError(const std::string& text) {
+// The version of the JSON report's shape (docs/schemas/rpm-verify.schema.json).
+const int kSchemaVersion = 1;
+
+std::string Dump(const json& value) {
+    return value.dump(2, ' ', false, json::error_handler_t::replace);
+}
+
+// The JSON report of a run that ends before any key is read, with why.
+json ErrorReport(const Options& options, const std::string& error) {
+    return {{"schemaVersion", kSchemaVersion},
+            {"policy", options.policy == SigningPolicy::Current ? "current" : "classic"},
+            {"keys", json::array()},
+            {"packages", json::array()},
+            {"error", error}};
+}
+
+int UsageError(const Options& options, const std::string& text) {
+    if (options.json) std::printf("%s\n", Dump(ErrorReport(options, text)).c_str());
     return cli::UsageError(kProgram, text);
 }
 
@@ -123,12 +154,12 @@ int ParseArguments(int argc, char** argv, Options& options) {
     for (int option; (option = getopt_long(argc, argv, ":k:vqj:hV", kLong, nullptr)) != -1;) {
         switch (option) {
             case 'k':
-                if (*optarg == '\0') return UsageError("no key file given (--key=KEY)");
+                if (*optarg == '\0') return UsageError(options, "no key file given (--key=KEY)");
                 options.keys.emplace_back(optarg);
                 break;
             case 'P':
                 if (!ParseSigningPolicy(optarg, options.policy)) {
-                    return UsageError(std::string("--policy wants classic or current, not '") + optarg + "'");
+                    return UsageError(options, std::string("--policy wants classic or current, not '") + optarg + "'");
                 }
                 break;
             case 'v': options.verbose = true; break;
@@ -139,19 +170,27 @@ int ParseArguments(int argc, char** argv, Options& options) {
                 errno = 0;
                 const unsigned long jobs = std::strtoul(optarg, &end, 10);
                 if (optarg[0] < '1' || optarg[0] > '9' || *end != '\0' || errno != 0 || jobs > 256) {
-                    return UsageError(std::string("--jobs wants a number from 1 to 256, not '") + optarg + "'");
+                    return UsageError(options,
+                                      std::string("--jobs wants a number from 1 to 256, not '") + optarg + "'");
                 }
                 options.jobs = static_cast<unsigned int>(jobs);
                 break;
             }
             case 'h': std::fputs(kHelp, stdout); return 0;
             case 'V': return cli::PrintVersion(kProgram);
-            default: return cli::OptionError(kProgram, option, argv);
+            default: return UsageError(options, cli::OptionErrorText(option, argv));
         }
     }
     for (int i = optind; i < argc; ++i) options.packages.emplace_back(argv[i]);
-    if (options.keys.empty()) return UsageError("no key file given (--key=KEY)");
-    if (options.packages.empty()) return UsageError("no package file given");
+    if (options.keys.empty()) return UsageError(options, "no key file given (--key=KEY)");
+    if (options.packages.empty()) return UsageError(options, "no package file given");
+    // Standard input is read once: for one key file, or for the packages given as "-".
+    const auto standardInput = [](const std::vector<std::string>& files) {
+        return std::count(files.begin(), files.end(), std::string("-"));
+    };
+    if (standardInput(options.keys) > 1 || (standardInput(options.keys) == 1 && standardInput(options.packages) > 0)) {
+        return UsageError(options, "standard input is read once: give '-' for one key file or for the packages");
+    }
     return -1;
 }
 
@@ -168,69 +207,48 @@ const char* StateText(RpmCheck::State state) {
     }
 }
 
-// The stable reason code of a verdict, from how far the verifier got and what it found.
-std::string ReasonOf(const std::string& file, const RpmReport& report, const KeyBytes& key, const std::string& keyId,
-                     SigningPolicy policy) {
-    switch (report.stage) {
-        case RpmStage::Unreadable: return "unreadable-file";
-        case RpmStage::NotRpm: return "not-rpm";
-        case RpmStage::Checked: break;
-        default: {
-            // The classic check refuses packages of 2 GiB and more (their size does not fit its reader).
-            struct stat status;
-            if (policy == SigningPolicy::Classic && stat(file.c_str(), &status) == 0 &&
-                static_cast<unsigned long long>(status.st_size) >= 0x80000000ull) {
-                return "too-large";
-            }
-            // The key was read before the first package: a verification that fails before its checks
-            // is refused for the package, unless the key itself cannot be used.
-            const KeyDiagnosis diagnosis = DiagnoseKeyBytes(key.bytes, policy);
-            return diagnosis.usable ? "damaged" : diagnosis.reason;
-        }
-    }
-    const bool notTrusted = std::any_of(report.checks.begin(), report.checks.end(),
-                                        [](const RpmCheck& check) { return check.state == RpmCheck::NotTrusted; });
-    switch (report.result) {
-        case ResultSigned: return "signed";
-        case ResultNotSigned: return notTrusted ? "not-trusted" : "not-signed";
-        case ResultHeaderOnlySigned: return "header-only";
-        case ResultInvalidHash: return "digest-mismatch";
-        case ResultInvalidStructure: return "invalid-structure";
-        case ResultInvalidSignature: {
-            // Signed by another key when no signature that failed names the key given (under the
-            // current policy: when none failed but for want of its key).
-            for (const RpmCheck& check : report.checks) {
-                if (check.state == RpmCheck::Bad && (policy == SigningPolicy::Current || check.keyId == keyId)) {
-                    return "bad-signature";
-                }
-            }
-            return "wrong-key";
-        }
-        default: return "damaged";
-    }
+// The first key ID of a list "A, B".
+std::string FirstKeyId(const std::string& ids) {
+    return ids.substr(0, ids.find(','));
 }
 
-std::string HintOf(const std::string& reason, const RpmReport& report, const KeyBytes& key, const std::string& keyId,
+// The rpmsign command that signs a package over header and payload with a key. It names the key
+// itself, so that it runs where no %_gpg_name is configured, and gpg by its path (Debian's rpm 4.18
+// names /usr/bin/gpg2, which Debian does not ship).
+std::string SignCommand(const std::string& keyId) {
+    return "rpmsign --addsign --rpmv3 --define '_gpg_name " + (keyId.empty() ? "<KEYID>" : keyId) +
+           "' --define '__gpg /usr/bin/gpg' PACKAGE";
+}
+
+// The hint for a reason. keyId: the key ID the file given checks with; given: those of every key
+// file given ("A, B"), which a package should be signed with.
+std::string HintOf(const std::string& reason, const RpmReport& report, const KeyBytes& key, const std::string& given,
                    SigningPolicy policy) {
+    // A header-only package is re-signed with the key of its header signature.
+    std::string signer = FirstKeyId(given);
+    for (const RpmCheck& check : report.checks) {
+        if (check.state == RpmCheck::Ok && !check.keyId.empty()) signer = check.keyId;
+    }
+    const std::string resign = "rpmsign --delsign PACKAGE, then " + SignCommand(signer);
     if (reason == "header-only" && policy == SigningPolicy::Classic) {
         return "the package is signed over its header only (what rpmsign --addsign writes by default); the "
-               "installer's classic check also needs a signature over header and payload: rpmsign --delsign "
-               "PACKAGE, then rpmsign --addsign --rpmv3 PACKAGE (or verify with --policy=current, which takes the "
-               "payload digest of the signed header instead)";
+               "installer's classic check also needs a signature over header and payload: " +
+               resign +
+               " (or verify with --policy=current, which takes the payload digest of the signed header instead)";
     }
     if (reason == "header-only") {
-        return "the package is signed over its header only and its header holds no payload digest: rpmsign "
-               "--delsign PACKAGE, then rpmsign --addsign --rpmv3 PACKAGE";
+        return "the package is signed over its header only and its header holds no payload digest: " + resign;
     }
     if (reason == "eddsa-signature") {
         return "the package is signed with an EdDSA key (tags 267 and 1005), which the installer's classic check "
                "does not read: verify with --policy=current, or re-sign it with an RSA key: rpmsign --delsign "
-               "PACKAGE, then rpmsign --addsign --rpmv3 --define '_gpg_name RSAKEYID' PACKAGE";
+               "PACKAGE, then " +
+               SignCommand(FirstKeyId(given));
     }
     if (reason == "too-large") {
         return "the installer's classic check reads packages under 2 GiB only: verify it with --policy=current";
     }
-    if (reason == "not-signed") return "sign it with rpmsign --addsign --rpmv3";
+    if (reason == "not-signed") return "sign it with " + SignCommand(FirstKeyId(given));
     if (reason == "not-trusted") {
         // The first signature today's rpm does not trust says why, and what to re-sign with.
         for (const RpmCheck& check : report.checks) {
@@ -243,28 +261,25 @@ std::string HintOf(const std::string& reason, const RpmReport& report, const Key
         return "the package was changed or damaged after it was signed: get it again from the publisher";
     }
     if (reason == "wrong-key") {
-        std::string signers;
-        for (const RpmCheck& check : report.checks) {
-            if ((check.state == RpmCheck::Bad || check.state == RpmCheck::NoKey) && !check.keyId.empty() &&
-                signers.find(check.keyId) == std::string::npos) {
-                signers += (signers.empty() ? "" : ", ") + check.keyId;
-            }
-        }
-        return "signed with key ID " + signers + ", but the key given is " + keyId +
-               ": check it with the publisher's key, or re-sign it with that key";
+        // The verdict line names the keys; the hint says what to do.
+        return "check it with the publisher's key, or re-sign it with the key given: rpmsign --delsign PACKAGE, "
+               "then " +
+               SignCommand(FirstKeyId(given));
     }
     if (reason == "unreadable-key" || reason == "unsupported-key") return DiagnoseKeyBytes(key.bytes, policy).hint;
     return "";
 }
 
-json Outcome(const std::string& file, const KeyBytes& key, const std::string& keyId, SigningPolicy policy) {
+json Outcome(const std::string& file, const KeyBytes& key, const std::string& given, SigningPolicy policy) {
     RpmReport report;
     const RpmVerifyResult result = rpm_verify_report(file.c_str(), key, report, policy);
     json outcome = {{"file", file}, {"status", static_cast<int>(result.status)}};
     outcome["message"] = result.message != nullptr ? result.message : "";
     // The static text of a failed allocation is not the caller's to free.
     if (result.message != nullptr && std::strcmp(result.message, "Internal error.") != 0) std::free(result.message);
-    std::string reason = ReasonOf(file, report, key, keyId, policy);
+    // The module's reason code: the one the C interface gives for the same verification.
+    KeyFileBytes keyFile(key.name, key.bytes);
+    const std::string reason = ReasonName(ReasonOf(file, report, keyFile, policy));
     outcome["reason"] = reason;  // its place among the keys; a signature the classic check skips may change it
     if (!report.detail.empty()) outcome["detail"] = report.detail;
     outcome["checks"] = json::array();
@@ -290,11 +305,10 @@ json Outcome(const std::string& file, const KeyBytes& key, const std::string& ke
                          {"reason", "the classic policy reads RSA signatures only; --policy=current checks this one"}};
             if (!check.keyId.empty()) item["keyId"] = check.keyId;
             outcome["checks"].push_back(item);
-            if (reason == "not-signed" && check.label.find(" EdDSA/") != std::string::npos) reason = "eddsa-signature";
         }
     }
     outcome["reason"] = reason;
-    const std::string hint = HintOf(reason, report, key, keyId, policy);
+    const std::string hint = HintOf(reason, report, key, given, policy);
     if (!hint.empty()) outcome["hint"] = hint;
     return outcome;
 }
@@ -303,9 +317,6 @@ json Outcome(const std::string& file, const KeyBytes& key, const std::string& ke
 // Keys
 
 bool WriteAll(int fd, const void* data, size_t size);
-
-// The version of the JSON report's shape (docs/schemas/rpm-verify.schema.json).
-const int kSchemaVersion = 1;
 
 // The key file as the report gives it: its keys, or why it cannot be used.
 json KeyReport(const std::string& path, const KeyDiagnosis& key) {
@@ -323,54 +334,55 @@ json KeyReport(const std::string& path, const KeyDiagnosis& key) {
     return report;
 }
 
-// The keys a run verifies with, as values: classic checks a package with one key block at a time, so
-// each block of the key files is a key file of its own; current reads every key of one key file, made
-// of all the blocks given.
+// The keys a run verifies with, as values. Classic checks a package with each key file as the
+// installer reads it, the file whole (one key: the installer takes one key file); current reads
+// every key of one key file, made of all the blocks of the usable files given.
 struct Keys {
-    std::vector<KeyBytes> files;      // in the order given
-    std::vector<std::string> keyIds;  // classic: the key ID of each file
+    std::vector<KeyBytes> files;      // the usable ones, in the order given
+    std::vector<std::string> keyIds;  // the key ID each file checks signatures with (current: all)
     json reports = json::array();     // one per key file given
-    std::string firstError;           // the stderr line of the first key that cannot be used
-    int Unusable() const { return firstError.empty() ? 0 : 1; }
+    std::vector<std::string> errors;  // the stderr line of each key file that cannot be used
+    // The key IDs of every usable file, for the texts that name the keys given.
+    std::string Given() const {
+        std::string ids;
+        for (const std::string& id : keyIds) ids += (ids.empty() || id.empty() ? "" : ", ") + id;
+        return ids;
+    }
 };
 
-// The bytes of a key file, a pipe as well (at most 1 MiB and one byte, so that a larger file is told).
+// Why a file cannot be read as a file: "is a directory", the system's text of the error opening it,
+// or "" when it opens and is no directory.
+std::string FileProblem(const std::string& path) {
+    const int descriptor = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (descriptor < 0) return std::strerror(errno);
+    struct stat status;
+    const bool directory = fstat(descriptor, &status) == 0 && S_ISDIR(status.st_mode);
+    close(descriptor);
+    return directory ? "is a directory" : "";
+}
+
+// The bytes of a key file, a pipe as well, "-" standard input (at most 1 MiB and one byte, so that
+// a larger file is told). error: one short cause.
 bool ReadKeyBytes(const std::string& path, std::string& bytes, std::string& error) {
-    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const bool standardInput = path == "-";
+    error = standardInput ? "" : FileProblem(path);
+    const int descriptor = standardInput ? 0 : error.empty() ? open(path.c_str(), O_RDONLY | O_CLOEXEC) : -1;
     if (descriptor < 0) {
-        // The verifier's own words for a key file it cannot open.
-        error = "Cannot open file " + path + ": " + std::strerror(errno);
-        try {
-            rpm_read_key_file(path);
-        } catch (const std::exception& e) {
-            error = e.what();
-        }
+        if (error.empty()) error = std::strerror(errno);
         return false;
     }
     char buffer[65536];
     for (ssize_t count; (count = read(descriptor, buffer, sizeof buffer)) != 0;) {
         if (count < 0 && errno == EINTR) continue;
         if (count < 0 || bytes.size() > 1024 * 1024) {
-            error = count < 0 ? "Cannot read file " + path + ": " + std::strerror(errno)
-                              : "PGP public key file " + path + " holds more than 1048576 bytes";
-            close(descriptor);
-            return false;
+            error = count < 0 ? std::strerror(errno) : "the file holds more than 1048576 bytes";
+            break;
         }
         bytes.append(buffer, static_cast<size_t>(count));
     }
-    close(descriptor);
-    if (bytes.size() > 1024 * 1024) {
-        error = "PGP public key file " + path + " holds more than 1048576 bytes";
-        return false;
-    }
-    return true;
-}
-
-// Adds a key file to verify with: data, under the name messages give it.
-const KeyBytes& AddKeyFile(Keys& keys, const std::string& name, const void* data, size_t size) {
-    const char* bytes = static_cast<const char*>(data);
-    keys.files.push_back(KeyBytes{name, std::vector<char>(bytes, bytes + size)});
-    return keys.files.back();
+    if (!standardInput) close(descriptor);
+    if (error.empty() && bytes.size() > 1024 * 1024) error = "the file holds more than 1048576 bytes";
+    return error.empty();
 }
 
 // The line of a key file that the installer's key screen refuses (it holds "http://"), or "".
@@ -387,17 +399,19 @@ std::string InstallerRefusal(const std::string& bytes) {
 
 void AddKeyReport(Keys& keys, const std::string& given, const KeyDiagnosis& key, const std::string& refusal) {
     json report = KeyReport(given, key);
+    if (!key.note.empty()) report["note"] = key.note;
     if (!refusal.empty()) report["installerRefuses"] = refusal;
-    if (!key.usable && keys.firstError.empty()) {
-        keys.firstError =
-            "cannot use the key " + given + ": " + key.text + (key.hint.empty() ? "" : "; hint: ") + key.hint;
+    if (!key.usable) {
+        keys.errors.push_back("cannot use the key " + given + ": " + key.text + (key.hint.empty() ? "" : "; hint: ") +
+                              key.hint);
     }
     keys.reports.push_back(std::move(report));
 }
 
-// Reads every key file given and writes the files verification reads.
+// Reads every key file given; the files that cannot be used are reported (and, under the current
+// policy, left out).
 void PrepareKeys(const Options& options, Keys& keys) {
-    std::vector<unsigned char> keyring;  // current: every key block, binary
+    std::vector<unsigned char> keyring;  // current: every key block of the usable files, binary
     for (const std::string& given : options.keys) {
         std::string bytes, error;
         if (!ReadKeyBytes(given, bytes, error)) {
@@ -407,59 +421,40 @@ void PrepareKeys(const Options& options, Keys& keys) {
             AddKeyReport(keys, given, unreadable, "");
             continue;
         }
-        const std::string refusal = InstallerRefusal(bytes);
-        std::vector<std::vector<unsigned char>> blocks;
+        const KeyDiagnosis key = DiagnoseKeyBytes(std::vector<char>(bytes.begin(), bytes.end()), options.policy);
+        AddKeyReport(keys, given, key, InstallerRefusal(bytes));
+        // Classic judges packages with a key file it cannot use all the same, as the installer would
+        // (a package that is not signed is still "not signed"); current leaves it out.
+        if (options.policy == SigningPolicy::Classic) {
+            keys.files.push_back(KeyBytes{given, std::vector<char>(bytes.begin(), bytes.end())});
+            keys.keyIds.push_back(key.keyId);
+            continue;
+        }
+        if (!key.usable) continue;
         try {
-            blocks = OpenPgpKeyring::SplitKeys(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
-        } catch (const std::exception&) {
-            blocks.clear();  // the diagnosis of the bytes as given tells why
-        }
-        if (options.policy == SigningPolicy::Current) {
-            AddKeyReport(keys, given, DiagnoseKeyBytes(std::vector<char>(bytes.begin(), bytes.end()), options.policy),
-                         refusal);
-            for (const auto& block : blocks) keyring.insert(keyring.end(), block.begin(), block.end());
-            continue;
-        }
-        if (blocks.size() <= 1) {
-            // One key block (or one that cannot be split): the bytes as given.
-            const KeyDiagnosis key = DiagnoseKeyBytes(AddKeyFile(keys, given, bytes.data(), bytes.size()).bytes);
-            keys.keyIds.push_back(key.keyId);
-            AddKeyReport(keys, given, key, refusal);
-            continue;
-        }
-        KeyDiagnosis all;
-        all.usable = true;
-        for (size_t block = 0; block < blocks.size() && all.usable; ++block) {
-            const std::string place = "key " + std::to_string(block + 1) + " of " + std::to_string(blocks.size());
-            const KeyBytes& file =
-                AddKeyFile(keys, given + " (" + place + ")", blocks[block].data(), blocks[block].size());
-            const KeyDiagnosis key = DiagnoseKeyBytes(file.bytes);
-            keys.keyIds.push_back(key.keyId);
-            if (!key.usable) {
-                all = key;
-                all.text = place + ": " + key.text;
-            } else {
-                all.keys.insert(all.keys.end(), key.keys.begin(), key.keys.end());
+            for (const auto& block :
+                 OpenPgpKeyring::SplitKeys(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size())) {
+                keyring.insert(keyring.end(), block.begin(), block.end());
             }
+        } catch (const std::exception&) {
+            // The diagnosis read the file: its blocks split as well.
         }
-        AddKeyReport(keys, given, all, refusal);
+        for (const KeyDiagnosis::Key& each : key.keys) keys.keyIds.push_back(each.keyId);
     }
-    if (options.policy == SigningPolicy::Current && keys.firstError.empty()) {
-        AddKeyFile(keys, "the keys given", keyring.data(), keyring.size());
-        std::string ids;
-        for (const json& key : keys.reports) {
-            for (const json& each : key["keys"]) ids += (ids.empty() ? "" : ", ") + each["keyId"].get<std::string>();
-        }
-        keys.keyIds.push_back(ids);
+    if (options.policy == SigningPolicy::Current && !keyring.empty()) {
+        const std::string ids = keys.Given();
+        keys.files.push_back(KeyBytes{"the keys given", std::vector<char>(keyring.begin(), keyring.end())});
+        keys.keyIds.assign(1, ids);
     }
 }
 
-// The outcome of a package with the keys: the first key that verifies it, else the first key's.
+// The outcome of a package with the keys: the first key file that verifies it, else the first
+// file's (each as the installer would judge the package with that file).
 json Outcome(const std::string& file, const Keys& keys, SigningPolicy policy) {
     json first;
     for (size_t i = 0; i < keys.files.size(); ++i) {
-        const std::string keyId = i < keys.keyIds.size() ? keys.keyIds[i] : "";
-        json outcome = Outcome(file, keys.files[i], keyId, policy);
+        const std::string& keyId = keys.keyIds[i];
+        json outcome = Outcome(file, keys.files[i], keys.Given(), policy);
         if (outcome["status"] == 0) {
             std::string verified = keyId;
             for (const json& check : outcome["checks"]) {
@@ -471,6 +466,115 @@ json Outcome(const std::string& file, const Keys& keys, SigningPolicy policy) {
         if (i == 0) first = std::move(outcome);
     }
     return first;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Packages from standard input
+
+// A package given as "-" is read from standard input. The module reads a package by path with
+// positioned reads, which a pipe does not take: a stream is copied into a temporary file without a
+// name (O_TMPFILE; else mkstemp, unlinked at once), read through /proc/self/fd. Standard input that
+// is a regular file is read in place.
+struct StandardInput {
+    std::string path;     // what the package is verified as
+    std::string problem;  // why it cannot be: "" when it can
+    std::string reason;   // the reason code of problem
+};
+
+// The most a package copied from standard input may hold: what the classic policy reads (under
+// 2 GiB), and for the current policy, which reads packages of any size, 64 GiB.
+uint64_t StandardInputBound(SigningPolicy policy) {
+    return policy == SigningPolicy::Classic ? 0x7FFFFFFFull : 64ull << 30;
+}
+
+int TemporaryFile() {
+    const char* folder = std::getenv("TMPDIR");
+    const std::string base = folder != nullptr && *folder != '\0' ? folder : "/tmp";
+    int descriptor = open(base.c_str(), O_TMPFILE | O_RDWR | O_EXCL | O_CLOEXEC, 0600);
+    if (descriptor >= 0) return descriptor;
+    std::string name = base + "/rpm-verify.XXXXXX";
+    descriptor = mkostemp(&name[0], O_CLOEXEC);
+    if (descriptor >= 0) unlink(name.c_str());
+    return descriptor;
+}
+
+StandardInput ReadStandardInput(SigningPolicy policy) {
+    StandardInput input;
+    struct stat status;
+    if (fstat(0, &status) == 0 && S_ISREG(status.st_mode)) {
+        input.path = "/proc/self/fd/0";
+        return input;
+    }
+    const int copy = TemporaryFile();
+    if (copy < 0) {
+        input.problem = std::string("cannot make a temporary file for standard input: ") + std::strerror(errno);
+        input.reason = "unreadable-file";
+        return input;
+    }
+    const uint64_t bound = StandardInputBound(policy);
+    uint64_t size = 0;
+    char buffer[65536];
+    for (ssize_t count; input.problem.empty() && (count = read(0, buffer, sizeof buffer)) != 0;) {
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0 || !WriteAll(copy, buffer, static_cast<size_t>(count))) {
+            input.problem = std::strerror(errno);
+            input.reason = "unreadable-file";
+        } else if ((size += static_cast<uint64_t>(count)) > bound) {
+            input.problem = policy == SigningPolicy::Classic
+                                ? "holds 2 GiB or more, more than the classic policy reads"
+                                : "holds more than 64 GiB, more than rpm-verify copies from standard input";
+            input.reason = "too-large";
+        }
+    }
+    input.path = "/proc/self/fd/" + std::to_string(copy);
+    return input;
+}
+
+// Every text of an outcome with the name the package was read under replaced by the one given.
+void Rename(json& outcome, const std::string& from, const std::string& to) {
+    auto replace = [&](json& value) {
+        std::string text = value.get<std::string>();
+        for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+            text.replace(at, from.size(), to);
+        }
+        value = text;
+    };
+    outcome["file"] = to;
+    replace(outcome["message"]);
+    if (outcome.contains("detail")) replace(outcome["detail"]);
+    for (json& check : outcome["checks"]) {
+        if (check.contains("reason")) replace(check["reason"]);
+    }
+}
+
+// An outcome the module did not give: a package that could not be handed to it.
+json RefusedOutcome(const std::string& file, const std::string& message, const std::string& reason,
+                    const std::string& hint) {
+    json outcome = {{"file", file}, {"status", 5}, {"message", message}, {"reason", reason}};
+    outcome["checks"] = json::array();
+    if (!hint.empty()) outcome["hint"] = hint;
+    return outcome;
+}
+
+// The outcome of a package given on the command line ("-": standard input). A file that cannot be
+// read as one gets the module's status and message, and the one cause as its detail.
+json PackageOutcome(const std::string& file, const Keys& keys, SigningPolicy policy, const StandardInput& input) {
+    if (file == "-" && !input.problem.empty()) {
+        RpmReport none;
+        return RefusedOutcome(file, input.problem, input.reason,
+                              HintOf(input.reason, none, keys.files[0], keys.Given(), policy));
+    }
+    const std::string path = file == "-" ? input.path : file;
+    const std::string problem = FileProblem(path);
+    json outcome = Outcome(path, keys, policy);
+    if (!problem.empty()) {
+        json unreadable = {
+            {"file", outcome["file"]},     {"status", outcome["status"]}, {"message", outcome["message"]},
+            {"reason", "unreadable-file"}, {"detail", problem},           {"checks", json::array()}};
+        outcome = std::move(unreadable);
+    }
+    if (file == "-") Rename(outcome, path, file);
+    return outcome;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -526,7 +630,7 @@ struct Worker {
 };
 
 // Starts a worker for each block after the first.
-std::vector<Worker> StartWorkers(const Options& options, const Keys& keys) {
+std::vector<Worker> StartWorkers(const Options& options, const Keys& keys, const StandardInput& input) {
     const size_t packages = options.packages.size();
     const size_t count = std::min<size_t>(options.jobs, packages);
     std::vector<Worker> workers;
@@ -540,7 +644,7 @@ std::vector<Worker> StartWorkers(const Options& options, const Keys& keys) {
             for (const Worker& other : workers) close(other.fd);
             std::vector<std::uint8_t> frames;
             for (size_t i = begin; i < end; ++i)
-                AppendOutcome(frames, Outcome(options.packages[i], keys, options.policy));
+                AppendOutcome(frames, PackageOutcome(options.packages[i], keys, options.policy, input));
             _exit(WriteAll(ends[1], frames.data(), frames.size()) ? 0 : 1);
         }
         if (ends[1] >= 0) close(ends[1]);
@@ -557,16 +661,54 @@ std::string Text(const json& value) {
     return value.get<std::string>();
 }
 
-// The verdict line: the message, led by the file name when the message does not name it.
-std::string VerdictLine(const json& outcome, bool withDetail) {
+// Why a signature check failed, for the verdict line: the reason code and what it means.
+std::string SignatureFailure(const json& outcome, const std::string& given) {
+    const std::string reason = Text(outcome["reason"]);
+    if (reason == "wrong-key") {
+        std::string signers;
+        for (const json& check : outcome["checks"]) {
+            const bool failed = check["result"] == "BAD" || check["result"] == "NOKEY";
+            if (failed && check.contains("keyId") && signers.find(Text(check["keyId"])) == std::string::npos) {
+                signers += (signers.empty() ? "" : ", ") + Text(check["keyId"]);
+            }
+        }
+        const bool several = given.find(',') != std::string::npos;
+        return "wrong-key: signed with key ID " + signers +
+               (several ? ", the keys given are " : ", the key given is ") + given;
+    }
+    for (const json& check : outcome["checks"]) {
+        if (check["result"] != "BAD") continue;
+        const std::string why = check.contains("reason") ? ": " + Text(check["reason"]) : "";
+        if (check.contains("keyId")) {
+            return reason + ": the signature by key ID " + Text(check["keyId"]) + " does not verify" + why;
+        }
+        return reason + ": " + Text(check["check"]) + why;
+    }
+    return reason;
+}
+
+// The verdict line: the message, led by the file name when the message does not name it; a file
+// that cannot be read gets its one cause instead, an invalid signature the reason after the message.
+std::string VerdictLine(const json& outcome, const std::string& given, bool withDetail) {
     const std::string file = Text(outcome["file"]), message = Text(outcome["message"]);
+    if (outcome["reason"] == "unreadable-file" && outcome.contains("detail")) {
+        return file + ": " + Text(outcome["detail"]);
+    }
     std::string line = message.compare(0, file.size(), file) == 0 ? message : file + ": " + message;
-    if (withDetail && outcome["status"] != 0 && outcome.contains("detail"))
+    if (outcome["status"] == 2) {
+        line += " (" + SignatureFailure(outcome, given) + ")";
+    } else if (outcome["status"] == 5) {
+        // The installer's message for status 5 seldom says why: the reason code does.
+        line += " (" + Text(outcome["reason"]);
+        if (withDetail && outcome.contains("detail")) line += ": " + Text(outcome["detail"]);
+        line += ")";
+    } else if (withDetail && outcome["status"] != 0 && outcome.contains("detail")) {
         line += " (" + Text(outcome["detail"]) + ")";
+    }
     return line;
 }
 
-void PrintText(const json& outcome, bool verbose, bool quiet) {
+void PrintText(const json& outcome, const std::string& given, bool verbose, bool quiet) {
     if (quiet && outcome["status"] == 0) return;
     if (verbose) {
         std::printf("%s:\n", Text(outcome["file"]).c_str());
@@ -576,7 +718,7 @@ void PrintText(const json& outcome, bool verbose, bool quiet) {
             std::fputs("\n", stdout);
         }
     }
-    std::printf("%s\n", VerdictLine(outcome, verbose).c_str());
+    std::printf("%s\n", VerdictLine(outcome, given, verbose).c_str());
     // The hint goes to standard error after its package's verdict, also when both streams are one.
     std::fflush(stdout);
     if (outcome.contains("hint")) {
@@ -589,31 +731,32 @@ void PrintText(const json& outcome, bool verbose, bool quiet) {
     }
 }
 
-std::string Dump(const json& value) {
-    return value.dump(2, ' ', false, json::error_handler_t::replace);
-}
-
 }  // namespace
 
 namespace {
 
 // Tells on stderr what the keys read say before any package: the key files the installer's check
-// would refuse, the first key that cannot be used; with -v (text), every key. False when a key
-// cannot be used.
+// would refuse, what it does with a file of several keys, each key file that cannot be used; with
+// -v (text), every key. False when no key file can be used.
 bool ReportKeys(const Options& options, const Keys& keys, const json& report) {
     for (const json& key : keys.reports) {
+        const std::string path = Text(key["path"]);
         if (key.contains("installerRefuses")) {
             std::fprintf(stderr, "%s: note: the installer's check would refuse the key file %s (%s)\n", kProgram,
-                         Text(key["path"]).c_str(), Text(key["installerRefuses"]).c_str());
+                         path.c_str(), Text(key["installerRefuses"]).c_str());
+        }
+        if (key.contains("note")) {
+            std::fprintf(stderr, "%s: note: the key file %s %s\n", kProgram, path.c_str(), Text(key["note"]).c_str());
         }
     }
-    if (keys.Unusable() != 0) {
-        std::fprintf(stderr, "%s: %s\n", kProgram, keys.firstError.c_str());
+    for (const std::string& error : keys.errors) std::fprintf(stderr, "%s: %s\n", kProgram, error.c_str());
+    if (keys.files.empty()) {
         if (options.json) std::printf("%s\n", Dump(report).c_str());
         return false;
     }
     if (options.verbose && !options.json) {
         for (const json& key : keys.reports) {
+            if (!key.contains("keys")) continue;
             for (const json& each : key["keys"]) {
                 std::printf("Key %s: key ID %s, %s %llu bits\n", Text(key["path"]).c_str(), Text(each["keyId"]).c_str(),
                             Text(each["algorithm"]).c_str(), each["bits"].get<unsigned long long>());
@@ -625,15 +768,15 @@ bool ReportKeys(const Options& options, const Keys& keys, const json& report) {
 
 // Verifies every package given, in order (blocks of them in worker processes with --jobs), and
 // prints or collects the outcomes; true when all are signed.
-bool VerifyPackages(const Options& options, const Keys& keys, json& outcomes) {
-    const std::vector<Worker> workers = options.jobs > 1 ? StartWorkers(options, keys) : std::vector<Worker>();
+bool VerifyPackages(const Options& options, const Keys& keys, const StandardInput& input, json& outcomes) {
+    const std::vector<Worker> workers = options.jobs > 1 ? StartWorkers(options, keys, input) : std::vector<Worker>();
     bool allSigned = true;
     const Worker* worker = nullptr;  // the worker of the package at hand; null: the parent's own
     for (size_t i = 0, next = 0; i < options.packages.size(); ++i) {
         if (next < workers.size() && i >= workers[next].begin) worker = &workers[next++];
         json outcome;
         if (worker == nullptr || worker->fd < 0) {
-            outcome = Outcome(options.packages[i], keys, options.policy);
+            outcome = PackageOutcome(options.packages[i], keys, options.policy, input);
         } else if (!ReceiveOutcome(worker->fd, outcome)) {
             outcome = {{"file", options.packages[i]},
                        {"status", 5},
@@ -646,7 +789,7 @@ bool VerifyPackages(const Options& options, const Keys& keys, json& outcomes) {
         if (options.json) {
             outcomes.push_back(std::move(outcome));
         } else {
-            PrintText(outcome, options.verbose, options.quiet);
+            PrintText(outcome, keys.Given(), options.verbose, options.quiet);
         }
     }
     for (const Worker& started : workers) {
@@ -660,23 +803,31 @@ bool VerifyPackages(const Options& options, const Keys& keys, json& outcomes) {
 
 int main(int argc, char** argv) {
     Options options;
+    options.json = cli::AsksForJson(argc, argv, {"-k", "--key", "--policy", "-j", "--jobs"});
     const int early = ParseArguments(argc, argv, options);
     if (early >= 0) return early;
 
-    // The keys, read once before any package.
+    // The keys, read once before any package. A key file that cannot be used makes exit status 2 at
+    // the end; classic judges packages with it all the same, current leaves it out (without any key
+    // file left, no package is verified).
     Keys keys;
     try {
         PrepareKeys(options, keys);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "%s: %s\n", kProgram, e.what());
+        if (options.json) std::printf("%s\n", Dump(ErrorReport(options, e.what())).c_str());
         return 2;
     }
-    json report = {{"schemaVersion", kSchemaVersion},
-                   {"policy", options.policy == SigningPolicy::Current ? "current" : "classic"},
-                   {"keys", keys.reports},
-                   {"packages", json::array()}};
+    json report = ErrorReport(options, "");
+    report.erase("error");
+    report["keys"] = keys.reports;
     if (!ReportKeys(options, keys, report)) return 2;
-    const bool allSigned = VerifyPackages(options, keys, report["packages"]);
+    StandardInput input;
+    if (std::find(options.packages.begin(), options.packages.end(), "-") != options.packages.end()) {
+        input = ReadStandardInput(options.policy);
+    }
+    const bool allSigned = VerifyPackages(options, keys, input, report["packages"]);
     if (options.json) std::printf("%s\n", Dump(report).c_str());
+    if (!keys.errors.empty()) return 2;
     return allSigned ? 0 : 1;
 }

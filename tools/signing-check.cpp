@@ -38,7 +38,8 @@ const char kHelp[] =
     "                         why it had none), \"packages\" (for each component in session order:\n"
     "                         \"id\", \"package\", and \"status\", \"message\" and \"reason\" of its\n"
     "                         verification as the module logged them, or \"status\" null and why\n"
-    "                         it was not verified) and \"variables\" (every final session variable)\n"
+    "                         it was not verified) and \"variables\" (every final session variable);\n"
+    "                         on exit status 2, \"schemaVersion\" and \"error\" (why) instead\n"
     "  -h, --help             display this help and exit\n"
     "  -V, --version          output version information and exit\n"
     "\n"
@@ -68,12 +69,22 @@ struct Options {
     std::string session;
 };
 
-int Fail(const std::string& text) {
+// With --json, a run that ends with exit status 2 prints why as its report: {"schemaVersion": 1,
+// "error": TEXT}.
+void PrintErrorReport(const Options& options, const std::string& text) {
+    if (!options.json) return;
+    const nlohmann::ordered_json report = {{"schemaVersion", 1}, {"error", text}};
+    std::printf("%s\n", report.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+}
+
+int Fail(const Options& options, const std::string& text) {
+    PrintErrorReport(options, text);
     std::fprintf(stderr, "%s: %s\n", kProgram, text.c_str());
     return 2;
 }
 
-int UsageError(const std::string& text) {
+int UsageError(const Options& options, const std::string& text) {
+    PrintErrorReport(options, text);
     return cli::UsageError(kProgram, text);
 }
 
@@ -113,7 +124,7 @@ int ParseArguments(int argc, char** argv, Options& options) {
                 const std::string value = optarg;
                 const size_t equals = value.find('=');
                 if (equals == std::string::npos || equals == 0)
-                    return UsageError("--set wants KEY=VALUE, not '" + value + "'");
+                    return UsageError(options, "--set wants KEY=VALUE, not '" + value + "'");
                 options.settings.emplace_back(value.substr(0, equals), value.substr(equals + 1));
                 break;
             }
@@ -121,18 +132,18 @@ int ParseArguments(int argc, char** argv, Options& options) {
             case 'P': {
                 const std::string policy = optarg;
                 if (policy != "classic" && policy != "current") {
-                    return UsageError("--policy wants classic or current, not '" + policy + "'");
+                    return UsageError(options, "--policy wants classic or current, not '" + policy + "'");
                 }
                 options.settings.emplace_back("signing_policy", policy);
                 break;
             }
             case 'h': std::fputs(kHelp, stdout); return 0;
             case 'V': return cli::PrintVersion(kProgram);
-            default: return cli::OptionError(kProgram, option, argv);
+            default: return UsageError(options, cli::OptionErrorText(option, argv));
         }
     }
-    if (optind >= argc) return UsageError("no session file given");
-    if (optind + 1 < argc) return UsageError("only one session file, please");
+    if (optind >= argc) return UsageError(options, "no session file given");
+    if (optind + 1 < argc) return UsageError(options, "only one session file, please");
     options.session = argv[optind];
     if (options.module.empty()) options.module = DefaultModule();
     return -1;
@@ -222,6 +233,7 @@ nlohmann::ordered_json KeyReport(const session_t& session) {
 
 int main(int argc, char** argv) {
     Options options;
+    options.json = cli::AsksForJson(argc, argv, {"-m", "--module", "-s", "--set", "--policy"});
     const int early = ParseArguments(argc, argv, options);
     if (early >= 0) return early;
 
@@ -229,16 +241,16 @@ int main(int argc, char** argv) {
     try {
         session = host::LoadSessionFile(options.session);
     } catch (const std::exception& e) {
-        return Fail(e.what());
+        return Fail(options, e.what());
     }
     for (const auto& setting : options.settings) session->variables[setting.first] = setting.second;
 
     void* module = dlopen(options.module.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (module == nullptr) return Fail(std::string("cannot load the module: ") + dlerror());
+    if (module == nullptr) return Fail(options, std::string("cannot load the module: ") + dlerror());
     auto check = reinterpret_cast<CheckFunction>(dlsym(module, "signing_validate_package_list"));
     if (check == nullptr) {
         dlclose(module);
-        return Fail("the module " + options.module + " has no signing_validate_package_list");
+        return Fail(options, "the module " + options.module + " has no signing_validate_package_list");
     }
 
     host::SetLogRecord(&session->log);

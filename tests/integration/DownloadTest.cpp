@@ -99,7 +99,7 @@ TEST(Commands, OutputAndExitStatusOfEachCase) {
         }
         check();
     }
-    EXPECT_EQ(count, 42 + 40);
+    EXPECT_EQ(count, 51 + 45);
     const auto valid = Shell("/usr/bin/python3 " + kData + "/../support/validate_json.py " + SIGNING_SCHEMAS + " " +
                              reports.Path() + " 8 2>&1");
     EXPECT_EQ(valid.first, 0) << valid.second;

@@ -2,7 +2,9 @@
 // the verdicts of rpmkeys --checksig where the two must agree.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 
 #include "HostSupport.h"
@@ -75,4 +77,69 @@ TEST(RpmFixtures, AgreeWithRpmkeysWhereBothJudge) {
                     rejected.find(f.key + " ") != std::string::npos || f.status == 0)
             << context;
     }
+}
+
+namespace {
+
+// What rpm-verify --json says of a package with one key file: the package's status and message, or
+// -1 when it refused the key file (exit status 2, no package verified).
+// rpm-verify's classic verdicts ("STATUS MESSAGE") of packages with one key file, in their order.
+std::vector<std::string> ToolVerdicts(const std::string& key, const std::vector<std::string>& packages) {
+    std::string files;
+    for (const std::string& package : packages) files += " " + package;
+    const auto run = Shell(SIGNING_LAUNCHER " " RPM_VERIFY_TOOL " --json --key " + key + files +
+                           " 2>/dev/null | python3 -c 'import json,sys; r=json.load(sys.stdin); "
+                           "[print(p[\"status\"], p[\"message\"]) for p in r[\"packages\"]]'");
+    std::vector<std::string> verdicts;
+    std::istringstream lines(run.second);
+    for (std::string line; std::getline(lines, line);) verdicts.push_back(line);
+    return verdicts;
+}
+
+}  // namespace
+
+// Under the classic policy rpm-verify gives, for each key file, the installer's verdict with that file
+// as a whole: rpm_verify's status and message, also where it cannot use the file. Every fixture
+// package with every key file of the fixtures (secret, damaged and unusable ones included), the
+// pairs of the newer fixture set, and key files of two keys made of fixture keys: one block (binary
+// keys concatenated, either order), two armor blocks.
+TEST(RpmFixtures, RpmVerifyGivesTheInstallersVerdictForEachKeyFile) {
+    TempFolder made;
+    const std::string current = kData + "/current/";
+    ASSERT_EQ(Shell("cd " + current + " && for k in rsa2048 rsa3072; do gpg --dearmor < $k.asc > " + made.Path() +
+                    "/$k.gpg; done && cd " + made.Path() +
+                    " && cat rsa2048.gpg rsa3072.gpg > ab.gpg && cat rsa3072.gpg rsa2048.gpg > ba.gpg && cat " +
+                    current + "rsa3072.asc " + current + "rsa2048.asc > ba.asc")
+                  .first,
+              0);
+    std::map<std::string, std::vector<std::string>> packagesByKey;
+    std::vector<std::string> fixtures;
+    for (const Fixture& f : Fixtures()) fixtures.push_back(kRpm + f.file);
+    for (const auto& entry : std::filesystem::directory_iterator(kData + "/keys")) {
+        if (entry.is_regular_file() && entry.path().extension() != ".txt") packagesByKey[entry.path()] = fixtures;
+    }
+    std::ifstream classic(current + "classic.txt");
+    for (std::string line, package, key; std::getline(classic, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        std::istringstream(line) >> package >> key;
+        packagesByKey[current + key].push_back(current + package);
+    }
+    for (const char* key : {"/ab.gpg", "/ba.gpg", "/ba.asc"}) {
+        packagesByKey[made / key] = {current + "rsa2048-v3-sha256.rpm", current + "rsa3072-v3-sha256.rpm",
+                                     current + "unsigned.rpm"};
+    }
+    size_t pairs = 0;
+    for (const auto& keyAndPackages : packagesByKey) {
+        const std::vector<std::string> tool = ToolVerdicts(keyAndPackages.first, keyAndPackages.second);
+        ASSERT_EQ(tool.size(), keyAndPackages.second.size()) << keyAndPackages.first;
+        for (size_t i = 0; i < tool.size(); ++i) {
+            const std::string& package = keyAndPackages.second[i];
+            RpmVerifyResult result = rpm_verify(package.c_str(), keyAndPackages.first.c_str());
+            EXPECT_EQ(tool[i], std::to_string(result.status) + " " + result.message)
+                << package << " with " << keyAndPackages.first;
+            std::free(result.message);
+            ++pairs;
+        }
+    }
+    EXPECT_GT(pairs, 300u);
 }

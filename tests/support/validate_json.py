@@ -3,9 +3,9 @@
     validate_json.py SCHEMAS FOLDER MINIMUM
 
 FOLDER holds one file per --json run, named after the tool (rpm-verify.*, signing-check.*); each is
-checked against SCHEMAS/TOOL.schema.json. A run that printed nothing (a usage error) is passed over.
-Exit status 0 when every report is valid and at least MINIMUM were checked; otherwise each problem
-is printed and the status is 1.
+checked against SCHEMAS/TOOL.schema.json; a run that printed nothing is a problem too (both tools
+print a report on every exit status). Exit status 0 when every report is valid and at least MINIMUM
+were checked; otherwise each problem is printed and the status is 1.
 """
 import json
 import os
@@ -18,6 +18,7 @@ checked, problems = 0, []
 for name in sorted(os.listdir(folder)):
     text = open(os.path.join(folder, name), encoding="utf-8").read()
     if not text.strip():
+        problems.append(f"{name}: no report")
         continue
     tool = name.split(".")[0]
     schema = json.load(open(os.path.join(schemas, tool + ".schema.json"), encoding="utf-8"))

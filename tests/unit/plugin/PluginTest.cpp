@@ -8,9 +8,13 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <thread>
 
 #include "HostSupport.h"
+#include "KeyPinning.h"
+#include "PgpKey.h"
 #include "rpmutil.h"
 
 namespace {
@@ -94,6 +98,42 @@ TEST(PrerequisiteCheck, ProductsComeFromTheSessionHandle) {
     EXPECT_EQ(empty.History("operation_progress"), Lines{"0"});
     EXPECT_EQ(signing_validate_package_list(nullptr), 1);
     EXPECT_EQ(empty->log.back(), "signing_validate_package_list: no session was given");
+}
+
+// The log says why a package got status 5 (its own line is the installer's "Internal error"), and
+// that a check which found no RPM package to verify verified none, with what the session showed.
+TEST(PrerequisiteCheck, LogTellsTheReasonForStatus5AndAnEmptyWalk) {
+    ScopedSession session;
+    session["signature"] = kKey;
+    AddPackages(session, {{"truncated-signature.rpm", "rpm"}, {"unsigned.rpm", "rpm"}});
+    EXPECT_EQ(signing_validate_package_list(session.get()), 1);
+    const std::string path = kPackages + "/truncated-signature.rpm";
+    ASSERT_GE(session->log.size(), 6u);
+    EXPECT_EQ(session->log[3], "_signing_validate_file: signing validation result 5 (0 is success) for " + path +
+                                   " package [Internal error occured while verifying " + path + "]");
+    EXPECT_EQ(session->log[4].rfind("_signing_validate_file: reason for " + path + ": damaged (", 0), 0u)
+        << session->log[4];
+    EXPECT_EQ(session->log[5], Result(1, "unsigned.rpm", " is not signed."));  // no reason line after 0 to 4
+
+    for (const auto& components :
+         {std::vector<std::pair<std::string, std::string>>{}, {{"missing.rpm", "rpm"}, {"signed-sha256.rpm", "deb"}}}) {
+        ScopedSession empty;
+        empty["signature"] = kKey;
+        if (components.empty()) {
+            empty->AddProduct();
+        } else {
+            AddPackages(empty, components);
+        }
+        EXPECT_EQ(signing_validate_package_list(empty.get()), 0);
+        const std::string counts =
+            components.empty() ? "1 product(s) with 0 component(s)" : "1 product(s) with 2 component(s)";
+        ASSERT_GE(empty->log.size(), 2u);
+        EXPECT_EQ(empty->log[empty->log.size() - 2],
+                  "signing_validate_package_list: no RPM package was verified: the "
+                  "session shows " +
+                      counts + ", none of them an available RPM package");
+        EXPECT_EQ(empty->log.back(), "signing_validate_package_list: finished");
+    }
 }
 
 // The failures of the probe and the download as logged (the host's echo would hide a missing line
@@ -344,4 +384,56 @@ TEST(KeyAcquisition, TheScreenReadsKeysAsThePolicyDoes) {
             << PolicyOf(policy).name << ": " << acquisition.failure;
     }
     setenv("PATH", path.c_str(), 1);
+}
+
+// Key pinning: the fingerprints gpg and sq printed for the oracle keys (keys.txt: the primary key's,
+// then its subkeys') are those the module computes, version 4 and 6; a key file is accepted only
+// when every primary key in it is pinned, and a pinned subkey does not stand for its primary key.
+TEST(KeyPinning, FingerprintsOfTheToolsAndTheListRule) {
+    std::ifstream listing(kData + "/oracle/keys.txt");
+    int keys = 0;
+    for (std::string name, tool, primary, rest; listing >> name >> tool >> primary && std::getline(listing, rest);) {
+        const std::string path = kData + "/oracle/" + name + ".asc";
+        SCOPED_TRACE(path);
+        EXPECT_EQ(PrimaryKeyFingerprints(PgpKey::ReadFile(path)), std::vector<std::string>{primary});
+        EXPECT_EQ(KeyPins::Parse(primary).Refusal(path), "");
+        const std::string subkey = rest.empty() ? "" : rest.substr(1, rest.find(' ', 1) - 1);
+        if (!subkey.empty()) {
+            EXPECT_EQ(KeyPins::Parse(subkey).Refusal(path),
+                      "the key with fingerprint " + primary + " is not one of the keys accepted");
+        }
+        ++keys;
+    }
+    EXPECT_EQ(keys, 16);
+
+    TempFolder temp;
+    const std::string rsa = kData + "/oracle/gpg-rsa2048.asc", ed = kData + "/oracle/gpg-ed25519.asc";
+    auto read = [](const std::string& path) {
+        std::ifstream in(path);
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    };
+    const std::string both = temp.Write("both.asc", read(rsa) + read(ed));
+    const std::string rsaPin = "8B9F1BB0663E30087A4DD0605D8530866A0D3813";
+    const std::string edPin = "7B00511EF6F2050A4E4C96D57FCEC804FE477893";
+    const struct {
+        std::string list, path, refusal;
+    } rows[] = {
+        {rsaPin, both, "the key with fingerprint " + edPin + " is not one of the keys accepted"},
+        {" " + edPin + " ;\n" + rsaPin + ",", both, ""},
+        {rsaPin + "0", rsa,
+         "the list of accepted keys is malformed: [" + rsaPin +
+             "0] is not a fingerprint of 40 or 64 hexadecimal digits"},
+        {rsaPin.substr(0, 39) + "G", rsa,
+         "the list of accepted keys is malformed: [" + rsaPin.substr(0, 39) +
+             "G] is not a fingerprint of 40 or 64 hexadecimal digits"},
+        {rsaPin, temp.Write("text.asc", "not a key\n"), "its keys cannot be read: "},
+        {rsaPin, temp / "missing.asc", "its keys cannot be read: "},
+    };
+    for (const auto& row : rows) {
+        const std::string refusal = KeyPins::Parse(row.list).Refusal(row.path);
+        EXPECT_EQ(refusal.substr(0, row.refusal.empty() ? std::string::npos : row.refusal.size()), row.refusal)
+            << row.list;
+    }
+    EXPECT_TRUE(KeyPins::Parse(" ;,\n").Empty());
+    EXPECT_FALSE(KeyPins::Parse("x").Empty());
 }
