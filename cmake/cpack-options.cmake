@@ -1,5 +1,7 @@
 # Read by cpack once per generator, after CPackConfig.cmake: the choices that differ between the
 # Debian packages and the vendor bundle (CMakeLists.txt describes both).
+# Every time stamp CPack and the tools it runs (dpkg-deb) write is the build's SOURCE_DATE_EPOCH.
+set(ENV{SOURCE_DATE_EPOCH} ${CPACK_SIGNING_SOURCE_DATE_EPOCH})
 if(CPACK_GENERATOR STREQUAL "TGZ")
   # One archive of the bundle's components, under one top folder named like the archive.
   set(CPACK_COMPONENTS_ALL ${CPACK_SIGNING_BUNDLE_COMPONENTS})

@@ -2,8 +2,13 @@
 # texts and the sections of INCLUDE (its EXAMPLES, one per paragraph); NAME is the page's one-line
 # description. With GZIP it also writes OUTPUT.gz, compressed the
 # way Debian installs man pages (gzip -9n: no name or time stamp inside).
+# SOURCE_DATE_EPOCH, when given, is the date of the page.
 # With EMULATOR (a 32-bit build where the kernel starts no 32-bit program) help2man runs the program
 # through it, by a script of the program's own name, so the page reads as the native one.
+# help2man dates the page by SOURCE_DATE_EPOCH when it is set (reproducible pages).
+if(SOURCE_DATE_EPOCH)
+  set(ENV{SOURCE_DATE_EPOCH} ${SOURCE_DATE_EPOCH})
+endif()
 set(arguments --no-info "--name=${NAME}" "--include=${INCLUDE}" "--output=${OUTPUT}")
 get_filename_component(folder ${OUTPUT} DIRECTORY)
 file(MAKE_DIRECTORY ${folder})
