@@ -87,6 +87,7 @@ SIGNING_EXPORT extern const char* FILE_PATTERN;
 #define SIGNING_API_VERSION 1
 
 /* How packages are judged. */
+/* NOLINTNEXTLINE(modernize-use-using): C has no alias declarations. */
 typedef int32_t SIGNING_POLICY;
 enum {
     /* The installer's verdicts as they have always been (rpm_verify): RSA signatures over the header
@@ -100,6 +101,7 @@ enum {
 
 /* Why a package got its status. Each code has a name (signing_reason_name), the "reason" of
  * rpm-verify's JSON report. */
+/* NOLINTNEXTLINE(modernize-use-using): C has no alias declarations. */
 typedef int32_t SIGNING_REASON;
 enum {
     SIGNING_REASON_SIGNED = 0,            /* "signed": status 0 */

@@ -101,8 +101,9 @@ std::vector<std::string> ToolVerdicts(const std::string& key, const std::vector<
 // Under the classic policy rpm-verify gives, for each key file, the installer's verdict with that file
 // as a whole: rpm_verify's status and message, also where it cannot use the file. Every fixture
 // package with every key file of the fixtures (secret, damaged and unusable ones included), every
-// package of the oracle set with every key file of that set, the pairs of the newer fixture set, and key files of two keys made of fixture keys: one block (binary
-// keys concatenated, either order), two armor blocks.
+// package of the oracle set with every key file of that set, the pairs of the newer fixture set,
+// and key files of two keys made of fixture keys: one block (binary keys concatenated, either
+// order), two armor blocks.
 TEST(RpmFixtures, RpmVerifyGivesTheInstallersVerdictForEachKeyFile) {
     TempFolder made;
     const std::string current = kData + "/current/";
