@@ -17,15 +17,7 @@ find_program(GZIP gzip REQUIRED)
 find_program(OBJCOPY objcopy REQUIRED)
 find_program(READELF readelf REQUIRED)
 
-function(run)
-  execute_process(COMMAND ${ARGN} RESULT_VARIABLE status ERROR_VARIABLE errors OUTPUT_VARIABLE output
-    OUTPUT_STRIP_TRAILING_WHITESPACE)
-  if(NOT status EQUAL 0)
-    string(REPLACE ";" " " command "${ARGN}")
-    message(FATAL_ERROR "${command} failed (${status}): ${errors}")
-  endif()
-  set(output "${output}" PARENT_SCOPE)
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/run-command.cmake)
 
 # Packs FOLDER (a top folder inside PARENT) into ARCHIVE, reproducibly.
 function(pack parent folder archive)

@@ -22,15 +22,7 @@ find_program(OBJCOPY objcopy REQUIRED)
 find_program(TOUCH touch REQUIRED)
 set(ENV{SOURCE_DATE_EPOCH} ${CPACK_SIGNING_SOURCE_DATE_EPOCH})
 
-function(run)
-  execute_process(COMMAND ${ARGN} RESULT_VARIABLE status ERROR_VARIABLE errors OUTPUT_VARIABLE output
-    OUTPUT_STRIP_TRAILING_WHITESPACE)
-  if(NOT status EQUAL 0)
-    string(REPLACE ";" " " command "${ARGN}")
-    message(FATAL_ERROR "${command} failed (${status}): ${errors}")
-  endif()
-  set(output "${output}" PARENT_SCOPE)
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/run-command.cmake)
 
 # The -dbgsym packages (.ddeb) beside the packages they belong to.
 set(package_files ${CPACK_PACKAGE_FILES})
