@@ -73,19 +73,22 @@ std::string ClassicKeyId(KeyFileBytes& key) {
     }
 }
 
-// A signature of the package that the current policy reads with EdDSA.
-bool HasEdDsaSignature(const std::string& file, KeyFileBytes& key) {
-    std::vector<char> bytes;
-    try {
-        bytes = key.Bytes();
-    } catch (const std::exception&) {
-        return false;
-    }
+// A signature of the package that the current policy reads with EdDSA, among its checks under
+// that policy (made here when the caller did not make them).
+bool HasEdDsaSignature(const std::string& file, KeyFileBytes& key, const RpmReport* madeUnderCurrent) {
     RpmReport current;
-    const RpmVerifyResult result =
-        rpm_verify_report(file.c_str(), KeyBytes{key.Name(), bytes}, current, SigningPolicy::Current);
-    rpm_free_message(result.message);
-    return std::any_of(current.checks.begin(), current.checks.end(), [](const RpmCheck& check) {
+    if (madeUnderCurrent == nullptr) {
+        std::vector<char> bytes;
+        try {
+            bytes = key.Bytes();
+        } catch (const std::exception&) {
+            return false;
+        }
+        rpm_free_message(
+            rpm_verify_report(file.c_str(), KeyBytes{key.Name(), bytes}, current, SigningPolicy::Current).message);
+        madeUnderCurrent = &current;
+    }
+    return std::any_of(madeUnderCurrent->checks.begin(), madeUnderCurrent->checks.end(), [](const RpmCheck& check) {
         const bool signature = check.kind == RpmCheck::HeaderSignature || check.kind == RpmCheck::PackageSignature;
         return signature && check.state != RpmCheck::NotFound && check.label.find(" EdDSA/") != std::string::npos;
     });
@@ -98,7 +101,8 @@ const char* ReasonName(SIGNING_REASON reason) {
     return reason >= 0 && static_cast<size_t>(reason) < count ? kReasonNames[reason] : "unknown";
 }
 
-SIGNING_REASON ReasonOf(const std::string& file, const RpmReport& report, KeyFileBytes& key, SigningPolicy policy) {
+SIGNING_REASON ReasonOf(const std::string& file, const RpmReport& report, KeyFileBytes& key, SigningPolicy policy,
+                        const RpmReport* current) {
     switch (report.stage) {
         case RpmStage::NotStarted: return SIGNING_REASON_INVALID_ARGUMENT;
         case RpmStage::Unreadable: return SIGNING_REASON_UNREADABLE_FILE;
@@ -115,7 +119,8 @@ SIGNING_REASON ReasonOf(const std::string& file, const RpmReport& report, KeyFil
         case ResultSigned: return SIGNING_REASON_SIGNED;
         case ResultNotSigned:
             if (notTrusted) return SIGNING_REASON_NOT_TRUSTED;
-            if (policy == SigningPolicy::Classic && HasEdDsaSignature(file, key)) return SIGNING_REASON_EDDSA_SIGNATURE;
+            if (policy == SigningPolicy::Classic && HasEdDsaSignature(file, key, current))
+                return SIGNING_REASON_EDDSA_SIGNATURE;
             return SIGNING_REASON_NOT_SIGNED;
         case ResultHeaderOnlySigned: return SIGNING_REASON_HEADER_ONLY;
         case ResultInvalidHash: return SIGNING_REASON_DIGEST_MISMATCH;

@@ -15,5 +15,7 @@ const char* ReasonName(SIGNING_REASON reason);
 // The reason for the verdict that report holds, of file verified with key under policy. The key is
 // read only where the report cannot tell (whose key it is, whether it can be used); a classic verdict
 // of "not signed" is checked once more under the current policy for an EdDSA signature, which the
-// classic policy does not read.
-SIGNING_REASON ReasonOf(const std::string& file, const RpmReport& report, KeyFileBytes& key, SigningPolicy policy);
+// classic policy does not read (current: the package's checks under that policy, when the caller made
+// them already).
+SIGNING_REASON ReasonOf(const std::string& file, const RpmReport& report, KeyFileBytes& key, SigningPolicy policy,
+                        const RpmReport* current = nullptr);

@@ -277,10 +277,16 @@ json Outcome(const std::string& file, const KeyBytes& key, const std::string& gi
     outcome["message"] = result.message != nullptr ? result.message : "";
     // The static text of a failed allocation is not the caller's to free.
     if (result.message != nullptr && std::strcmp(result.message, "Internal error.") != 0) std::free(result.message);
+    // The classic check reads RSA signatures only (tags 268 and 1002): the signatures it does not read
+    // are named, as the current policy reads them, so that such a package is not just "not signed".
+    const bool unread =
+        policy == SigningPolicy::Classic && report.stage == RpmStage::Checked && report.result != ResultSigned;
+    RpmReport current;
+    if (unread) rpm_free_message(rpm_verify_report(file.c_str(), key, current, SigningPolicy::Current).message);
     // The module's reason code: the one the C interface gives for the same verification.
     KeyFileBytes keyFile(key.name, key.bytes);
-    const std::string reason = ReasonName(ReasonOf(file, report, keyFile, policy));
-    outcome["reason"] = reason;  // its place among the keys; a signature the classic check skips may change it
+    const std::string reason = ReasonName(ReasonOf(file, report, keyFile, policy, unread ? &current : nullptr));
+    outcome["reason"] = reason;
     if (!report.detail.empty()) outcome["detail"] = report.detail;
     outcome["checks"] = json::array();
     for (const RpmCheck& check : report.checks) {
@@ -289,25 +295,17 @@ json Outcome(const std::string& file, const KeyBytes& key, const std::string& gi
         if (!check.keyId.empty()) item["keyId"] = check.keyId;
         outcome["checks"].push_back(item);
     }
-    // The classic check reads RSA signatures only (tags 268 and 1002): the signatures it does not read
-    // are named, as the current policy reads them, so that such a package is not just "not signed".
-    if (policy == SigningPolicy::Classic && report.stage == RpmStage::Checked && report.result != ResultSigned) {
-        RpmReport current;
-        const RpmVerifyResult other = rpm_verify_report(file.c_str(), key, current, SigningPolicy::Current);
-        if (other.message != nullptr && std::strcmp(other.message, "Internal error.") != 0) std::free(other.message);
-        for (const RpmCheck& check : current.checks) {
-            const bool signature = check.kind == RpmCheck::HeaderSignature || check.kind == RpmCheck::PackageSignature;
-            if (!signature || check.label.find(" RSA/") != std::string::npos || check.state == RpmCheck::NotFound) {
-                continue;
-            }
-            json item = {{"check", check.label},
-                         {"result", "UNSUPPORTED"},
-                         {"reason", "the classic policy reads RSA signatures only; --policy=current checks this one"}};
-            if (!check.keyId.empty()) item["keyId"] = check.keyId;
-            outcome["checks"].push_back(item);
+    for (const RpmCheck& check : current.checks) {
+        const bool signature = check.kind == RpmCheck::HeaderSignature || check.kind == RpmCheck::PackageSignature;
+        if (!signature || check.label.find(" RSA/") != std::string::npos || check.state == RpmCheck::NotFound) {
+            continue;
         }
+        json item = {{"check", check.label},
+                     {"result", "UNSUPPORTED"},
+                     {"reason", "the classic policy reads RSA signatures only; --policy=current checks this one"}};
+        if (!check.keyId.empty()) item["keyId"] = check.keyId;
+        outcome["checks"].push_back(item);
     }
-    outcome["reason"] = reason;
     const std::string hint = HintOf(reason, report, key, given, policy);
     if (!hint.empty()) outcome["hint"] = hint;
     return outcome;
